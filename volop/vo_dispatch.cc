@@ -1,0 +1,1 @@
+// The dispatcher of VOPROG (filled in next).
