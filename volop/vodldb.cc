@@ -1,0 +1,3 @@
+#include "vodldb.h"
+
+void VoDldb::initialize() {}

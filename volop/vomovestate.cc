@@ -1,0 +1,3 @@
+#include "vomovestate.h"
+
+int VoMoveState::_keepSrc = 0;

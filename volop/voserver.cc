@@ -1,0 +1,219 @@
+#include "voserver.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <rpc/rpc.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "vodldb.h"
+#include "voerrors.h"
+#include "vostatelist.h"
+#include "votrace.h"
+#include "workerThreadPool.h"
+
+extern "C" int _rpc_dtablesize(void);
+
+static VoServer _voServer;
+VoServer* gVoServer = &_voServer;
+
+const unsigned char lidZero[16] = {0};
+
+// The port of the dump/restore socket: 909 as root, else whatever the kernel gave.
+static const int kDumpPort = 909;
+
+void VoServer::svc_run(unsigned int holdOffSec, unsigned int callsToServe, int numOfThreads) {
+    if (callsToServe != 0)
+        VO_TR(vo_vod, vo_warn, "vod will exit after servicing %d RPC calls\n", callsToServe);
+
+    int lsd = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    if (lsd < 0) {
+        VO_TR_RAW(vo_vod, vo_fatal, "Failed to create a socket: %s", strerror(errno));
+        return;
+    }
+    int one = 1;
+    if (setsockopt(lsd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) < 0) {
+        VO_TR_RAW(vo_vod, vo_fatal, "setsockopt(SO_REUSEADDR): %s", strerror(errno));
+        return;
+    }
+    sockaddr_in addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    addr.sin_port = htons(getuid() == 0 ? kDumpPort : 0);
+    // The messages name 909 even when the kernel chose the port.
+    if (bind(lsd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
+        VO_TR_RAW(vo_vod, vo_fatal, "Failed to bind to port=%d, (%s)\n", kDumpPort, strerror(errno));
+        return;
+    }
+    if (listen(lsd, 4) < 0) {
+        VO_TR_RAW(vo_vod, vo_fatal, "Failed to listen on port=%d, (%s)\n", kDumpPort,
+                  strerror(errno));
+        return;
+    }
+    // A non-root daemon has no fixed dump port; say where it is so an operator
+    // (or a test) can find it.
+    socklen_t alen = sizeof addr;
+    if (getsockname(lsd, reinterpret_cast<sockaddr*>(&addr), &alen) == 0)
+        VO_TR(vo_vod, vo_audit, "dump/restore socket listens on port %d\n", ntohs(addr.sin_port));
+
+    WorkerThreadPool::initialize(numOfThreads);
+    VoDldb::initialize();
+
+    timeval timeout;
+    timeout.tv_sec = holdOffSec;
+    timeout.tv_usec = 1;
+    unsigned int passes = 0;
+
+    for (;;) {
+        fd_set readfds = svc_fdset;
+        FD_SET(lsd, &readfds);
+        int maxfd = _rpc_dtablesize();
+        if (lsd > maxfd) maxfd = lsd + 1;
+
+        int n = select(maxfd, &readfds, nullptr, nullptr, &timeout);
+        if (n == -1) {
+            if (errno != EINTR) {
+                VO_TR_RAW(vo_vod, vo_fatal, "svc_run: - select failed (%s)\n", strerror(errno));
+                return;
+            }
+        } else if (n == 0) {
+            populateMissingVoStateFromVodb(lidZero);
+        } else {
+            if (FD_ISSET(lsd, &readfds)) {
+                // A pending connection is always taken first; RPC requests that
+                // arrived with it wait for the next pass.
+                int sd = accept(lsd, nullptr, nullptr);
+                if (sd < 0) {
+                    VO_TR_RAW(vo_vod, vo_fatal, "accept failed; (%s)\n", strerror(errno));
+                    close(lsd);
+                    return;
+                }
+                tcpVfsOp(sd);
+            } else {
+                svc_getreqset(&readfds);
+            }
+            if (_isFirstCall) populateMissingVoStateFromVodb(lidZero);
+        }
+
+        voStateList.retireCompletedOps();
+        timeout.tv_sec = voStateList.computeSleepTime();
+        timeout.tv_usec = 10000;
+        VO_TR(vo_vod, vo_audit, "sleepTime = %lu\n", static_cast<unsigned long>(timeout.tv_sec));
+
+        if (callsToServe != 0 && ++passes == callsToServe) return;
+    }
+}
+
+void VoServer::populateMissingVoStateFromVodb(const unsigned char* lid) {
+    // Resurrection reads the VODB; it arrives with the operation engine.  Until
+    // then there is nothing to rebuild and the pass counts as done.
+    (void)lid;
+    _isFirstCall = 0;
+}
+
+void VoServer::tcpVfsOp(int sd) {
+    // Dump and restore streams are not served yet: close the connection so the
+    // client sees it at once instead of waiting.
+    VO_TR(vo_vod, vo_warn, "dump/restore connection refused: not supported\n");
+    close(sd);
+}
+
+// ---------------------------------------------------------------------------
+// Request handlers whose operations are not built yet.  Each fills every field
+// of its result, as the dispatcher requires, and says "no such operation" or
+// "not supported" so a client gets a decodable answer.
+
+namespace {
+
+const unsigned kNotSupported = VOD_ERR_BASE + VOD_ERR_NOT_SUPPORTED;
+
+void noSuchOp(VoOut* out) {
+    out->rc = voErrNoSuchOp;
+    out->func = voErrFuncSuccess;
+    out->funcrc = 0;
+}
+
+void noSuchOp(VoVidOut* out) {
+    out->rc = voErrNoSuchOp;
+    out->func = voErrFuncSuccess;
+    out->funcrc = 0;
+    out->vid = 0;
+}
+
+template <typename PgrsOut>
+void noSuchOpPgrs(PgrsOut* out) {
+    memset(out, 0, sizeof *out);
+    out->rc = voErrNoSuchOp;
+}
+
+}  // namespace
+
+void VoServer::vfsCopy(VoLidVnameIn*, VoVidOut* out) { noSuchOp(out); }
+void VoServer::vfsCopyPgrs(VoVidLidIn*, VoCopyPgrsOut* out) { noSuchOpPgrs(out); }
+void VoServer::vfsCopyCancel(VoVidLidIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsCopyPause(VoVidLidIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsCopyResume(VoVidLidIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsMove(VoLidIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsMovePgrs(VoIn*, VoMovePgrsOut* out) { noSuchOpPgrs(out); }
+void VoServer::vfsMoveCancel(VoIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsMovePause(VoIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsMoveResume(VoIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsMirror(VoIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsMirrorPgrs(VoIn*, VoMirrorPgrsOut* out) { noSuchOpPgrs(out); }
+void VoServer::vfsMirrorCancel(VoLidIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsMirrorPause(VoIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsMirrorResume(VoIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsMirrorJoinGroup(VoLidVnameIn*, VoVidOut* out) { noSuchOp(out); }
+void VoServer::vfsMirrorLeaveGroup(VoVnameIn*, VoVidOut* out) { noSuchOp(out); }
+void VoServer::opComplete(unsigned long long) {}
+void VoServer::purgeOp(unsigned long long) {}
+void VoServer::dbgDump() {}
+
+void VoServer::vfsDelete(VoIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsSetRO(VoIn*, VoOut* out) { noSuchOp(out); }
+void VoServer::vfsSetRW(VoIn*, VoOut* out) { noSuchOp(out); }
+
+void VoServer::vfsFindByName(char*, FindVfsByNameOut* out) {
+    memset(out, 0, sizeof *out);
+    out->code = kNotSupported;
+}
+
+void VoServer::vfsCreate(CreateVfsIn*, CreateVfsOut* out) {
+    out->code = kNotSupported;
+    out->vfsId = 0;
+}
+
+void VoServer::vfsClone(unsigned, CloneVfsOut* out) {
+    out->code = kNotSupported;
+    out->cloneVfsId = 0;
+    out->cloneVfsName = strdup("");
+}
+
+void VoServer::vfsDeleteByName(char*, unsigned* code) { *code = kNotSupported; }
+void VoServer::vfsDeleteById(unsigned, unsigned* code) { *code = kNotSupported; }
+
+void VoServer::vfsDump(DumpVfsIn*, DumpVfsOut* out) {
+    memset(out, 0, sizeof *out);
+    out->code = kNotSupported;
+}
+
+void VoServer::vfsRestore(RestoreVfsIn*, RestoreVfsOut* out) {
+    memset(out, 0, sizeof *out);
+    out->code = kNotSupported;
+}
+
+void VoServer::vfsOpCancel(unsigned long long opid, unsigned* code) {
+    VO_TR(vo_vod, vo_audit, "opid=%llu\n", opid);
+    *code = voCompositeCode(VoProcVodVfsOpCancel, VOD_ERR_BASE + VOD_ERR_NOT_SUPPORTED);
+}
+
+void VoServer::vfsGetAttr(VoIn*, VoGetAttrOut* out) {
+    memset(out, 0, sizeof *out);
+    out->rc = voErrValidate;
+}
+
+void VoServer::vfsSetAttr(VoSetAttrIn*, unsigned* code) { *code = kNotSupported; }
