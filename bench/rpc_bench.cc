@@ -1,10 +1,10 @@
 // rpc_bench: how many VOPROG calls per second one client gets through one
 // TCP connection, calling back to back (one call in flight at a time).
 //
-//   rpc_bench [-t SECONDS] [-c CODE] [-H HOST] PORT
+//   rpc_bench [-t SECONDS] [-c CODE] [-p PROC] [-H HOST] PORT
 //       null calls for SECONDS (default 3), then decodeerror(CODE) calls
-//       (default 40002) for as long; prints "null RATE" and
-//       "decodeerror RATE", calls per second.
+//       (default 40002) for as long, or only the one PROC named; prints
+//       "PROC RATE CALLS" per procedure, RATE in calls per second.
 //   rpc_bench -w SECONDS [-H HOST] PORT
 //       wait until a null call on PORT succeeds; exit 0 when it does, 1 when
 //       SECONDS pass first.
@@ -19,6 +19,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <thread>
 
 #include "vo.h"
@@ -52,9 +53,9 @@ bool decodeErrorCall(CLIENT* clnt, u_int code) {
     return ok;
 }
 
-// Calls `call` back to back for `seconds` and returns calls per second.
+// Calls `call` back to back for `seconds` and prints the rate and the count.
 template <typename Call>
-double callRate(CLIENT* clnt, const char* name, double seconds, Call call) {
+void callRate(CLIENT* clnt, const char* name, double seconds, Call call) {
     for (int i = 0; i < kWarmUpCalls; ++i) {
         if (!call()) {
             clnt_perror(clnt, name);
@@ -74,7 +75,9 @@ double callRate(CLIENT* clnt, const char* name, double seconds, Call call) {
         ++calls;
         now = Clock::now();
     } while (now < end);
-    return calls / std::chrono::duration<double>(now - start).count();
+    std::printf("%s %.0f %ld\n", name, calls / std::chrono::duration<double>(now - start).count(),
+                calls);
+    std::fflush(stdout);
 }
 
 // Polls with a fresh connection each time, since the server may not listen yet.
@@ -94,7 +97,7 @@ int waitForServer(const char* host, int port, double seconds) {
 
 int usage() {
     std::fprintf(stderr,
-                 "usage: rpc_bench [-t SECONDS] [-c CODE] [-H HOST] PORT\n"
+                 "usage: rpc_bench [-t SECONDS] [-c CODE] [-p null|decodeerror] [-H HOST] PORT\n"
                  "       rpc_bench -w SECONDS [-H HOST] PORT\n");
     return 2;
 }
@@ -106,17 +109,20 @@ int main(int argc, char** argv) {
     double waitSeconds = -1;
     u_int code = 40002;
     const char* host = "127.0.0.1";
+    std::string proc;
     int opt;
-    while ((opt = getopt(argc, argv, "t:c:H:w:")) != -1) {
+    while ((opt = getopt(argc, argv, "t:c:p:H:w:")) != -1) {
         switch (opt) {
             case 't': seconds = std::atof(optarg); break;
             case 'c': code = static_cast<u_int>(std::strtoul(optarg, nullptr, 0)); break;
+            case 'p': proc = optarg; break;
             case 'H': host = optarg; break;
             case 'w': waitSeconds = std::atof(optarg); break;
             default: return usage();
         }
     }
     if (argc - optind != 1 || seconds <= 0) return usage();
+    if (!proc.empty() && proc != "null" && proc != "decodeerror") return usage();
     int port = std::atoi(argv[optind]);
     if (port <= 0 || port > 65535) return usage();
 
@@ -127,10 +133,10 @@ int main(int argc, char** argv) {
         clnt_pcreateerror("rpc_bench");
         return 1;
     }
-    double nullRate = callRate(clnt, "null", seconds, [clnt] { return nullCall(clnt); });
-    double decodeRate = callRate(clnt, "decodeerror", seconds,
-                                 [clnt, code] { return decodeErrorCall(clnt, code); });
+    if (proc.empty() || proc == "null")
+        callRate(clnt, "null", seconds, [clnt] { return nullCall(clnt); });
+    if (proc.empty() || proc == "decodeerror")
+        callRate(clnt, "decodeerror", seconds, [clnt, code] { return decodeErrorCall(clnt, code); });
     clnt_destroy(clnt);
-    std::printf("null %.0f\ndecodeerror %.0f\n", nullRate, decodeRate);
     return 0;
 }
