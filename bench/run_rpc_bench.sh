@@ -119,7 +119,7 @@ bare_port=$(port_of "$work/bare.port") ||
 # CPU time in ns of every thread of a process: unlike the call rates, this
 # hardly moves when other work on the machine competes for the cores.
 cpu_ns() {
-    cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{ t += $1 } END { printf "%d", t }'
+    cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{ t += $1 } END { printf "%.0f", t }'
 }
 
 # Best of the rounds: other load on the machine only ever slows a round down,
@@ -165,9 +165,12 @@ for proc in null decodeerror; do
         "${rate[vod.$proc]:-0}" "${rate[bare.$proc]:-0}" \
         "$(ratio "${rate[vod.$proc]:-0}" "${rate[bare.$proc]:-0}")"
 done
+# The same comparison from the servers' side: bare CPU per call over vod's,
+# the figure to trust when the machine is busy.
 for proc in null decodeerror; do
-    printf '%-21s vod %6s   bare %6s   (server CPU per call, us)\n' "$proc CPU/call:" \
-        "$(us "${cpu[vod.$proc]:-0}")" "$(us "${cpu[bare.$proc]:-0}")"
+    printf '%-21s vod %6s   bare %6s   ratio %s   (server CPU us per call)\n' "$proc CPU/call:" \
+        "$(us "${cpu[vod.$proc]:-0}")" "$(us "${cpu[bare.$proc]:-0}")" \
+        "$(ratio "${cpu[bare.$proc]:-0}" "${cpu[vod.$proc]:-0}")"
 done
 printf 'vod idle RSS: %s MiB (target < 20 MiB); after the calls: %s MiB\n' \
     "$(mib "$vod_idle_kib")" "$(mib "$vod_after_kib")"
