@@ -1,0 +1,72 @@
+#include "vodoptions.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+
+TEST(VodOptions, DefaultsWithoutArguments) {
+    char name[] = "vod";
+    char* argv[] = {name};
+    VodOptions o;
+    parseVodOptions(1, argv, &o);
+    EXPECT_EQ(o.tracePreset, 1);
+    EXPECT_EQ(o.isDaemon, 1);
+    EXPECT_EQ(o.holdOffSec, 0);
+    EXPECT_EQ(o.keepSrc, 0);
+    EXPECT_EQ(o.numOfThreads, 10);
+    EXPECT_EQ(o.callsToServe, 0);
+}
+
+struct Case {
+    std::vector<const char*> args;
+    int preset, daemon, holdOff, keep, threads, calls;
+};
+
+TEST(VodOptions, LettersAloneAndWithDigits) {
+    const Case cases[] = {
+        // args                    preset daemon hold keep thr calls
+        {{"-d"},                     4, 0, 0, 0, 10, 0},
+        {{"-d0"},                    0, 0, 0, 0, 10, 0},
+        {{"-d9"},                    9, 0, 0, 0, 10, 0},
+        {{"-h"},                     1, 1, 0, 0, 10, 0},
+        {{"-h30"},                   1, 1, 30, 0, 10, 0},
+        {{"-k"},                     1, 1, 0, 1, 10, 0},
+        {{"-k0"},                    1, 1, 0, 0, 10, 0},
+        {{"-t"},                     1, 1, 0, 0, 10, 0},
+        {{"-t20"},                   1, 1, 0, 0, 20, 0},
+        {{"-t0"},                    1, 1, 0, 0, 0, 0},
+        {{"-t-3"},                   1, 1, 0, 0, -3, 0},
+        {{"-x"},                     1, 1, 0, 0, 10, 1},
+        {{"-x5"},                    1, 1, 0, 0, 10, 5},
+        // a number must be glued to its letter; the separate word is ignored
+        {{"-t", "20"},               1, 1, 0, 0, 10, 0},
+        // unknown letters and bare words are ignored
+        {{"-z", "word", "-"},        1, 1, 0, 0, 10, 0},
+        // later occurrences win
+        {{"-t5", "-t7", "-d2", "-d"}, 4, 0, 0, 0, 7, 0},
+        {{"-k", "-k0"},              1, 1, 0, 0, 10, 0},
+    };
+    for (const Case& c : cases) {
+        std::vector<char*> argv{const_cast<char*>("vod")};
+        std::string shown;
+        for (const char* a : c.args) {
+            argv.push_back(const_cast<char*>(a));
+            shown += std::string(a) + " ";
+        }
+        VodOptions o;
+        parseVodOptions(static_cast<int>(argv.size()), argv.data(), &o);
+        SCOPED_TRACE(shown);
+        EXPECT_EQ(o.tracePreset, c.preset);
+        EXPECT_EQ(o.isDaemon, c.daemon);
+        EXPECT_EQ(o.holdOffSec, c.holdOff);
+        EXPECT_EQ(o.keepSrc, c.keep);
+        EXPECT_EQ(o.numOfThreads, c.threads);
+        EXPECT_EQ(o.callsToServe, c.calls);
+    }
+}
+
+}  // namespace
