@@ -1,0 +1,59 @@
+// The simulated node's layout (D-blades, LPs, virtual servers) and the one lock over all
+// simulated state.  Every service function and every control command that touches state
+// holds SimNode::lock() while it does; fault holds and delays are served without it.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct SimLp {
+  unsigned char uuid[16];
+  std::string name;
+  int state;                 // DBladeLPStatus, 4 = online
+  uint16_t did;              // owning D-blade
+  unsigned blockSize;
+  uint64_t sizeBlocks;       // capacity; used blocks come from the volume store
+};
+
+struct SimDblade {
+  uint16_t did;
+  std::string host;
+};
+
+struct SimVserver {
+  unsigned id;
+  std::string name;
+};
+
+class SimNode {
+ public:
+  static SimNode& get();
+
+  // The big lock: every service function and control command holds it while touching state.
+  std::mutex& lock();
+  // Where the simulator keeps its databases and volumes (option --dir).
+  const std::string& dataDir() const;
+  // The node's name (coordinator/DLDB).
+  std::string nodeName() const;
+
+  std::vector<SimDblade> dblades;
+  std::vector<SimLp> lps;
+  std::vector<SimVserver> vservers;
+
+  // Lookups over the layout; the caller holds lock().  Null when there is none.
+  SimLp* findLp(const unsigned char uuid[16]);
+  SimLp* findLpByName(const std::string& name);
+  const SimDblade* findDblade(uint16_t did) const;
+
+  // Set once by main before any service thread runs.
+  void setDataDir(const std::string& dir);
+  void setNodeName(const std::string& name);
+
+ private:
+  SimNode() = default;
+  std::mutex lock_;
+  std::string dataDir_;
+  std::string nodeName_ = "node1";
+};
