@@ -1,0 +1,151 @@
+#include "voerrors.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "message_catalogs/resource_bundle.h"
+
+namespace {
+
+struct ProcName {
+    unsigned proc;
+    const char* name;
+};
+
+const ProcName procNames[] = {
+    {VoProcDbladeVolSetAttrs, "DbladeVolSetAttrs"},
+    {VoProcDbladeVolCreate, "DbladeVolCreate"},
+    {VoProcDbladeVolDelete, "DbladeVolDelete"},
+    {VoProcDbladeVolClone, "DbladeVolClone"},
+    {VoProcDbladeVolShadow, "DbladeVolShadow"},
+    {VoProcDbladeLpListAll, "DbladeLpListAll"},
+    {VoProcVicIncrCopyMirror, "VicIncrCopyMirror"},
+    {VoProcVicIncrCopyMove, "VicIncrCopyMove"},
+    {VoProcVicIncrCopyProgress, "VicIncrCopyProgress"},
+    {VoProcVicIncrCopyPause, "VicIncrCopyPause"},
+    {VoProcVicIncrCopyResume, "VicIncrCopyResume"},
+    {VoProcVicIncrCopyConclude, "VicIncrCopyConclude"},
+    {VoProcVicIncrCopyCancel, "VicIncrCopyCancel"},
+    {VoProcVicIncrCopyStats, "VicIncrCopyStats"},
+    {VoProcVicTcpVfsDump, "VicTcpVfsDump"},
+    {VoProcVicTcpVfsRestore, "VicTcpVfsRestore"},
+    {VoProcVicIncrCopyCancelOp, "VicIncrCopyCancelOp"},
+    {VoProcSysGetTimeOfDay, "SysGetTimeOfDay"},
+    {VoProcSysSocket, "SysSocket"},
+    {VoProcSysBind, "SysBind"},
+    {VoProcSysListen, "SysListen"},
+    {VoProcSysRecv, "SysRecv"},
+    {VoProcSysSend, "SysSend"},
+    {VoProcSysSetSoKeepAlive, "SysSetSoKeepAlive"},
+    {VoProcSysSetSoLinger, "SysSetSoLinger"},
+    {VoProcSysMalloc, "SysMalloc"},
+    {VoProcVldbRecordLookup, "VldbRecordLookup"},
+    {VoProcVldbCreateRecord, "VldbCreateRecord"},
+    {VoProcVldbDeleteRecord, "VldbDeleteRecord"},
+    {VoProcVldbLpConvert, "VldbLpConvert"},
+    {VoProcVldbNewVfsId, "VldbNewVfsId"},
+    {VoProcVodbCreate, "VodbCreate"},
+    {VoProcDldbGetLidByLpName, "DldbGetLidByLpName"},
+    {VoProcDldbGetHostByDid, "DldbGetHostByDid"},
+    {VoProcDldbGetVserverIdByName, "DldbGetVserverIdByName"},
+    {VoProcVodRpcCreateClient, "VodRpcCreateClient"},
+    {VoProcVodVldbFindVfs, "VodVldbFindVfs"},
+    {VoProcVodVfsDelete, "VodVfsDelete"},
+    {VoProcVodVfsDump, "VodVfsDump"},
+    {VoProcVodVfsRestore, "VodVfsRestore"},
+    {VoProcVodVfsOpCancel, "VodVfsOpCancel"},
+    {VoProcVodVfsDumpOldLabel, "VodVfsDumpOldLabel"},
+    {VoProcVodVfsDumpNewLabel, "VodVfsDumpNewLabel"},
+    {VoProcVodRecvCookie, "VodRecvCookie"},
+    {VoProcVodTcpOpValidate, "VodTcpOpValidate"},
+    {VoProcVodInvokeDbladeDump, "VodInvokeDbladeDump"},
+    {VoProcVodInvokeDbladeRestore, "VodInvokeDbladeRestore"},
+    {VoProcVodStartDbladeIncrCopy, "VodStartDbladeIncrCopy"},
+    {VoProcVodCreateState, "VodCreateState"},
+    {VoProcHAMgrAdmin2GetNode, "HAMgrAdmin2GetNode"},
+    {VoProcHAMgrAdmin2ListAllIPs, "HAMgrAdmin2ListAllIPs"},
+};
+
+const char* notCataloged(unsigned code, char* buf, int size) {
+    if (buf == nullptr || size <= 0) return nullptr;
+    snprintf(buf, static_cast<size_t>(size), "message not cataloged for code=%u", code);
+    return buf;
+}
+
+}  // namespace
+
+const char* proc2string(unsigned proc) {
+    if (proc == VoProcNone) return "";
+    for (const ProcName& p : procNames) {
+        if (p.proc == proc) return p.name;
+    }
+    return "procUnknown";
+}
+
+const char* error2module(unsigned code) {
+    if (code == 0) return "";
+    if (code < VO_ERR_INCRCOPY_BASE) return "TarnFS";
+    if (code < VO_ERR_SYSTEM_BASE) return "INCRCOPY";
+    if (code < VO_ERR_RPC_BASE) return "SYSTEM";
+    if (code < VO_ERR_VLDB_BASE) return "RPC";
+    if (code < VO_ERR_DLDB_BASE) return "VLDB";
+    if (code < VOD_ERR_BASE) return "DLDB";
+    if (code < VO_ERR_HAMGR_BASE) return "VOD";
+    return "HAMgr";
+}
+
+const char* getMessageFromCatalog(int catalog, const char* keyFormat, unsigned value) {
+    if (catalog <= 0 || catalog >= RB_SLOT_COUNT) return nullptr;
+    const arrayResourceBundle* rb = resourceBundleTable[catalog];
+    if (rb == nullptr) return nullptr;
+
+    char key[256];
+    snprintf(key, sizeof(key), keyFormat, value);
+    for (unsigned i = 0; i < rb->table_size_; ++i) {
+        if (strcmp(rb->resource_table_[i][RB_KEY], key) == 0)
+            return rb->resource_table_[i][RB_MESSAGE];
+    }
+    return nullptr;
+}
+
+// The first value of each catalogued range, and all of the DLDB range, have no
+// catalog row on purpose; callers see the code echoed instead.
+const char* getMessage(unsigned code, char* buf, int size) {
+    if (code == 0) return nullptr;
+    if (code < VO_ERR_INCRCOPY_BASE)
+        return getMessageFromCatalog(RB_SLOT_TARNFSCLIENT, "0x%08x", code);
+    if (code < VO_ERR_SYSTEM_BASE) {
+        if (code == VO_ERR_INCRCOPY_BASE) return notCataloged(code, buf, size);
+        return getMessageFromCatalog(RB_SLOT_DBLADEINCRCOPY, "%08u", code);
+    }
+    if (code < VO_ERR_RPC_BASE) {
+        if (code == VO_ERR_SYSTEM_BASE) return notCataloged(code, buf, size);
+        return strerror(static_cast<int>(code - VO_ERR_SYSTEM_BASE));
+    }
+    if (code < VO_ERR_VLDB_BASE) {
+        if (code == VO_ERR_RPC_BASE) return notCataloged(code, buf, size);
+        return getMessageFromCatalog(RB_SLOT_RPC, "%u", code - VO_ERR_RPC_BASE);
+    }
+    if (code < VO_ERR_DLDB_BASE) {
+        if (code == VO_ERR_VLDB_BASE) return notCataloged(code, buf, size);
+        return getMessageFromCatalog(RB_SLOT_VLDBCLIENT, "%08u", code - VO_ERR_VLDB_BASE);
+    }
+    if (code <= VOD_ERR_BASE) return notCataloged(code, buf, size);
+    return getMessageFromCatalog(RB_SLOT_VODCLIENT, "%08u", code - VOD_ERR_BASE);
+}
+
+char* errorDecode(unsigned code, VoErrOut* out) {
+    out->proc = code >> 16;
+    out->code = code & 0xFFFF;
+
+    char buf[256];
+    const char* msg = getMessage(out->code, buf, sizeof(buf));
+    char line[256];
+    // A missing catalog row prints as "(null)", the text clients already know;
+    // spelled out so it does not depend on how printf treats a null "%s".
+    snprintf(line, sizeof(line), "(%s) %s: %s", error2module(out->code), proc2string(out->proc),
+             msg != nullptr ? msg : "(null)");
+    out->message = strdup(line);
+    return out->message;
+}
