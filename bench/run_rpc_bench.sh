@@ -126,7 +126,7 @@ cpu_ns() {
 # or makes a call cost more CPU (cold caches), never the other way.
 declare -A rate cpu
 measure() {
-    local server=$1 port=$2 pid=$3 proc=$4 key=$1.$4 before after name r calls
+    local server=$1 port=$2 pid=$3 proc=$4 key=$1.$4 before after r calls
     if ! kill -0 "$pid" 2>/dev/null; then
         echo "run_rpc_bench: $server has exited" >&2
         return 0
@@ -138,7 +138,7 @@ measure() {
         return 0
     fi
     after=$(cpu_ns "$pid")
-    read -r name r calls <"$work/rates"
+    read -r _ r calls <"$work/rates"
     ((r > ${rate[$key]:-0})) && rate[$key]=$r
     ((calls > 0)) || return 0
     r=$(((after - before) / calls))
@@ -174,4 +174,6 @@ for proc in null decodeerror; do
 done
 printf 'vod idle RSS: %s MiB (target < 20 MiB); after the calls: %s MiB\n' \
     "$(mib "$vod_idle_kib")" "$(mib "$vod_after_kib")"
-((standins)) || echo "(no stand-ins: vod retried its start-up pass after every request)"
+# Rates swing with other load on the cores; say how much there was.
+echo "load average: $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) cores"
+((standins)) || echo "(no stand-ins: until its start-up pass can make its clients, vod retries it after every request)"
