@@ -3,6 +3,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <utility>
 
 #include "message_catalogs/resource_bundle.h"
 
@@ -95,18 +100,42 @@ const char* error2module(unsigned code) {
     return "HAMgr";
 }
 
+namespace {
+
+// The first row whose key a value formats to, per (catalog, key format).  Built
+// on first use by formatting each row's number back and keeping the rows that
+// round-trip exactly, so it answers what a scan of the rows in order would,
+// without a snprintf and a string compare per row on every decode.
+using CatalogIndex = std::unordered_map<unsigned, const char*>;
+
+const CatalogIndex& catalogIndex(int catalog, const arrayResourceBundle* rb, const char* keyFormat) {
+    static std::mutex lock;
+    static std::map<std::pair<int, std::string>, CatalogIndex> indexes;
+    std::lock_guard<std::mutex> g(lock);
+    auto found = indexes.find({catalog, keyFormat});
+    if (found != indexes.end()) return found->second;
+    CatalogIndex& idx = indexes[{catalog, keyFormat}];
+    for (unsigned i = 0; i < rb->table_size_; ++i) {
+        const char* key = rb->resource_table_[i][RB_KEY];
+        unsigned value;
+        char back[256];
+        if (sscanf(key, keyFormat, &value) != 1) continue;
+        snprintf(back, sizeof(back), keyFormat, value);
+        if (strcmp(back, key) == 0) idx.emplace(value, rb->resource_table_[i][RB_MESSAGE]);
+    }
+    return idx;
+}
+
+}  // namespace
+
 const char* getMessageFromCatalog(int catalog, const char* keyFormat, unsigned value) {
     if (catalog <= 0 || catalog >= RB_SLOT_COUNT) return nullptr;
     const arrayResourceBundle* rb = resourceBundleTable[catalog];
     if (rb == nullptr) return nullptr;
 
-    char key[256];
-    snprintf(key, sizeof(key), keyFormat, value);
-    for (unsigned i = 0; i < rb->table_size_; ++i) {
-        if (strcmp(rb->resource_table_[i][RB_KEY], key) == 0)
-            return rb->resource_table_[i][RB_MESSAGE];
-    }
-    return nullptr;
+    const CatalogIndex& idx = catalogIndex(catalog, rb, keyFormat);
+    auto row = idx.find(value);
+    return row == idx.end() ? nullptr : row->second;
 }
 
 // The first value of each catalogued range, and all of the DLDB range, have no
