@@ -71,8 +71,11 @@ void VoServer::svc_run(unsigned int holdOffSec, unsigned int callsToServe, int n
     for (;;) {
         fd_set readfds = svc_fdset;
         FD_SET(lsd, &readfds);
+        // The library's descriptor table size is the process's open-file limit,
+        // which can exceed the fd_set we hand to select.
         int maxfd = _rpc_dtablesize();
-        if (lsd > maxfd) maxfd = lsd + 1;
+        if (maxfd > FD_SETSIZE) maxfd = FD_SETSIZE;
+        if (lsd >= maxfd) maxfd = lsd + 1;
 
         int n = select(maxfd, &readfds, nullptr, nullptr, &timeout);
         if (n == -1) {
