@@ -3,7 +3,14 @@
 #ifndef VOLOP_VOSERVER_H
 #define VOLOP_VOSERVER_H
 
+#include <rpc/rpc.h>
+
+#include "dblade_lpm.h"
 #include "vo.h"
+#include "votrace.h"
+
+class VoState;
+class VoRPCClient;
 
 class VoServer {
 public:
@@ -14,9 +21,54 @@ public:
     // callsToServe passes (0 = for ever); a pass is one wake-up of select.
     void svc_run(unsigned int holdOffSec, unsigned int callsToServe, int numOfThreads);
 
-    // Rebuilds operations recorded in the VODB for LP lid (all zero = every LP)
-    // that are not in memory.  Clears _isFirstCall once it has succeeded.
+    // Rebuilds operations recorded in the VODB for LP lid (lidZero = every
+    // LP the local D-blade serves on line) that are not in memory, marks
+    // registered operations whose VODB records are gone, and runs the
+    // registry's status checks.  Clears _isFirstCall once its clients could
+    // be made.
     void populateMissingVoStateFromVodb(const unsigned char* lid);
+
+    // Rebuilds, from the cached VODB source records, the operations the
+    // registry does not know whose LP is in lps (count entries) and on line;
+    // registers them with staggered status stamps, without queueing them.
+    // Holds the VODB cache lock for the whole pass.
+    void resurrectMissingStates(CLIENT* clnt, unsigned count, LPGetAllEntry* lps);
+
+    // The new operation object for a VODB operation type, or null for a type
+    // this daemon does not know (traced).  Every operation class adds its
+    // type here.
+    static VoState* newVoStateOfType(int opType);
+
+    // The three local clients every job and several handlers use: VLDB (70 s
+    // call time-out), incremental copy and D-blade volume, all at localhost.
+    // 0, or 5003 (VLDB), 5031 (time-out not set) or 5004 (either D-blade
+    // program); on failure none of the three is left open.  Any thread.
+    static unsigned batchClntCreate(VoRPCClient& vldb, VoRPCClient& incrcopy,
+                                    VoRPCClient& dbladeVol);
+
+    // Whether the VODB cache holds a record of opid (traced when not).
+    // Takes the VODB cache lock.
+    static bool isVodbRecordPresent(unsigned long long opid);
+
+    // Checks, persists and queues a new operation (job state 10, start job).
+    // 0 when queued, else the failing code with (rc, func, funcrc) filled;
+    // 2000 when the clients could not be made.
+    unsigned voStart(VoState* op, voErrRc* rc, voErrFunc* func, unsigned* funcrc);
+
+    // Hands a stream completion to a worker (job state 13, job type 2) unless
+    // a worker holds the operation or the completion is already known.  The
+    // caller holds a registry reference on op.  Any thread that may take the
+    // operation lock (the registry calls it with its list lock held).
+    static void runOpComplete(VoState* op);
+
+    // Registry visitors (VoStateList::iterator; they run under its lock).
+    // A finished operation on newOp's source volume, already polled for the
+    // last time and gone from the VODB, is no longer retained.
+    static void retireMatchingOps(void* newOp, VoState* each);
+    // Marks an operation retired from the VODB when the cache has no record of it.
+    static void checkForMissingVodbRecords(void*, VoState* each);
+    // Stamps an operation as checked now.
+    static void resetStatusCheckedAtTimes(void*, VoState* each);
 
     // Takes ownership of a connection accepted on the dump/restore socket.
     void tcpVfsOp(int sd);
@@ -61,14 +113,29 @@ public:
     void vfsSetAttr(VoSetAttrIn* in, unsigned* code);
 
     bool isFirstCall() const { return _isFirstCall; }
+    void setFirstCallForTest() { _isFirstCall = 1; }
 
 private:
+    // The shared shape of progress, cancel, pause and resume: find the
+    // operation (a registry reference), lock it, refuse with VoJobInit while
+    // it waits for its first worker turn, make an incremental-copy client,
+    // and call forward(op, client) with all of them held; every path
+    // releases them.  Key names the operation (see vo_opreq.cc).
+    template <class Key, class Out, class Forward>
+    void lookupLockForward(const Key& key, Out* out, VoTrace::Level notFoundLevel,
+                           Forward forward);
+
     unsigned _isFirstCall : 1;
+
+    // ---- Volume administration additions (owned by the delete work). ----
 };
 
 extern VoServer* gVoServer;
 
 // The all-zero LP id: every logical partition.
 extern const unsigned char lidZero[16];
+
+// Where every local service (VLDB, DLDB, the local D-blade) is reached.
+extern const char* localhost;
 
 #endif

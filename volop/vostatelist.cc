@@ -1,12 +1,9 @@
 #include "vostatelist.h"
 
+// Transitional: the registry's implementation follows its header.
 VoStateList voStateList;
 
-void VoStateList::retireCompletedOps() {
-    std::lock_guard<std::mutex> g(_lock);
-}
-
-unsigned long VoStateList::computeSleepTime() {
-    std::lock_guard<std::mutex> g(_lock);
-    return kMaxSleepSec;  // an empty registry needs no status checks
-}
+VoStateList::VoStateList() {}
+VoStateList::~VoStateList() {}
+void VoStateList::retireCompletedOps() {}
+unsigned long VoStateList::computeSleepTime() { return kMaxSleepSec; }

@@ -1,0 +1,299 @@
+// VoState: the base of every volume operation (copy, move, mirror, delete,
+// dump/restore).
+//
+// One object lives for each operation the daemon knows, from the request
+// that creates it (or the resurrection that rebuilds it from its VODB
+// records) until the registry retires it. The base holds the operation's
+// identity (_opid, _srcRec), the flags that drive its life cycle, the
+// reference count and job fields used by the registry and the worker pool,
+// and the per-operation lock. It runs the steps every operation shares:
+// prepare, start, pause/resume/conclude of the D-blade stream, and helpers
+// over the VLDB, the VODB and the D-blades.
+//
+// Threads: the loop thread (handlers, registry scans) and one worker at a
+// time (the job it was queued for) touch an operation. The lifecycle flags
+// and job fields are atomics, so either side may read them at any time;
+// decisions that must not interleave (assigning a job, the registry's
+// status check, concluding the stream) are made under _voStateLock.
+//
+// Lock order: the registry's voStateLock, then an operation's _voStateLock,
+// which is released before WorkerThreadPool's queue lock is taken. The VODB
+// cache lock and the D-blade host-table lock are leaves.
+#ifndef VOLOP_VOSTATE_H
+#define VOLOP_VOSTATE_H
+
+#include <pthread.h>
+#include <rpc/rpc.h>
+
+#include <atomic>
+
+#include "dblade_incrcopy.h"
+#include "dblade_vol.h"
+#include "vldb_server.h"
+#include "vo.h"
+#include "voerrors.h"
+#include "vorec.h"
+
+class VoRPCClient;
+
+// Job states an operation goes through in the worker pool. The constructor
+// leaves jobState at VO_JOB_NONE; whoever creates or resurrects an operation
+// gives it its first real value.
+enum VoJobState : int {
+    VO_JOB_NONE = 0,
+    VO_JOB_CLNT_FAILED = 6,   // a worker could not make its RPC clients
+    VO_JOB_INIT = 10,         // queued by voStart, waiting for its first worker turn
+    VO_JOB_STARTED = 11,      // start() has run, successfully or not
+    VO_JOB_RECOVERING = 12,   // handed to a worker for crash recovery
+    VO_JOB_OP_COMPLETE = 13,  // a completion notice is being handled
+};
+
+// The error triple most operations keep: high-level code, failing function,
+// that function's status. Subclasses hold one and forward the six error
+// accessors to it. Not locked: the owner decides who may touch it.
+struct VoErrTriple {
+    voErrRc rc = voErrRcSuccess;
+    voErrFunc func = voErrFuncSuccess;
+    unsigned funcrc = 0;
+
+    void get(voErrRc* r, voErrFunc* f, unsigned* fr) const {
+        if (r) *r = rc;
+        get(f, fr);
+    }
+    void get(voErrFunc* f, unsigned* fr) const {
+        if (f) *f = func;
+        if (fr) *fr = funcrc;
+    }
+    void setHiLvl(voErrRc r) { rc = r; }
+    void set(voErrFunc f, unsigned fr) {
+        func = f;
+        funcrc = fr;
+    }
+    void setAll(voErrRc r, voErrFunc f, unsigned fr) {
+        rc = r;
+        set(f, fr);
+    }
+    void setAll(const VoErr& e) { set(e.func(), e.funcrc()); }
+};
+
+class VoState {
+    // The registry, the pool and the server drive the lifecycle fields
+    // directly, as the operation's own code does.
+    friend class VoStateList;
+    friend class WorkerThreadPool;
+    friend class VoServer;
+
+public:
+    // Last operation ids the VODB cache refresh saw created and deleted.
+    // Guarded by vodbCacheLock (VodbCacheLock); set both to 0 to force the
+    // next refresh to re-read the records (forceNextRefreshVodbCache).
+    static unsigned long long _lastCreatedOpid;
+    static unsigned long long _lastDeletedOpid;
+
+    // Set when the object was rebuilt from the VODB rather than requested.
+    // Written by resurrection before the operation is registered.
+    int opResurrected;
+
+    // _refCount 1 (the creator's, handed to the registry by addNewOp),
+    // _exportRuleset 65535, everything else clear. A mutex failure is fatal.
+    VoState();
+    virtual ~VoState();
+
+    VoState(const VoState&) = delete;
+    VoState& operator=(const VoState&) = delete;
+
+    // ---- Operations every subclass provides, in this slot order. ----
+    virtual void dbgDump() = 0;
+    // The operation's error triple.
+    virtual void getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) = 0;
+    virtual void getErr(voErrFunc* func, unsigned* funcrc) = 0;
+    virtual void setHiLvlErr(voErrRc rc) = 0;
+    virtual void setErr(voErrFunc func, unsigned funcrc) = 0;
+    virtual void setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc) = 0;
+    virtual void setAllErr(VoErr& err) = 0;
+    // Does the operation use volume (vid, lid) in that operation type and role.
+    virtual bool isUsing(unsigned vid, const unsigned char* lid, VoRec::VoType type,
+                         VoRec::VfsRole role) = 0;
+    // Polls the D-blade for the stream's progress and updates the running
+    // flag; returns a status (0 = answer received).
+    virtual unsigned progress(CLIENT* clntSrcDbladeIncrCopy) = 0;
+    // incrcopypause_1 / incrcopyresume_1 of the stream; the answer goes into
+    // out (zero on success). Called by a handler holding the operation lock.
+    virtual void pause(CLIENT* clntSrcDbladeIncrCopy, VoOut* out);
+    virtual void resume(CLIENT* clntSrcDbladeIncrCopy, VoOut* out);
+    // Concludes the D-blade stream once it no longer runs: sets
+    // _incrcopyGotConclude on success (or when the D-blade no longer knows
+    // the stream). Caller holds the operation lock.
+    virtual void concludeDbladeIncrCopy(CLIENT* clntSrcDbladeIncrCopy);
+    // Finishes the operation: volumes, VLDB, then the VODB records.
+    virtual unsigned conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                              CLIENT* clntSrcDbladeIncrCopy) = 0;
+    // Rebuilds the object from the cached VODB records of opid. The caller
+    // holds a VodbCacheLock. 0 on success.
+    virtual unsigned resurrectFromVoRec(unsigned long long opid, CLIENT* clntVldb) = 0;
+    // Rolls a resurrected or stalled operation forward or back. 0 on success.
+    virtual unsigned recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                                      CLIENT* clntSrcDbladeIncrCopy) = 0;
+
+protected:
+    // True when the operation may run.
+    virtual bool validate(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) = 0;
+    // Persists the operation's VODB records; 0 on success.
+    virtual unsigned mkRec(CLIENT* clntVldb) = 0;
+    // Creates the op src, the sink and the sink's VLDB record; 0 on success.
+    virtual unsigned mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) = 0;
+    // Asks the D-blade to start the stream; 0, 5005 (local mirror only) or an error.
+    virtual unsigned startStream(CLIENT* clntSrcDbladeIncrCopy, CLIENT* clntSrcDbladeVol) = 0;
+    // Subclasses add isUsing(lid) and isUsing(vid, lid) after these; they
+    // must say `using VoState::isUsing;` to keep the forms above visible.
+
+public:
+    // ---- Identity and lifecycle. ----
+    unsigned long long getOpid() const { return _opid; }
+    const VoRec& srcRec() const { return _srcRec; }
+    // _opid == opid.
+    bool isUsing(unsigned long long opid);
+
+    // One trace line with every lifecycle field; who names the caller.
+    void printState(const char* who);
+
+    bool mgmtGotLastProgress() const { return _mgmtGotLastPgrs; }
+    void setMgmtGotLastProgress() { _mgmtGotLastPgrs = true; }
+    void clearRetainOpAfterLastProgress() { _retainOpAfterLastProgress = false; }
+    void setRetainOpAfterLastProgress() { _retainOpAfterLastProgress = true; }
+    // Final progress fetched and not asked to be kept.
+    bool canRetireFromMem() const { return _mgmtGotLastPgrs && !_retainOpAfterLastProgress; }
+    void setRetiredFromVodb() { _vodbRecordStored = false; }
+    void setVodbRecordStored() { _vodbRecordStored = true; }
+    bool retiredFromVodb() const { return !_vodbRecordStored; }
+    void bumpUpRecoveryAttempts() { _recoveryAttempted++; }
+    unsigned recoveryAttempts() const { return _recoveryAttempted; }
+    // The third attempt gives up on the VODB record.
+    bool forceRetireFromVodb() const { return _recoveryAttempted > 2; }
+    // Record gone and more than nine attempts: leave memory without the
+    // management client's last progress query.
+    bool forceRetireFromMem() const { return retiredFromVodb() && _recoveryAttempted > 9; }
+
+    // Wall-clock seconds; 0 when the clock cannot be read (traced).
+    static unsigned getCurrentTime();
+    // Tests replace the clock; null restores gettimeofday.
+    static void setClockForTest(unsigned (*clock)());
+
+    void setStatusCheckedAtTime(unsigned t) { _statusCheckedAtTime = t; }
+    unsigned getStatusCheckedAtTime() const { return _statusCheckedAtTime; }
+    int getJobState() const { return jobState; }
+    void setJobState(int s) { jobState = s; }
+    int getDbladeIncrCopyStatus() const { return _dbladeIncrCopyRunning; }
+    void setDbladeIncrCopyStatus(int running) { _dbladeIncrCopyRunning = running != 0; }
+    bool incrcopyGotConclude() const { return _incrcopyGotConclude; }
+    bool opCompleteReceived() const { return _opCompleteReceived; }
+    bool rollForward() const { return _rollForward; }
+    int refCount() const { return _refCount; }
+
+    // _voStateLock; a failure is fatal. Not recursive.
+    void getLock();
+    void releaseLock();
+
+    // Set by WorkerThreadPool::queueJob under the operation lock; cleared by
+    // the worker when the job is over.
+    bool isJobAssignedToThread() const { return jobAssignedToThread; }
+    void setJobAssignedToThread() { jobAssignedToThread = true; }
+    void jobIsFree() { jobAssignedToThread = false; }
+
+    // ---- Shared steps. ----
+    // Source exists (VLDB and D-blade), VODB cache fresh, validate, mkRec.
+    // 0 on success, else 5003/5004 (missing client), 14 (no source), the
+    // cache refresh's code, 8 (refused) or 2014 (not recorded); callers test
+    // for zero only. Sets _vodbRecordStored on success.
+    unsigned prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
+    // Makes the op src and sink (mkOpSrcSink) and starts the stream. Returns
+    // 0, 5005 (local mirror only, no high-level error) or the failing code.
+    // Leaves jobState 11; sets _rollForward only on full success.
+    unsigned start(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, CLIENT* clntSrcDbladeIncrCopy);
+
+    // ---- Helpers over the VLDB, the VODB and the D-blades. ----
+    // 0 when _srcRec's volume has exactly one VLDB record and the D-blade
+    // answers its data version (kept in _srcRec); else the failing code with
+    // the error set. Copies the record's type, root flag, family, export rule set.
+    unsigned isSrcExist(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
+    // A missing volume is success with *isExist 0.
+    static VoErr getDataVerFromVLDB(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid,
+                                    int* isExist, unsigned long long* dver);
+    // 60-second D-blade call; a volume flagged busy answers getTheReturnCode(flags).
+    static VoErr getDataVerFromDblade(CLIENT* clntDbladeVol, unsigned vfsid,
+                                      const unsigned char* lid, unsigned long long* dver);
+    static VoErr newVfsid(CLIENT* clntVldb, unsigned* vfsid);
+    // Creates the VLDB record of a volume. The numbers are those of the VLDB
+    // record (rec_create_input), in its order.
+    static VoErr vldbCreateRecord(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid,
+                                  const char* vfsname, const char* family, unsigned vfsType,
+                                  unsigned isRoot, unsigned crtimeSec, unsigned crtimeUsec,
+                                  unsigned vserver, unsigned long long dataVer,
+                                  unsigned short exportRuleset, unsigned appId);
+    // A record already gone (VLDB_INVALID_VFSID) counts as deleted.
+    static VoErr vldbDeleteRecord(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid);
+    // The error's code is the D-blade's status (21: no such volume on that LP)
+    // or the transport failure.
+    static VoErr dbladeDeleteVfs(CLIENT* clntDbladeVol, unsigned vfsid, const unsigned char* lid);
+    // Connects out to the D-blade volume service of the LP's D-blade; rec, when
+    // given, learns the D-blade id.
+    static VoErr mkDbladeClient(CLIENT* clntVldb, const unsigned char* lid, VoRPCClient* out,
+                                VoRec* rec);
+    // Sets a volume read-write or read-only, D-blade first, then the VLDB.
+    // Refused with (voErrVodValidate, busy code) while any recorded operation
+    // uses the volume.
+    static VoErr setVfsType(CLIENT* clntVldb, CLIENT* clntDbladeVol, unsigned vfsid,
+                            const unsigned char* lid, vldb_vfs_types type);
+    static void copy_mountedat_attr(tarn_volsattrx_t& to, const tarn_volgattrx_t& from);
+    // incrcopyprogress_1 of the stream. 0 when an answer arrived (out holds
+    // it, out->rc the D-blade's status; free it with xdr_free); else 5004 (no
+    // client) or 10505 (transport failure), with the error set.
+    unsigned getProgress(CLIENT* clntSrcDbladeIncrCopy, IncrCopyProgressOut* out);
+    // vodb_delete_by_opid_3 of _opid; on success the operation is retired
+    // from the VODB.
+    VoErr deleteVodbRec(CLIENT* clntVldb);
+
+    // Flags of a busy volume to a status: 0x8 gives 288, 0x4 287, 0x800 280,
+    // else -1.
+    static int getTheReturnCode(unsigned flags);
+    // The busy code that names the kind of operation holding a volume
+    // (5021..5026), 0 for an unknown type.
+    static unsigned getErrorCodeForOpType(int opType);
+
+protected:
+    unsigned getSrcVfsType() const { return _srcVfsType; }
+    void setSrcVfsType(unsigned t) { _srcVfsType = t; }
+    bool isSrcRW() const { return _srcVfsType == RW_VFS; }
+    const char* getFamily() const { return _family; }
+    void setFamily(const char* family);
+    unsigned getSrcIsRoot() const { return _srcIsRoot; }
+    void setSrcIsRoot(unsigned r) { _srcIsRoot = r; }
+    unsigned short getExportRuleset() const { return _exportRuleset; }
+    void setExportRuleset(unsigned short r) { _exportRuleset = r; }
+    // Makes the next VODB cache refresh re-read the records.
+    static void forceNextRefreshVodbCache();
+
+    unsigned long long _opid;
+    VoRec _srcRec;
+    unsigned _srcVfsType;
+    char _family[129];
+    unsigned _srcIsRoot;
+    unsigned short _exportRuleset;
+    std::atomic<bool> _rollForward;
+    std::atomic<bool> _mgmtGotLastPgrs;
+    std::atomic<bool> _retainOpAfterLastProgress;
+    std::atomic<bool> _opCompleteReceived;
+    std::atomic<bool> _incrcopyGotConclude;
+    std::atomic<bool> _vodbRecordStored;
+    std::atomic<unsigned> _recoveryAttempted;
+    std::atomic<unsigned> _statusCheckedAtTime;
+    // Guarded by the registry's voStateLock.
+    int _refCount;
+    std::atomic<int> jobState;
+    std::atomic<bool> jobAssignedToThread;
+    std::atomic<bool> _setCancel;
+    std::atomic<bool> _dbladeIncrCopyRunning;
+    pthread_mutex_t _voStateLock;
+};
+
+#endif  // VOLOP_VOSTATE_H
