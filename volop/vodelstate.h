@@ -10,9 +10,8 @@
 // resurrectFromVoRec, then recoverFromCrash, which runs del again.
 //
 // A delete has no stream: the stream steps trace "not supported" and do
-// nothing. It carries its own error triple instead of the one of VoState;
-// the triple has a leaf lock of its own, so any thread may read or set it,
-// with or without the operation lock held.
+// nothing. Its error triple has a leaf lock of its own, so any thread may
+// read or set it, with or without the operation lock held.
 #ifndef VOLOP_VODELSTATE_H
 #define VOLOP_VODELSTATE_H
 
@@ -99,11 +98,9 @@ protected:
     unsigned startStream(CLIENT* clntSrcDbladeIncrCopy, CLIENT* clntSrcDbladeVol) override;
 
 private:
-    // Leaf lock: nothing else is taken while it is held.
+    // Leaf lock over _err: nothing else is taken while it is held.
     std::mutex _errLock;
-    voErrRc _rc;
-    voErrFunc _func;
-    unsigned _funcrc;
+    VoErrTriple _err;
 };
 
 #endif  // VOLOP_VODELSTATE_H
