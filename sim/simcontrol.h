@@ -1,5 +1,7 @@
-// The simulator's control interface: a Unix-domain socket, one request per line (words
-// separated by tabs), one reply.  vodsimctl is its client.
+// The simulator's control interface: a Unix-domain socket; a client sends one request
+// line (the words, each escaped, separated by tabs) and reads one reply, "OK" or "ERR"
+// on its first line and the reply text after it, until the server closes.  vodsimctl is
+// its client.
 #pragma once
 
 #include <functional>
@@ -9,6 +11,8 @@
 // A control command gets its words (after the command name) and returns its reply text;
 // *ok = false makes vodsimctl print the reply on stderr and exit non-zero.  Commands run on
 // the control thread; they take SimNode::lock() themselves when they touch state.
+// (Each request gets a thread of its own, so a command that waits, such as
+// "fault wait-held", does not hold up the others.)
 using SimCommand = std::function<std::string(const std::vector<std::string>& args, bool* ok)>;
 void simRegisterCommand(const std::string& name, const std::string& usage, SimCommand fn);
 
@@ -20,3 +24,8 @@ void simControlStop();
 
 // Runs one request as the control thread would; for tests inside the process.
 std::string simControlRun(const std::vector<std::string>& words, bool* ok);
+
+// The wire form of one request: words escaped ('\\' '\t' '\n' as \\ \t \n) and joined by
+// tabs, ending in a newline.  Shared by the server and vodsimctl.
+std::string simControlEncode(const std::vector<std::string>& words);
+bool simControlDecode(const std::string& line, std::vector<std::string>* words);

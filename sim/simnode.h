@@ -27,6 +27,11 @@ struct SimVserver {
   std::string name;
 };
 
+// An LP id as 32 upper-case hex digits, the form every listing prints.
+std::string simLpIdHex(const unsigned char uuid[16]);
+// Parses 32 hex digits (an optional "0x" and '-' separators are allowed) into out.
+bool simParseLpId(const std::string& text, unsigned char out[16]);
+
 class SimNode {
  public:
   static SimNode& get();
@@ -50,6 +55,16 @@ class SimNode {
   // Set once by main before any service thread runs.
   void setDataDir(const std::string& dir);
   void setNodeName(const std::string& name);
+
+  // Loads the layout: the file at configPath when it is not empty, else the built-in
+  // default (node1; D-blades 1 and 2 on localhost; LPs lp1a, lp1b on D-blade 1 and lp2a,
+  // lp2b on D-blade 2, 1 GiB each in 4 KiB blocks, online; virtual servers vs1 and vs2).
+  // False with *err set when the file cannot be read or has a bad line.
+  bool loadLayout(const std::string& configPath, std::string* err);
+
+  // Resolves an LP given by name or by 32 hex digits; null when there is none.  The
+  // caller holds lock().
+  SimLp* findLpByNameOrId(const std::string& text);
 
  private:
   SimNode() = default;

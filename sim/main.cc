@@ -1,0 +1,262 @@
+// vodsim: one simulated cluster node in one process.  It serves the VLDB (with the VODB),
+// the DLDB, the coordinator and, for every D-blade of its layout, the volume, incremental
+// copy and LP management programs, each on a TCP port of its own registered with the
+// local rpcbind.
+//
+// Calls are served one thread per connection rather than by svc_run(): a call held or
+// delayed by an injected fault then stops only its own caller, as a slow server would.
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <rpc/pmap_clnt.h>
+#include <rpc/rpc.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "coord.h"
+#include "dblade_incrcopy.h"
+#include "dblade_lpm.h"
+#include "dblade_vol.h"
+#include "dldb_server.h"
+#include "simcontrol.h"
+#include "simfaults.h"
+#include "simnode.h"
+#include "vldb_server.h"
+#include "vldbstore.h"
+#include "volstore.h"
+
+// The rpcgen dispatchers come without declarations.
+extern "C" {
+void vldb_prog_3(svc_req*, SVCXPRT*);
+void dldb_prog_1(svc_req*, SVCXPRT*);
+void coord_prog_1(svc_req*, SVCXPRT*);
+void dblade_lpm_prog_1(svc_req*, SVCXPRT*);
+void dblade_vol_prog_1(svc_req*, SVCXPRT*);
+void dblade_incrcopy_prog_1(svc_req*, SVCXPRT*);
+}
+
+void simRegisterNodeCommands();  // node_commands.cc
+
+namespace {
+
+struct Program {
+  const char* name;  // as its protocol file, the name faults use
+  rpcprog_t prog;
+  rpcvers_t vers;
+  void (*dispatch)(svc_req*, SVCXPRT*);
+  int listenFd;
+};
+
+Program gPrograms[] = {
+    {"vldb", VLDB_PROG, VLDB_VERS, vldb_prog_3, -1},
+    {"dldb", DLDB_PROG, DLDB_VERS, dldb_prog_1, -1},
+    {"coord", COORD_PROG, COORD_VERS, coord_prog_1, -1},
+    {"dblade_lpm", DBLADE_LPM_PROG, DBLADE_LPM_VERS, dblade_lpm_prog_1, -1},
+    {"dblade_vol", DBLADE_VOL_PROG, DBLADE_VOL_VERS, dblade_vol_prog_1, -1},
+    {"dblade_incrcopy", DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS, dblade_incrcopy_prog_1, -1},
+};
+
+int gSignalPipe[2] = {-1, -1};
+
+void onSignal(int) {
+  char c = 0;
+  ssize_t ignored = write(gSignalPipe[1], &c, 1);
+  (void)ignored;
+}
+
+struct Options {
+  std::string dir = "/var/lib/vodsim";
+  std::string config;
+  std::string control;
+  bool quiet = false;
+  bool verbose = false;
+};
+
+void usage(FILE* to) {
+  std::fprintf(to,
+               "usage: vodsim [--dir DATA_DIR] [--config FILE] [--control SOCKET] [--quiet] [--verbose]\n"
+               "  --dir      where the VLDB, the VODB and the volumes are kept (default /var/lib/vodsim)\n"
+               "  --config   the node's layout (default: node1, D-blades 1 and 2, LPs lp1a lp1b lp2a lp2b)\n"
+               "  --control  the control socket for vodsimctl (default DATA_DIR/control.sock)\n"
+               "  --quiet    no start-up line\n"
+               "  --verbose  write every call to stderr\n"
+               "Runs in the foreground until SIGTERM or SIGINT.\n");
+}
+
+bool parseOptions(int argc, char** argv, Options* o) {
+  static const option longOpts[] = {
+      {"dir", required_argument, nullptr, 'd'},   {"config", required_argument, nullptr, 'c'},
+      {"control", required_argument, nullptr, 's'}, {"quiet", no_argument, nullptr, 'q'},
+      {"verbose", no_argument, nullptr, 'v'},     {"foreground", no_argument, nullptr, 'f'},
+      {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0}};
+  int c;
+  while ((c = getopt_long(argc, argv, "d:c:s:qvfh", longOpts, nullptr)) != -1) {
+    switch (c) {
+      case 'd': o->dir = optarg; break;
+      case 'c': o->config = optarg; break;
+      case 's': o->control = optarg; break;
+      case 'q': o->quiet = true; break;
+      case 'v': o->verbose = true; break;
+      case 'f': break;  // always in the foreground; accepted for scripts that say so
+      case 'h': usage(stdout); std::exit(0);
+      default: return false;
+    }
+  }
+  if (optind != argc) return false;
+  if (o->control.empty()) o->control = o->dir + "/control.sock";
+  return true;
+}
+
+bool makeDirs(const std::string& path) {
+  for (size_t i = 1; i <= path.size(); ++i) {
+    if (i < path.size() && path[i] != '/') continue;
+    std::string part = path.substr(0, i);
+    if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
+  }
+  return true;
+}
+
+// A listening TCP socket on a port of the kernel's choice, made into a service transport
+// and registered for the program with rpcbind.
+bool listenFor(Program& p) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+  int one = 1;
+  if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0) return false;
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_ANY);
+  // The transport does not listen on a socket handed to it already bound.
+  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, SOMAXCONN) != 0) return false;
+  SVCXPRT* xprt = svctcp_create(fd, 0, 0);
+  if (!xprt) return false;
+  pmap_unset(p.prog, p.vers);
+  if (!svc_register(xprt, p.prog, p.vers, p.dispatch, IPPROTO_TCP)) return false;
+  p.listenFd = fd;
+  return true;
+}
+
+// Serves one connection until the client goes.  The transport closes its socket when the
+// connection dies inside svc_getreq_common(); the socket's inode tells whether the number
+// still belongs to this connection.
+void serveConnection(int fd) {
+  struct stat first {};
+  if (fstat(fd, &first) != 0) return;
+  for (;;) {
+    pollfd p{fd, POLLIN, 0};
+    int n = poll(&p, 1, -1);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return;
+    svc_getreq_common(fd);
+    struct stat now {};
+    if (fstat(fd, &now) != 0 || now.st_ino != first.st_ino || now.st_dev != first.st_dev) return;
+  }
+}
+
+void resetConnection(int fd) {
+  linger l{1, 0};
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+  close(fd);
+}
+
+void acceptLoop() {
+  std::vector<pollfd> fds;
+  for (const Program& p : gPrograms) fds.push_back({p.listenFd, POLLIN, 0});
+  fds.push_back({gSignalPipe[0], POLLIN, 0});
+  for (;;) {
+    if (poll(fds.data(), fds.size(), -1) < 0) {
+      if (errno == EINTR) continue;
+      std::perror("vodsim: poll");
+      return;
+    }
+    if (fds.back().revents) return;
+    for (size_t i = 0; i + 1 < fds.size(); ++i) {
+      if (!fds[i].revents) continue;
+      int fd = accept4(fds[i].fd, nullptr, nullptr, SOCK_CLOEXEC);
+      if (fd < 0) continue;
+      if (simRefuseConnection(gPrograms[i].name)) {
+        resetConnection(fd);
+        continue;
+      }
+      if (!svc_fd_create(fd, 0, 0)) {
+        close(fd);
+        continue;
+      }
+      std::thread(serveConnection, fd).detach();
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options opt;
+  if (!parseOptions(argc, argv, &opt)) {
+    usage(stderr);
+    return 2;
+  }
+  signal(SIGPIPE, SIG_IGN);
+  if (pipe2(gSignalPipe, O_CLOEXEC) != 0) {
+    std::perror("vodsim: pipe");
+    return 1;
+  }
+  signal(SIGTERM, onSignal);
+  signal(SIGINT, onSignal);
+
+  SimNode& node = SimNode::get();
+  std::string err;
+  if (!makeDirs(opt.dir)) {
+    std::fprintf(stderr, "vodsim: cannot make %s: %s\n", opt.dir.c_str(), std::strerror(errno));
+    return 1;
+  }
+  node.setDataDir(opt.dir);
+  if (!node.loadLayout(opt.config, &err) || !VldbStore::get().open(opt.dir + "/vldb.sqlite", &err)) {
+    std::fprintf(stderr, "vodsim: %s\n", err.c_str());
+    return 1;
+  }
+  VldbStore::get().mergeStoredLps(node);
+
+  simFaultsRegisterCommands();
+  simRegisterNodeCommands();
+  simDbladeInit();
+  simTraceCalls(opt.verbose);
+  if (!simControlStart(opt.control, &err)) {
+    std::fprintf(stderr, "vodsim: %s\n", err.c_str());
+    return 1;
+  }
+  for (Program& p : gPrograms) {
+    if (!listenFor(p)) {
+      std::fprintf(stderr, "vodsim: cannot serve %s (is rpcbind running?): %s\n", p.name, std::strerror(errno));
+      for (Program& q : gPrograms) pmap_unset(q.prog, q.vers);
+      simControlStop();
+      return 1;
+    }
+  }
+  if (!opt.quiet) {
+    std::printf("vodsim: node %s serving; data in %s; control socket %s\n", node.nodeName().c_str(),
+                opt.dir.c_str(), opt.control.c_str());
+    std::fflush(stdout);
+  }
+
+  acceptLoop();
+
+  for (Program& p : gPrograms) pmap_unset(p.prog, p.vers);
+  simControlStop();
+  // Calls may still be running: close the database between two of them and leave without
+  // running destructors under their feet.
+  std::lock_guard<std::mutex> g(node.lock());
+  VldbStore::get().close();
+  std::fflush(nullptr);
+  _exit(0);
+}

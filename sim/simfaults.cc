@@ -1,0 +1,340 @@
+// Fault injection: rules per procedure, held calls, refused connections, call counts.
+//
+// All of it is guarded by its own mutex (gMu), never by SimNode::lock(): a held or delayed
+// call waits here while the rest of the node goes on.
+
+#include "simfaults.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "simcontrol.h"
+
+namespace {
+
+// Every procedure the node serves, with its program.
+struct ProcName {
+  const char* proc;
+  const char* program;
+};
+constexpr ProcName kProcs[] = {
+    {"new_vfsid", "vldb"},
+    {"vldb_create_record", "vldb"},
+    {"vldb_delete_record", "vldb"},
+    {"vldb_record_lookup", "vldb"},
+    {"vldb_modify_dataver", "vldb"},
+    {"vldb_vfs_move", "vldb"},
+    {"vodb_opid_lookup", "vldb"},
+    {"vodb_create", "vldb"},
+    {"vodb_delete_by_opid", "vldb"},
+    {"vodb_lookup", "vldb"},
+    {"vodb_update_optype_by_opid", "vldb"},
+    {"vldb_lp_convert", "vldb"},
+    {"vldb_record_modify", "vldb"},
+    {"vodb_create2", "vldb"},
+    {"volcreate", "dblade_vol"},
+    {"voldelete", "dblade_vol"},
+    {"volclone", "dblade_vol"},
+    {"volgetattr", "dblade_vol"},
+    {"volsetattr", "dblade_vol"},
+    {"volswapvolid", "dblade_vol"},
+    {"incrcopymirror", "dblade_incrcopy"},
+    {"incrcopymove", "dblade_incrcopy"},
+    {"incrcopyprogress", "dblade_incrcopy"},
+    {"incrcopypause", "dblade_incrcopy"},
+    {"incrcopyresume", "dblade_incrcopy"},
+    {"incrcopyconclude", "dblade_incrcopy"},
+    {"incrcopycancel", "dblade_incrcopy"},
+    {"tcpvfsdump", "dblade_incrcopy"},
+    {"tcpvfsrestore", "dblade_incrcopy"},
+    {"lp_get_attrs_by_uuid", "dblade_lpm"},
+    {"lp_list_all", "dblade_lpm"},
+    {"iterate", "dldb"},
+    {"getlidbylpname", "dldb"},
+    {"getvserveridbyname", "dldb"},
+    {"admin_2_listallips", "coord"},
+    {"admin_2_getnode", "coord"},
+};
+
+bool knownProc(const std::string& p) {
+  return std::any_of(std::begin(kProcs), std::end(kProcs), [&](const ProcName& n) { return p == n.proc; });
+}
+
+bool knownProgram(const std::string& p) {
+  return std::any_of(std::begin(kProcs), std::end(kProcs), [&](const ProcName& n) { return p == n.program; });
+}
+
+constexpr long kAlways = -1;
+
+struct Rule {
+  enum Kind { Delay, Hold, Status, Drop } kind;
+  unsigned value;  // status, or delay in ms
+  long left;       // calls still to hit, or kAlways
+};
+
+struct HeldCall {
+  bool released = false;
+  bool drop = false;
+};
+
+struct ProcState {
+  std::vector<Rule> rules;
+  std::deque<HeldCall*> held;  // oldest first
+  uint64_t calls = 0;
+};
+
+std::mutex gMu;
+std::condition_variable gCv;  // a call became held or was released
+std::map<std::string, ProcState> gProcs;
+std::map<std::string, long> gRefuse;  // program -> attempts still to refuse, or kAlways
+std::atomic<bool> gTraceCalls{false};
+
+// Takes the first live rule of one of the kinds, counting it down; false when none.
+bool takeRule(ProcState& ps, std::initializer_list<Rule::Kind> kinds, Rule* out) {
+  for (auto it = ps.rules.begin(); it != ps.rules.end(); ++it) {
+    if (std::find(kinds.begin(), kinds.end(), it->kind) == kinds.end()) continue;
+    *out = *it;
+    if (it->left != kAlways && --it->left == 0) ps.rules.erase(it);
+    return true;
+  }
+  return false;
+}
+
+const char* kindName(Rule::Kind k) {
+  switch (k) {
+    case Rule::Delay: return "delay";
+    case Rule::Hold: return "hold";
+    case Rule::Status: return "status";
+    case Rule::Drop: return "drop";
+  }
+  return "?";
+}
+
+bool parseNumber(const std::string& s, unsigned long max, unsigned long* out) {
+  if (s.empty() || s.size() > 10 || !std::all_of(s.begin(), s.end(), ::isdigit)) return false;
+  *out = std::stoul(s);
+  return *out <= max;
+}
+
+// COUNT is a positive number or "always"; absent means once.
+bool parseCount(const std::vector<std::string>& a, size_t i, long* out) {
+  if (a.size() <= i) {
+    *out = 1;
+    return true;
+  }
+  if (a.size() > i + 1) return false;
+  if (a[i] == "always") {
+    *out = kAlways;
+    return true;
+  }
+  unsigned long n;
+  if (!parseNumber(a[i], 1000000, &n) || n == 0) return false;
+  *out = static_cast<long>(n);
+  return true;
+}
+
+std::string countText(long left) { return left == kAlways ? "always" : std::to_string(left) + "x"; }
+
+const char* kFaultUsage =
+    "fault status PROC N [COUNT|always]    answer status N\n"
+    "fault drop PROC [COUNT|always]        send no reply (the caller times out)\n"
+    "fault delay PROC MS [COUNT|always]    answer MS milliseconds late\n"
+    "fault hold PROC [COUNT|always]        block the call until released\n"
+    "fault wait-held PROC [SECONDS]        wait until a call of PROC is held (default 30 s)\n"
+    "fault release PROC [all] [drop]       let the oldest (or every) held call go on; with\n"
+    "                                      drop it does nothing and sends no reply\n"
+    "fault refuse PROGRAM [COUNT|always]   reset connections to vldb, dldb, coord,\n"
+    "                                      dblade_lpm, dblade_vol or dblade_incrcopy\n"
+    "fault clear [PROC|PROGRAM]            remove faults (held calls go on)\n"
+    "fault list                            faults set and calls held\n"
+    "COUNT (default 1) is the number of calls or connection attempts hit.";
+
+std::string listFaults() {
+  std::ostringstream o;
+  for (auto& [name, ps] : gProcs) {
+    for (const Rule& r : ps.rules) {
+      o << name << " " << kindName(r.kind);
+      if (r.kind == Rule::Status) o << " " << r.value;
+      if (r.kind == Rule::Delay) o << " " << r.value << "ms";
+      o << " " << countText(r.left) << "\n";
+    }
+    if (!ps.held.empty()) o << name << " held " << ps.held.size() << "\n";
+  }
+  for (auto& [prog, left] : gRefuse) o << prog << " refuse " << countText(left) << "\n";
+  return o.str();
+}
+
+// Lets held calls of ps go on; n = 0 releases all.  Caller holds gMu.
+size_t releaseHeld(ProcState& ps, size_t n, bool drop) {
+  size_t done = 0;
+  while (!ps.held.empty() && (n == 0 || done < n)) {
+    ps.held.front()->released = true;
+    ps.held.front()->drop = drop;
+    ps.held.pop_front();
+    ++done;
+  }
+  gCv.notify_all();
+  return done;
+}
+
+std::string faultCommand(const std::vector<std::string>& a, bool* ok) {
+  auto fail = [&](const std::string& why) {
+    *ok = false;
+    return why;
+  };
+  if (a.empty()) return fail(kFaultUsage);
+  const std::string& verb = a[0];
+  if (verb == "list") {
+    std::lock_guard<std::mutex> g(gMu);
+    return listFaults();
+  }
+  if (verb == "clear") {
+    if (a.size() > 2) return fail(kFaultUsage);
+    std::lock_guard<std::mutex> g(gMu);
+    if (a.size() == 1) {
+      for (auto& [name, ps] : gProcs) {
+        ps.rules.clear();
+        releaseHeld(ps, 0, false);
+      }
+      gRefuse.clear();
+      return "";
+    }
+    const std::string& what = a[1];
+    if (!knownProc(what) && !knownProgram(what)) return fail("unknown procedure or program " + what);
+    if (knownProgram(what)) gRefuse.erase(what);
+    auto it = gProcs.find(what);
+    if (it != gProcs.end()) {
+      it->second.rules.clear();
+      releaseHeld(it->second, 0, false);
+    }
+    return "";
+  }
+  if (verb == "refuse") {
+    long count;
+    if (a.size() < 2 || !parseCount(a, 2, &count)) return fail(kFaultUsage);
+    if (!knownProgram(a[1])) return fail("unknown program " + a[1]);
+    std::lock_guard<std::mutex> g(gMu);
+    gRefuse[a[1]] = count;
+    return "";
+  }
+  if (a.size() < 2) return fail(kFaultUsage);
+  const std::string& proc = a[1];
+  if (!knownProc(proc)) return fail("unknown procedure " + proc);
+
+  if (verb == "wait-held") {
+    unsigned long secs = 30;
+    if (a.size() > 3 || (a.size() == 3 && !parseNumber(a[2], 3600, &secs))) return fail(kFaultUsage);
+    std::unique_lock<std::mutex> lk(gMu);
+    ProcState& ps = gProcs[proc];
+    if (!gCv.wait_for(lk, std::chrono::seconds(secs), [&] { return !ps.held.empty(); }))
+      return fail("no call of " + proc + " was held within " + std::to_string(secs) + " s");
+    return std::to_string(ps.held.size()) + " held";
+  }
+  if (verb == "release") {
+    bool all = false, drop = false;
+    for (size_t i = 2; i < a.size(); ++i) {
+      if (a[i] == "all") all = true;
+      else if (a[i] == "drop") drop = true;
+      else return fail(kFaultUsage);
+    }
+    std::lock_guard<std::mutex> g(gMu);
+    size_t n = releaseHeld(gProcs[proc], all ? 0 : 1, drop);
+    if (n == 0) return fail("no call of " + proc + " is held");
+    return std::to_string(n) + " released";
+  }
+
+  Rule r{Rule::Drop, 0, 1};
+  size_t countAt = 2;
+  unsigned long v = 0;
+  if (verb == "status" || verb == "delay") {
+    if (a.size() < 3 || !parseNumber(a[2], 0xFFFFFFFFul, &v)) return fail(kFaultUsage);
+    r.kind = verb == "status" ? Rule::Status : Rule::Delay;
+    r.value = static_cast<unsigned>(v);
+    countAt = 3;
+  } else if (verb == "drop") {
+    r.kind = Rule::Drop;
+  } else if (verb == "hold") {
+    r.kind = Rule::Hold;
+  } else {
+    return fail(kFaultUsage);
+  }
+  if (!parseCount(a, countAt, &r.left)) return fail(kFaultUsage);
+  std::lock_guard<std::mutex> g(gMu);
+  gProcs[proc].rules.push_back(r);
+  return "";
+}
+
+std::string callsCommand(const std::vector<std::string>& a, bool* ok) {
+  std::lock_guard<std::mutex> g(gMu);
+  if (a.size() == 1 && a[0] == "reset") {
+    for (auto& [name, ps] : gProcs) ps.calls = 0;
+    return "";
+  }
+  if (a.size() == 1) {
+    if (!knownProc(a[0])) {
+      *ok = false;
+      return "unknown procedure " + a[0];
+    }
+    return std::to_string(gProcs[a[0]].calls);
+  }
+  if (!a.empty()) {
+    *ok = false;
+    return "usage: calls [PROC|reset]";
+  }
+  std::ostringstream o;
+  for (auto& [name, ps] : gProcs)
+    if (ps.calls) o << name << " " << ps.calls << "\n";
+  return o.str();
+}
+
+}  // namespace
+
+void simTraceCalls(bool on) { gTraceCalls = on; }
+
+SimFaultVerdict simFault(const char* proc) {
+  if (gTraceCalls) std::fprintf(stderr, "vodsim: call %s\n", proc);
+  std::unique_lock<std::mutex> lk(gMu);
+  ProcState& ps = gProcs[proc];
+  ++ps.calls;
+  Rule r{};
+  if (takeRule(ps, {Rule::Delay}, &r)) {
+    lk.unlock();
+    std::this_thread::sleep_for(std::chrono::milliseconds(r.value));
+    lk.lock();
+  }
+  if (takeRule(ps, {Rule::Hold}, &r)) {
+    HeldCall me;
+    ps.held.push_back(&me);
+    gCv.notify_all();
+    gCv.wait(lk, [&] { return me.released; });
+    if (me.drop) return {SimFaultKind::Drop, 0};
+  }
+  if (takeRule(ps, {Rule::Status, Rule::Drop}, &r))
+    return r.kind == Rule::Status ? SimFaultVerdict{SimFaultKind::Status, r.value}
+                                  : SimFaultVerdict{SimFaultKind::Drop, 0};
+  return {SimFaultKind::None, 0};
+}
+
+bool simRefuseConnection(const std::string& program) {
+  std::lock_guard<std::mutex> g(gMu);
+  auto it = gRefuse.find(program);
+  if (it == gRefuse.end()) return false;
+  if (it->second != kAlways && --it->second == 0) gRefuse.erase(it);
+  return true;
+}
+
+void simFaultsRegisterCommands() {
+  simRegisterCommand("fault", kFaultUsage, faultCommand);
+  simRegisterCommand("calls", "calls [PROC|reset]                    calls served per procedure",
+                     callsCommand);
+}

@@ -1,0 +1,46 @@
+// The one shape of every service function of the node: clear the result, let the fault
+// injector have its say, then do the work under SimNode::lock().
+//
+//   bool_t vldb_lp_convert_3_svc(u_char* lp, vldb_lp_convert_result* res, svc_req*) {
+//     return simServe("vldb_lp_convert", res, &res->result, [&] { ... });
+//   }
+//
+// The rpcgen dispatcher neither clears the result nor skips freeing it when no reply is
+// sent, so the result is cleared here before anything else.  A result with a string
+// outside an array gets an overload of simPrepareResult() that sets it to an empty heap
+// string: XDR cannot encode a null string, and the dispatcher frees it.
+#pragma once
+
+#include <rpc/rpc.h>
+
+#include <cstring>
+#include <mutex>
+
+#include "simfaults.h"
+#include "simnode.h"
+
+// Default: nothing beyond clearing.  Found by argument-dependent lookup, so an overload
+// for a result type may be declared after this header.
+template <typename Res>
+void simPrepareResult(Res*) {}
+
+template <typename Res, typename Status, typename Body>
+bool_t simServe(const char* proc, Res* res, Status* status, Body body) {
+  std::memset(static_cast<void*>(res), 0, sizeof *res);
+  simPrepareResult(res);
+  SimFaultVerdict v = simFault(proc);
+  if (v.kind == SimFaultKind::Drop) return FALSE;
+  if (v.kind == SimFaultKind::Status) {
+    *status = static_cast<Status>(v.status);
+    return TRUE;
+  }
+  std::lock_guard<std::mutex> g(SimNode::get().lock());
+  body();
+  return TRUE;
+}
+
+// The freeresult every program needs: releases what the service function allocated.
+inline int simFreeResult(SVCXPRT*, xdrproc_t xdrResult, caddr_t result) {
+  xdr_free(xdrResult, result);
+  return TRUE;
+}
