@@ -1,55 +1,413 @@
 // Handlers of the long-running operation requests: start, progress, cancel,
-// pause, resume, completion notices, purge and the diagnostic dump.
+// pause, resume, completion notices, purge and the diagnostic dump, and the
+// machinery they share (voStart, the registry visitors, lookupLockForward).
 //
-// The operations themselves are not built yet.  Each handler fills every field
-// of its result, as the dispatcher requires, and answers "no such operation".
+// All run on the service thread. Every operation found in the registry is
+// held by a registry reference taken before its lock and released after it.
 #include <string.h>
 
+#include "vodbCache.h"
 #include "voerrors.h"
+#include "vorec.h"
+#include "vorpcclient.h"
 #include "voserver.h"
+#include "vostate.h"
+#include "vostatelist.h"
 #include "votrace.h"
+#include "workerThreadPool.h"
 
 namespace {
 
-void noSuchOp(VoOut* out) {
-    out->rc = voErrNoSuchOp;
-    out->func = voErrFuncSuccess;
-    out->funcrc = 0;
+template <class Out>
+void setTriple(Out* out, voErrRc rc, voErrFunc func, unsigned funcrc) {
+    out->rc = rc;
+    out->func = func;
+    out->funcrc = funcrc;
 }
 
-void noSuchOp(VoVidOut* out) {
-    out->rc = voErrNoSuchOp;
-    out->func = voErrFuncSuccess;
-    out->funcrc = 0;
-    out->vid = 0;
-}
+// The three kinds of streaming operation, as the lookup handlers name them:
+// how to find one and what to trace when there is none. `fn` is the
+// handler's name for the trace prefix.
+struct MoveKey {
+    const char* fn;
+    unsigned vidSrc;
+    const unsigned char* lidSrc;
 
-template <typename PgrsOut>
-void noSuchOpPgrs(PgrsOut* out) {
-    memset(out, 0, sizeof *out);
-    out->rc = voErrNoSuchOp;
+    VoState* find(VoStateRef& it) const { return voStateList.findMoveOp(vidSrc, lidSrc, it); }
+    void traceNotFound(VoTrace::Level l) const {
+        if (VoTrace::wants(VoTrace::vo_vod, l))
+            VoTrace::tr(VoTrace::vo_vod, l, "%s %d no vfs move from vfsid=%d\n", fn, __LINE__,
+                        vidSrc);
+    }
+};
+
+struct CopyKey {
+    const char* fn;
+    unsigned vidSrc;
+    const unsigned char* lidSrc;
+    unsigned vidSink;
+    const unsigned char* lidSink;
+
+    VoState* find(VoStateRef& it) const {
+        return voStateList.findCopyOp(vidSrc, lidSrc, vidSink, lidSink, it);
+    }
+    void traceNotFound(VoTrace::Level l) const {
+        if (VoTrace::wants(VoTrace::vo_vod, l))
+            VoTrace::tr(VoTrace::vo_vod, l, "%s %d no vfs copy from vfsid=%d to %d\n", fn,
+                        __LINE__, vidSrc, vidSink);
+    }
+};
+
+struct MirrorKey {
+    const char* fn;
+    unsigned vidSrc;
+    const unsigned char* lidSrc;
+
+    VoState* find(VoStateRef& it) const { return voStateList.findMirrorOp(vidSrc, lidSrc, it); }
+    void traceNotFound(VoTrace::Level l) const {
+        if (VoTrace::wants(VoTrace::vo_vod, l))
+            VoTrace::tr(VoTrace::vo_vod, l, "%s %d no vfs mirror from vfsid=%d\n", fn, __LINE__,
+                        vidSrc);
+    }
+};
+
+const auto nothingOnFound = [](VoState*) {};
+
+// Until an operation class registers operations of its kind, none is ever
+// found, and the handler's answer is the not-found one.
+template <class Out>
+void notRunHere(Out* out) {
+    setTriple(out, voErrNoSuchOp, voErrFuncSuccess, 0);
 }
 
 }  // namespace
 
-void VoServer::vfsCopy(VoLidVnameIn*, VoVidOut* out) { noSuchOp(out); }
-void VoServer::vfsCopyPgrs(VoVidLidIn*, VoCopyPgrsOut* out) { noSuchOpPgrs(out); }
-void VoServer::vfsCopyCancel(VoVidLidIn*, VoOut* out) { noSuchOp(out); }
-void VoServer::vfsCopyPause(VoVidLidIn*, VoOut* out) { noSuchOp(out); }
-void VoServer::vfsCopyResume(VoVidLidIn*, VoOut* out) { noSuchOp(out); }
-void VoServer::vfsMove(VoLidIn*, VoOut* out) { noSuchOp(out); }
-void VoServer::vfsMovePgrs(VoIn*, VoMovePgrsOut* out) { noSuchOpPgrs(out); }
-void VoServer::vfsMoveCancel(VoIn*, VoOut* out) { noSuchOp(out); }
-void VoServer::vfsMovePause(VoIn*, VoOut* out) { noSuchOp(out); }
-void VoServer::vfsMoveResume(VoIn*, VoOut* out) { noSuchOp(out); }
-void VoServer::vfsMirror(VoIn*, VoOut* out) { noSuchOp(out); }
-void VoServer::vfsMirrorPgrs(VoIn*, VoMirrorPgrsOut* out) { noSuchOpPgrs(out); }
-void VoServer::vfsMirrorCancel(VoLidIn*, VoOut* out) { noSuchOp(out); }
-void VoServer::vfsMirrorPause(VoIn*, VoOut* out) { noSuchOp(out); }
-void VoServer::vfsMirrorResume(VoIn*, VoOut* out) { noSuchOp(out); }
-void VoServer::vfsMirrorJoinGroup(VoLidVnameIn*, VoVidOut* out) { noSuchOp(out); }
-void VoServer::vfsMirrorLeaveGroup(VoVnameIn*, VoVidOut* out) { noSuchOp(out); }
-void VoServer::opComplete(unsigned long long) {}
-void VoServer::purgeOp(unsigned long long) {}
-void VoServer::dbgDump() {}
+// ---- The shared machinery. ----
 
+template <class Key, class Out, class Found, class Forward>
+void VoServer::lookupLockForward(const Key& key, Out* out, VoTrace::Level notFoundLevel,
+                                 Found found, Forward forward) {
+    VoStateRef ref;
+    auto* op = key.find(ref);
+    if (op == nullptr) {
+        key.traceNotFound(notFoundLevel);
+        setTriple(out, voErrNoSuchOp, voErrFuncSuccess, 0);
+        return;
+    }
+    found(op);
+    op->getLock();
+    if (op->getJobState() == VO_JOB_INIT) {
+        setTriple(out, VoJobInit, voErrFuncSuccess, 0);
+        op->releaseLock();
+        voStateList.releaseRef(ref);
+        return;
+    }
+    VoRPCClient incrcopy;
+    incrcopy.clnttcp_create(localhost, DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS);
+    if (static_cast<CLIENT*>(incrcopy) == nullptr) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld cannot make incrcopy client to %s\n", op->getOpid(),
+              localhost);
+        setTriple(out, voErrNoResource, voErrVodClntTcpCreate, VOD_ERR_NO_DBLADE_CLIENT);
+        op->releaseLock();
+        voStateList.releaseRef(ref);
+        return;
+    }
+    forward(op, static_cast<CLIENT*>(incrcopy));
+    op->releaseLock();
+    incrcopy.clntdestroy();
+    voStateList.releaseRef(ref);
+}
+
+unsigned VoServer::voStart(VoState* op, voErrRc* rc, voErrFunc* func, unsigned* funcrc) {
+    VoTrace::Depth depth;
+    VoRPCClient vldb, incrcopy, dbladeVol;
+    unsigned code = batchClntCreate(vldb, incrcopy, dbladeVol);
+    if (code != 0) {
+        VO_TR(vo_vod, vo_warn, "cannot make rpc client\n");
+        op->setErr(voErrVodClntTcpCreate, code);
+        op->setHiLvlErr(voErrNoResource);
+        op->getErr(rc, func, funcrc);
+        return voErrVodClntTcpCreate;
+    }
+
+    voStateList.iterator(retireMatchingOps, op);
+
+    VO_TR(vo_vod, vo_audit, "call prepare()\n");
+    unsigned r = op->prepare(vldb, dbladeVol);
+    if (r != 0) {
+        op->getErr(rc, func, funcrc);
+    } else {
+        VO_TR(vo_vod, vo_audit, "opid=%lld queued to worker thread\n", op->getOpid());
+        op->setJobState(VO_JOB_INIT);
+        WorkerThreadPool::queueJob(op, WorkerThreadPool::JOB_START);
+        *rc = voErrRcSuccess;
+        *func = voErrFuncSuccess;
+        *funcrc = 0;
+    }
+    return r;
+}
+
+void VoServer::keepFailedStart(VoState* op, unsigned code, voErrRc rc, voErrFunc func,
+                               unsigned funcrc, VoTrace::Level level) {
+    if (VoTrace::wants(VoTrace::vo_vod, level))
+        VoTrace::tr(VoTrace::vo_vod, level,
+                    "%s %d opid=%lld voStart failed to start. rc=%d func=%d funcrc=%d\n", __func__,
+                    __LINE__, op->getOpid(), rc, func, funcrc);
+    if (op->retiredFromVodb()) {
+        VO_TR(vo_vod, vo_audit, "opid=%lld clean up done. Delete pVo\n", op->getOpid());
+        delete op;
+        return;
+    }
+    VO_TR(vo_vod, vo_warn, "opid=%lld failed to start and clean up.\n", op->getOpid());
+    voStateList.addNewOp(op, code);
+    VO_TR_RAW(vo_vod, vo_audit,
+              "Stored pVo=0x%p in _voStates. Attempt clean up later.  _voStates.size=%d\n\n",
+              static_cast<void*>(op), voStateList.getSize());
+}
+
+void VoServer::retireMatchingOps(void* newOp, VoState* each) {
+    VoState* op = static_cast<VoState*>(newOp);
+    if (each == op) return;
+    if (each->srcRec().vid() != op->srcRec().vid() ||
+        memcmp(each->srcRec().lid(), op->srcRec().lid(), 16) != 0)
+        return;
+    // A finished operation is kept for a last progress poll until a new
+    // operation on the same volume starts.
+    if (each->mgmtGotLastProgress() && each->retiredFromVodb())
+        each->clearRetainOpAfterLastProgress();
+}
+
+void VoServer::checkForMissingVodbRecords(void*, VoState* each) {
+    if (!each->retiredFromVodb() && !isVodbRecordPresent(each->getOpid()))
+        each->setRetiredFromVodb();
+}
+
+void VoServer::resetStatusCheckedAtTimes(void*, VoState* each) {
+    each->setStatusCheckedAtTime(VoState::getCurrentTime());
+}
+
+void VoServer::runOpComplete(VoState* op) {
+    op->getLock();
+    if (!op->isJobAssignedToThread() && !op->_opCompleteReceived &&
+        op->getJobState() != VO_JOB_OP_COMPLETE) {
+        VO_TR(vo_vod, vo_audit, "call opComplete() opid=%lld, delegating to worker thread\n",
+              op->getOpid());
+        op->setJobState(VO_JOB_OP_COMPLETE);
+        op->setStatusCheckedAtTime(VoState::getCurrentTime());
+        op->releaseLock();
+        WorkerThreadPool::queueJob(op, WorkerThreadPool::JOB_OP_COMPLETE);
+        return;
+    }
+    // A notice that arrives while a worker runs the job is dropped: the
+    // worker sees the completion through its own progress polling.
+    op->releaseLock();
+}
+
+// ---- Start. ----
+
+void VoServer::vfsMove(VoLidIn*, VoOut* out) {
+    VoTrace::Depth depth;
+    notRunHere(out);
+}
+
+void VoServer::vfsCopy(VoLidVnameIn*, VoVidOut* out) {
+    VoTrace::Depth depth;
+    out->vid = 0;
+    notRunHere(out);
+}
+
+void VoServer::vfsMirror(VoIn*, VoOut* out) {
+    VoTrace::Depth depth;
+    notRunHere(out);
+}
+
+void VoServer::vfsMirrorJoinGroup(VoLidVnameIn*, VoVidOut* out) {
+    VoTrace::Depth depth;
+    out->vid = 0;
+    notRunHere(out);
+}
+
+void VoServer::vfsMirrorLeaveGroup(VoVnameIn*, VoVidOut* out) {
+    VoTrace::Depth depth;
+    out->vid = 0;
+    notRunHere(out);
+}
+
+// ---- Progress. The kinds' own progress calls plug in with their classes. ----
+
+void VoServer::vfsMovePgrs(VoIn* in, VoMovePgrsOut* out) {
+    VoTrace::Depth depth;
+    memset(out, 0, sizeof *out);
+    lookupLockForward(
+        // Unlike copy and mirror, a move answers voOpid 0 unless its
+        // progress fills it in.
+        MoveKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_audit, nothingOnFound,
+        [out](VoState*, CLIENT*) { notRunHere(out); });
+}
+
+void VoServer::vfsCopyPgrs(VoVidLidIn* in, VoCopyPgrsOut* out) {
+    VoTrace::Depth depth;
+    memset(out, 0, sizeof *out);
+    lookupLockForward(
+        CopyKey{__func__, in->vidSrc, in->lidSrc, in->vidSink, in->lidSink}, out,
+        VoTrace::vo_audit, [out](VoState* op) { out->voOpid = op->getOpid(); },
+        [out](VoState*, CLIENT*) { notRunHere(out); });
+}
+
+void VoServer::vfsMirrorPgrs(VoIn* in, VoMirrorPgrsOut* out) {
+    VoTrace::Depth depth;
+    memset(out, 0, sizeof *out);
+    lookupLockForward(
+        MirrorKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_audit,
+        [out](VoState* op) { out->voOpid = op->getOpid(); },
+        [out](VoState*, CLIENT*) { notRunHere(out); });
+}
+
+// ---- Cancel: each kind's own cancel plugs in with its class. ----
+
+void VoServer::vfsMoveCancel(VoIn* in, VoOut* out) {
+    VoTrace::Depth depth;
+    lookupLockForward(MoveKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
+                      nothingOnFound, [out](VoState*, CLIENT*) { notRunHere(out); });
+}
+
+void VoServer::vfsCopyCancel(VoVidLidIn* in, VoOut* out) {
+    VoTrace::Depth depth;
+    lookupLockForward(CopyKey{__func__, in->vidSrc, in->lidSrc, in->vidSink, in->lidSink}, out,
+                      VoTrace::vo_warn, nothingOnFound,
+                      [out](VoState*, CLIENT*) { notRunHere(out); });
+}
+
+void VoServer::vfsMirrorCancel(VoLidIn* in, VoOut* out) {
+    VoTrace::Depth depth;
+    lookupLockForward(MirrorKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
+                      nothingOnFound, [out](VoState*, CLIENT*) { notRunHere(out); });
+}
+
+// ---- Pause and resume: the virtual ones of VoState. ----
+
+void VoServer::vfsMovePause(VoIn* in, VoOut* out) {
+    VoTrace::Depth depth;
+    lookupLockForward(MoveKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
+                      nothingOnFound, [out](VoState* op, CLIENT* c) {
+                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoMove->pause()\n",
+                                op->getOpid());
+                          op->pause(c, out);
+                      });
+}
+
+void VoServer::vfsMoveResume(VoIn* in, VoOut* out) {
+    VoTrace::Depth depth;
+    lookupLockForward(MoveKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
+                      nothingOnFound, [out](VoState* op, CLIENT* c) {
+                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoMove->resume()\n",
+                                op->getOpid());
+                          op->resume(c, out);
+                      });
+}
+
+void VoServer::vfsCopyPause(VoVidLidIn* in, VoOut* out) {
+    VoTrace::Depth depth;
+    lookupLockForward(CopyKey{__func__, in->vidSrc, in->lidSrc, in->vidSink, in->lidSink}, out,
+                      VoTrace::vo_warn, nothingOnFound, [out](VoState* op, CLIENT* c) {
+                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoCopy->pause()\n",
+                                op->getOpid());
+                          op->pause(c, out);
+                      });
+}
+
+void VoServer::vfsCopyResume(VoVidLidIn* in, VoOut* out) {
+    VoTrace::Depth depth;
+    lookupLockForward(CopyKey{__func__, in->vidSrc, in->lidSrc, in->vidSink, in->lidSink}, out,
+                      VoTrace::vo_warn, nothingOnFound, [out](VoState* op, CLIENT* c) {
+                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoCopy->resume()\n",
+                                op->getOpid());
+                          op->resume(c, out);
+                      });
+}
+
+void VoServer::vfsMirrorPause(VoIn* in, VoOut* out) {
+    VoTrace::Depth depth;
+    lookupLockForward(MirrorKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
+                      nothingOnFound, [out](VoState* op, CLIENT* c) {
+                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoMirror->pause()\n",
+                                op->getOpid());
+                          op->pause(c, out);
+                      });
+}
+
+void VoServer::vfsMirrorResume(VoIn* in, VoOut* out) {
+    VoTrace::Depth depth;
+    lookupLockForward(MirrorKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
+                      nothingOnFound, [out](VoState* op, CLIENT* c) {
+                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoMirror->resume()\n",
+                                op->getOpid());
+                          op->resume(c, out);
+                      });
+}
+
+// ---- Completion notice, purge, dump. ----
+
+void VoServer::opComplete(unsigned long long opid) {
+    VoTrace::Depth depth;
+    VoStateRef ref;
+    VoState* op = voStateList.findVoState(opid, ref);
+    if (op == nullptr) {
+        VO_TR(vo_vod, vo_audit, "Cannot find a VoState with opid=%lld\n", opid);
+        return;
+    }
+    runOpComplete(op);
+    voStateList.releaseRef(ref);
+}
+
+void VoServer::purgeOp(unsigned long long opid) {
+    VoTrace::Depth depth;
+    // An operation known only to the VODB is registered first.
+    populateMissingVoStateFromVodb(lidZero);
+
+    VoStateRef ref;
+    VoState* op = voStateList.findVoState(opid, ref);
+    if (op == nullptr) {
+        VO_TR(vo_vod, vo_warn, "Cannot find a VoState with opid=%lld\n", opid);
+        return;
+    }
+    VoRPCClient vldb;
+    vldb.clnttcp_create(localhost, VLDB_PROG, VLDB_VERS);
+    if (static_cast<CLIENT*>(vldb) == nullptr) {
+        VO_TR(vo_vod, vo_warn, "cannot make vldb client to %s\n", localhost);
+        voStateList.releaseRef(ref);
+        return;
+    }
+    if (op->deleteVodbRec(vldb) != 0)
+        VO_TR(vo_vod, vo_warn, "cannot erase vodb records of opid=%lld\n", opid);
+    else
+        // The object itself leaves through the loop's retireCompletedOps.
+        VO_TR(vo_vod, vo_audit,
+              "remove ppVoState of opid=%lld from list and destroy *ppVoState\n", opid);
+    voStateList.releaseRef(ref);
+}
+
+void VoServer::dbgDump() {
+    VoTrace::Depth depth;
+    unsigned saved = VoTrace::getMask();
+    VoTrace::setMask(0xFFFFFFFF);
+    VO_TR(vo_vod, vo_event, "_voStates.size=%d\n", voStateList.getSize());
+    voStateList.iterator(VoStateList::dbgDump, nullptr);
+
+    VoRPCClient vldb;
+    vldb.clnttcp_create(localhost, VLDB_PROG, VLDB_VERS);
+    if (static_cast<CLIENT*>(vldb) == nullptr) {
+        VO_TR(vo_vod, vo_warn, "cannot make vldb client to %s\n", localhost);
+    } else if (VodbCacheLock::refreshVodbCache(vldb) == 0) {
+        VodbCacheLock cacheLock;
+        const auto& cache = VodbCacheLock::getVodbCache();
+        VO_TR(vo_vod, vo_event, "_vodbCache.size = %#X\n", static_cast<unsigned>(cache.size()));
+        for (const VoRec* rec : cache) {
+            rec->dbgDump();
+            VO_TR_RAW(vo_vod, vo_event, "\n");
+        }
+    }
+    vldb.clntdestroy();
+    VoTrace::setModMask(saved);
+    VoTrace::setLvlMask(saved);
+}

@@ -21,6 +21,7 @@ static VoServer _voServer;
 VoServer* gVoServer = &_voServer;
 
 const unsigned char lidZero[16] = {0};
+const char* localhost = "127.0.0.1";
 
 // The port of the dump/restore socket: 909 as root, else whatever the kernel gave.
 static const int kDumpPort = 909;
@@ -109,13 +110,6 @@ void VoServer::svc_run(unsigned int holdOffSec, unsigned int callsToServe, int n
 
         if (callsToServe != 0 && ++passes == callsToServe) return;
     }
-}
-
-void VoServer::populateMissingVoStateFromVodb(const unsigned char* lid) {
-    // Resurrection reads the VODB; it arrives with the operation engine.  Until
-    // then there is nothing to rebuild and the pass counts as done.
-    (void)lid;
-    _isFirstCall = 0;
 }
 
 void VoServer::tcpVfsOp(int sd) {

@@ -117,13 +117,20 @@ public:
 
 private:
     // The shared shape of progress, cancel, pause and resume: find the
-    // operation (a registry reference), lock it, refuse with VoJobInit while
-    // it waits for its first worker turn, make an incremental-copy client,
-    // and call forward(op, client) with all of them held; every path
-    // releases them.  Key names the operation (see vo_opreq.cc).
-    template <class Key, class Out, class Forward>
-    void lookupLockForward(const Key& key, Out* out, VoTrace::Level notFoundLevel,
+    // operation (a registry reference; not found: voErrNoSuchOp, traced at
+    // notFoundLevel), call found(op), lock it, refuse with VoJobInit while it
+    // waits for its first worker turn, make an incremental-copy client, and
+    // call forward(op, client) with all of them held; every path releases
+    // them.  Key names the operation kind (see vo_opreq.cc).
+    template <class Key, class Out, class Found, class Forward>
+    void lookupLockForward(const Key& key, Out* out, VoTrace::Level notFoundLevel, Found found,
                            Forward forward);
+
+    // After voStart refused an operation (code non-zero, out's triple
+    // filled): destroys it when its VODB record is already gone, else
+    // registers it with the code so the registry cleans its record up later.
+    void keepFailedStart(VoState* op, unsigned code, voErrRc rc, voErrFunc func, unsigned funcrc,
+                         VoTrace::Level level);
 
     unsigned _isFirstCall : 1;
 

@@ -36,6 +36,12 @@
 
 class VoRPCClient;
 
+// An LP id in traces: "0x" and its 16 bytes as %02X.
+#define VO_LP_FMT "0x%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X"
+#define VO_LP_ARGS(l)                                                                       \
+    (l)[0], (l)[1], (l)[2], (l)[3], (l)[4], (l)[5], (l)[6], (l)[7], (l)[8], (l)[9], (l)[10], \
+        (l)[11], (l)[12], (l)[13], (l)[14], (l)[15]
+
 // Job states an operation goes through in the worker pool. The constructor
 // leaves jobState at VO_JOB_NONE; whoever creates or resurrects an operation
 // gives it its first real value.
@@ -123,7 +129,8 @@ public:
     virtual void resume(CLIENT* clntSrcDbladeIncrCopy, VoOut* out);
     // Concludes the D-blade stream once it no longer runs: sets
     // _incrcopyGotConclude on success (or when the D-blade no longer knows
-    // the stream). Caller holds the operation lock.
+    // the stream). A worker calls it under the operation lock; the registry's
+    // scan, which only looks at operations no worker holds, without.
     virtual void concludeDbladeIncrCopy(CLIENT* clntSrcDbladeIncrCopy);
     // Finishes the operation: volumes, VLDB, then the VODB records.
     virtual unsigned conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
@@ -270,7 +277,8 @@ protected:
     void setSrcIsRoot(unsigned r) { _srcIsRoot = r; }
     unsigned short getExportRuleset() const { return _exportRuleset; }
     void setExportRuleset(unsigned short r) { _exportRuleset = r; }
-    // Makes the next VODB cache refresh re-read the records.
+    // Makes the next VODB cache refresh re-read the records. Takes the VODB
+    // cache lock: the caller must not hold a VodbCacheLock.
     static void forceNextRefreshVodbCache();
 
     unsigned long long _opid;
@@ -294,6 +302,11 @@ protected:
     std::atomic<bool> _setCancel;
     std::atomic<bool> _dbladeIncrCopyRunning;
     pthread_mutex_t _voStateLock;
+
+private:
+    // The registry has given up its own reference while a finder's caller
+    // still held one. Guarded by voStateLock.
+    bool _listRefDropped = false;
 };
 
 #endif  // VOLOP_VOSTATE_H

@@ -1,9 +1,300 @@
 #include "vostatelist.h"
 
-// Transitional: the registry's implementation follows its header.
+#include <assert.h>
+#include <string.h>
+
+#include <cstdlib>
+
+#include "voserver.h"
+#include "vostate.h"
+#include "votrace.h"
+#include "workerThreadPool.h"
+
 VoStateList voStateList;
 
-VoStateList::VoStateList() {}
-VoStateList::~VoStateList() {}
-void VoStateList::retireCompletedOps() {}
-unsigned long VoStateList::computeSleepTime() { return kMaxSleepSec; }
+VoStateRef::~VoStateRef() {
+    if (_list != nullptr) _list->releaseRef(*this);
+}
+
+VoState* VoStateRef::operator*() const { return _list != nullptr ? *_it : nullptr; }
+
+VoStateList::VoStateList() {
+    int rc = pthread_mutex_init(&voStateLock, nullptr);
+    if (rc != 0) {
+        VO_TR_RAW(vo_vod, vo_fatal, "mutex lock init error = %d, %s\n", rc, strerror(rc));
+        exit(1);
+    }
+}
+
+VoStateList::~VoStateList() {
+    int rc = pthread_mutex_destroy(&voStateLock);
+    if (rc != 0) {
+        VO_TR_RAW(vo_vod, vo_fatal, "mutex lock destroy error = %d, %s\n", rc, strerror(rc));
+        exit(1);
+    }
+}
+
+// Two spellings of the same failure are in operators' log filters; the
+// housekeeping entry points use the capitalised one.
+void VoStateList::lock(bool capitalE) {
+    int rc = pthread_mutex_lock(&voStateLock);
+    if (rc != 0) {
+        if (capitalE)
+            VO_TR_RAW(vo_vod, vo_fatal, "mutex lock voStateLock Error = %d, %s\n", rc, strerror(rc));
+        else
+            VO_TR_RAW(vo_vod, vo_fatal, "mutex lock voStateLock error = %d, %s\n", rc, strerror(rc));
+        exit(1);
+    }
+}
+
+void VoStateList::unlock(bool capitalE) {
+    int rc = pthread_mutex_unlock(&voStateLock);
+    if (rc != 0) {
+        if (capitalE)
+            VO_TR_RAW(vo_vod, vo_fatal, "mutex unlock voStateLock Error = %d, %s\n", rc,
+                      strerror(rc));
+        else
+            VO_TR_RAW(vo_vod, vo_fatal, "mutex unlock voStateLock error = %d, %s\n", rc,
+                      strerror(rc));
+        exit(1);
+    }
+}
+
+void VoStateList::incrementRefCount(VoState* op) { op->_refCount++; }
+
+void VoStateList::take(VoState* op, std::list<VoState*>::iterator pos, VoStateRef& it) {
+    incrementRefCount(op);
+    it._list = this;
+    it._it = pos;
+}
+
+void VoStateList::addNewOp(VoState* pNewState, unsigned startResponseCode) {
+    lock(false);
+    iteratorNoLock(VoServer::retireMatchingOps, pNewState);
+    if (startResponseCode != 0) pNewState->setMgmtGotLastProgress();
+    _voStates.push_back(pNewState);
+    unlock(false);
+}
+
+VoState* VoStateList::findVoState(unsigned long long opid, VoStateRef& it) {
+    VoState* found = nullptr;
+    lock(false);
+    VO_TR(vo_vod, vo_debug, "_voStates.size=%d\n", static_cast<int>(_voStates.size()));
+    for (auto pos = _voStates.begin(); pos != _voStates.end(); ++pos) {
+        VoState* op = *pos;
+        VO_TR(vo_vod, vo_detail, "*ppVoState=0x%p (*ppVoState)->getOpid() = %lld\n",
+              static_cast<void*>(op), op->getOpid());
+        if (op->isUsing(opid)) {
+            take(op, pos, it);
+            found = op;
+            break;
+        }
+    }
+    if (found == nullptr) VO_TR(vo_vod, vo_debug, "Cannot find a VoState with opid=%lld\n", opid);
+    unlock(false);
+    return found;
+}
+
+VoState* VoStateList::findMoveOp(unsigned vidSrc, const unsigned char* lidSrc, VoStateRef& it) {
+    VoState* found = nullptr;
+    lock(false);
+    VO_TR(vo_vod, vo_debug, "_voStates.size=%d\n", static_cast<int>(_voStates.size()));
+    for (auto pos = _voStates.begin(); pos != _voStates.end(); ++pos) {
+        VoState* op = *pos;
+        VO_TR(vo_vod, vo_detail, "*ppVoState=0x%p (*ppVoState)->getOpid() = %lld\n",
+              static_cast<void*>(op), op->getOpid());
+        if (op->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_MOVE, VoRec::VODB_ROLE_SRC) ||
+            op->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_FINALMOVE, VoRec::VODB_ROLE_SRC)) {
+            take(op, pos, it);
+            found = op;
+            VO_TR(vo_vod, vo_debug, "found VoMoveState 0x%p opid=%lld\n", static_cast<void*>(op),
+                  op->getOpid());
+            break;
+        }
+    }
+    if (found == nullptr)
+        VO_TR(vo_vod, vo_debug, "Cannot find a VoMoveState with vidSrc=%d\n", vidSrc);
+    unlock(false);
+    return found;
+}
+
+VoState* VoStateList::findCopyOp(unsigned vidSrc, const unsigned char* lidSrc, unsigned vidSink,
+                                 const unsigned char* lidSink, VoStateRef& it) {
+    VoState* found = nullptr;
+    lock(false);
+    VO_TR(vo_vod, vo_debug, "_voStates.size=%d\n", static_cast<int>(_voStates.size()));
+    for (auto pos = _voStates.begin(); pos != _voStates.end(); ++pos) {
+        VoState* op = *pos;
+        VO_TR(vo_vod, vo_detail, "*ppVoState=0x%p (*ppVoState)->getOpid() = %lld\n",
+              static_cast<void*>(op), op->getOpid());
+        if (op->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_COPY, VoRec::VODB_ROLE_SRC) &&
+            op->isUsing(vidSink, lidSink, VoRec::VODB_VOLOP_COPY, VoRec::VODB_ROLE_SINK)) {
+            take(op, pos, it);
+            found = op;
+            VO_TR(vo_vod, vo_debug, "found VoCopyState 0x%p opid=%lld\n", static_cast<void*>(op),
+                  op->getOpid());
+            break;
+        }
+    }
+    if (found == nullptr)
+        VO_TR(vo_vod, vo_debug, "Cannot find a VoCopyState with vidSrc=%d vidSink=%d\n", vidSrc,
+              vidSink);
+    unlock(false);
+    return found;
+}
+
+VoState* VoStateList::findMirrorOp(unsigned vidSrc, const unsigned char* lidSrc, VoStateRef& it) {
+    VoState* found = nullptr;
+    lock(false);
+    VO_TR(vo_vod, vo_debug, "_voStates.size=%d\n", static_cast<int>(_voStates.size()));
+    for (auto pos = _voStates.begin(); pos != _voStates.end(); ++pos) {
+        VoState* op = *pos;
+        VO_TR(vo_vod, vo_detail, "*ppVoState=0x%p (*ppVoState)->getOpid() = %lld\n",
+              static_cast<void*>(op), op->getOpid());
+        if (op->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_MIRROR, VoRec::VODB_ROLE_SRC)) {
+            take(op, pos, it);
+            found = op;
+            VO_TR(vo_vod, vo_debug, "found VoMirrorState 0x%p opid=%lld\n",
+                  static_cast<void*>(op), op->getOpid());
+            break;
+        }
+    }
+    if (found == nullptr)
+        VO_TR(vo_vod, vo_debug, "Cannot find a VoMirrorState with vidSrc=%d\n", vidSrc);
+    unlock(false);
+    return found;
+}
+
+void VoStateList::releaseRef(VoStateRef& it) {
+    if (it._list == nullptr) return;
+    assert(it._list == this);
+    lock(false);
+    VoState* op = *it._it;
+    if (--op->_refCount == 0) {
+        _voStates.erase(it._it);
+        delete op;
+    }
+    unlock(false);
+    it._list = nullptr;
+}
+
+void VoStateList::iterator(Visitor fn, void* arg) {
+    lock(true);
+    iteratorNoLock(fn, arg);
+    unlock(true);
+}
+
+void VoStateList::iteratorNoLock(Visitor fn, void* arg) {
+    for (VoState* op : _voStates) fn(arg, op);
+}
+
+void VoStateList::retireCompletedOps() {
+    lock(true);
+    for (auto pos = _voStates.begin(); pos != _voStates.end();) {
+        VoState* op = *pos;
+        if (op->_listRefDropped || op->isJobAssignedToThread() || !op->retiredFromVodb() ||
+            !(op->canRetireFromMem() || op->forceRetireFromMem())) {
+            ++pos;
+            continue;
+        }
+        // Drop the list's own reference; a finder's caller that still holds
+        // one destroys the operation in its releaseRef. The list's reference
+        // is dropped once only, however many passes run before that.
+        if (--op->_refCount > 0) {
+            op->_listRefDropped = true;
+            ++pos;
+            continue;
+        }
+        pos = _voStates.erase(pos);
+        VO_TR(vo_vod, vo_audit, "remove and destroy VoState of opid=%lld\n", op->getOpid());
+        assert(op->isJobAssignedToThread() == false);
+        delete op;
+    }
+    unlock(true);
+}
+
+unsigned long VoStateList::computeSleepTime() {
+    unsigned long sleepTime = kMaxSleepSec;
+    lock(false);
+    if (_voStates.empty()) {
+        unlock(false);
+        return sleepTime;
+    }
+    unsigned now = VoState::getCurrentTime();
+    if (now == 0) {
+        unlock(false);
+        return kClockFailedSleepSec;
+    }
+    for (VoState* op : _voStates) {
+        unsigned long remaining;
+        unsigned t = op->getStatusCheckedAtTime();
+        if (t == 0) {
+            op->setStatusCheckedAtTime(now);
+            remaining = kStatusCheckSec;
+        } else {
+            unsigned elapsed = now - t;
+            if (elapsed >= kStatusCheckSec) {
+                sleepTime = 0;
+                break;
+            }
+            remaining = kStatusCheckSec - elapsed;
+        }
+        if (remaining < sleepTime) sleepTime = remaining;
+    }
+    unlock(false);
+    return sleepTime;
+}
+
+void VoStateList::checkForCompletedOps(CLIENT* clntVldb, CLIENT* clntSrcDbladeIncrCopy,
+                                       CLIENT* clntSrcDbladeVol) {
+    (void)clntVldb;
+    (void)clntSrcDbladeVol;
+    lock(true);
+    for (VoState* op : _voStates) {
+        op->getLock();
+        unsigned t = op->getStatusCheckedAtTime();
+        unsigned now = VoState::getCurrentTime();
+        if (t != 0 && t + kStatusCheckSec > now) {
+            op->releaseLock();
+            continue;
+        }
+        op->setStatusCheckedAtTime(now);
+        if (op->isJobAssignedToThread()) {
+            op->releaseLock();
+            continue;
+        }
+        op->releaseLock();
+
+        if (op->_incrcopyGotConclude) {
+            op->bumpUpRecoveryAttempts();
+            if (!op->retiredFromVodb()) {
+                VO_TR(vo_vod, vo_audit,
+                      "call recoverFromCrash opid=%lld, delegating to worker thread\n",
+                      op->getOpid());
+                op->setJobState(VO_JOB_RECOVERING);
+                op->setStatusCheckedAtTime(VoState::getCurrentTime());
+                WorkerThreadPool::queueJob(op, WorkerThreadPool::JOB_RECOVER);
+            }
+            continue;
+        }
+        // No worker holds the operation and only this thread queues jobs, so
+        // the stream can be concluded here without the operation lock.
+        op->concludeDbladeIncrCopy(clntSrcDbladeIncrCopy);
+        if (!op->getDbladeIncrCopyStatus() && !op->_opCompleteReceived)
+            VoServer::runOpComplete(op);
+    }
+    unlock(true);
+}
+
+void VoStateList::dbgDump(void*, VoState* op) {
+    op->dbgDump();
+    op->printState(__func__);
+    VO_TR_RAW(vo_vod, vo_event, "\n");
+}
+
+int VoStateList::getSize() {
+    lock(true);
+    int n = static_cast<int>(_voStates.size());
+    unlock(true);
+    return n;
+}

@@ -1,0 +1,789 @@
+#include "vostate.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/time.h>
+
+#include <cstdlib>
+
+#include "util/xdrproc.h"
+#include "vldb_lit.h"
+#include "vodbCache.h"
+#include "vodldb.h"
+#include "vorpccalls.h"
+#include "vorpcclient.h"
+#include "votrace.h"
+
+unsigned long long VoState::_lastCreatedOpid = 0;
+unsigned long long VoState::_lastDeletedOpid = 0;
+
+namespace {
+
+std::atomic<unsigned (*)()> gClock{nullptr};
+
+// The D-blade's answer for a volume it does not have.
+const unsigned kTarnErrVolNotFound = 16;
+
+// Flags of a volume that make its data version unusable for now.
+const unsigned kVolFlagsBusy = 0x800 | 0x8 | 0x4;
+
+// The D-blade's own requests to make a volume read-write or read-only, in
+// the set mask beside the attributes.
+const unsigned kVolSetMakeRW = 1u << 28;
+const unsigned kVolSetMakeRO = 1u << 29;
+
+const unsigned kDbladeTimeoutSec = 60;
+
+const char* rpcErrText(unsigned rc) {
+    return rc == VOD_ERR_CANT_SET_TIMEOUT ? "voErrRpcErrCantSetTimeOut"
+                                          : clnt_sperrno(static_cast<clnt_stat>(rc));
+}
+
+// A failed step as a VoErr: (func, funcrc), non-zero code.
+VoErr voErr(voErrFunc func, unsigned funcrc, unsigned code) {
+    VoErr e;
+    e.setErr(func, funcrc);
+    e.setErrorCode(code);
+    return e;
+}
+
+// Looks up the VLDB records of (vfsid, lid); both name strings empty.
+clnt_stat lookupVfs(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid,
+                    vldb_record_lookup_result* out) {
+    vldb_record_lookup_input in;
+    memset(&in, 0, sizeof in);
+    in.input_mask = VFS_ID | VFS_LP;
+    in.r.vfsid = vfsid;
+    memcpy(in.r.lp_uuid, lid, sizeof in.r.lp_uuid);
+    char empty[] = "";
+    in.r.family = empty;
+    in.r.vfsname = empty;
+    return vldb_record_lookup_3(&in, out, clntVldb);
+}
+
+}  // namespace
+
+// ---- Construction, clock, lock. ----
+
+VoState::VoState()
+    : opResurrected(0),
+      _opid(0),
+      _srcRec(),
+      _srcVfsType(0),
+      _srcIsRoot(0),
+      _exportRuleset(65535),
+      _rollForward(false),
+      _mgmtGotLastPgrs(false),
+      _retainOpAfterLastProgress(false),
+      _opCompleteReceived(false),
+      _incrcopyGotConclude(false),
+      _vodbRecordStored(false),
+      _recoveryAttempted(0),
+      _statusCheckedAtTime(0),
+      _refCount(1),
+      jobState(VO_JOB_NONE),
+      jobAssignedToThread(false),
+      _setCancel(false),
+      _dbladeIncrCopyRunning(false) {
+    _family[0] = '\0';
+    int rc = pthread_mutex_init(&_voStateLock, nullptr);
+    if (rc != 0) {
+        VO_TR_RAW(vo_vod, vo_fatal, "pthread_mutex_init (_voStateLock): error = %d, %s\n", rc,
+                  strerror(rc));
+        exit(1);
+    }
+}
+
+VoState::~VoState() { pthread_mutex_destroy(&_voStateLock); }
+
+unsigned VoState::getCurrentTime() {
+    unsigned (*clock)() = gClock.load();
+    if (clock != nullptr) return clock();
+    timeval tv;
+    if (gettimeofday(&tv, nullptr) != 0) {
+        VO_TR_RAW(vo_vod, vo_warn, "gettimeofday: %s\n", strerror(errno));
+        return 0;
+    }
+    return static_cast<unsigned>(tv.tv_sec);
+}
+
+void VoState::setClockForTest(unsigned (*clock)()) { gClock = clock; }
+
+void VoState::getLock() {
+    int rc = pthread_mutex_lock(&_voStateLock);
+    if (rc != 0) {
+        VO_TR_RAW(vo_vod, vo_fatal, "mutex lock _voStateLock: error = %d, %s\n", rc, strerror(rc));
+        exit(1);
+    }
+}
+
+void VoState::releaseLock() {
+    int rc = pthread_mutex_unlock(&_voStateLock);
+    if (rc != 0) {
+        VO_TR_RAW(vo_vod, vo_fatal, "mutex unlock _voStateLock: error = %d, %s\n", rc,
+                  strerror(rc));
+        exit(1);
+    }
+}
+
+bool VoState::isUsing(unsigned long long opid) {
+    VO_TR_RAW(vo_vod, vo_detail, "VoState::_opid=%lld\n", _opid);
+    return _opid == opid;
+}
+
+void VoState::printState(const char* who) {
+    VO_TR_RAW(vo_vod, vo_debug,
+              "%s %d opid=%lld, VODBRecordStored=%d, vicRunning=%d, gotConclude=%d, "
+              "opComplete=%d, recoveryAttempts=%d mgmtProgress=%d retainOpAfterLastProgress=%d "
+              "_refCount = %d, jobState = %d, jobAssignedToThread = %d\n",
+              who, __LINE__, _opid, int(_vodbRecordStored), int(_dbladeIncrCopyRunning),
+              int(_incrcopyGotConclude), int(_opCompleteReceived), int(_recoveryAttempted),
+              int(_mgmtGotLastPgrs), int(_retainOpAfterLastProgress), _refCount, int(jobState),
+              int(jobAssignedToThread));
+}
+
+void VoState::setFamily(const char* family) {
+    strncpy(_family, family != nullptr ? family : "", sizeof _family - 1);
+    _family[sizeof _family - 1] = '\0';
+}
+
+void VoState::forceNextRefreshVodbCache() {
+    // The ids belong to the cache; change them under its lock.
+    VodbCacheLock lock;
+    _lastCreatedOpid = 0;
+    _lastDeletedOpid = 0;
+}
+
+// ---- Code tables. ----
+
+int VoState::getTheReturnCode(unsigned flags) {
+    if (flags & 0x8) return 288;
+    if (flags & 0x4) return 287;
+    if (flags & 0x800) return 280;
+    return -1;
+}
+
+unsigned VoState::getErrorCodeForOpType(int opType) {
+    switch (opType) {
+    case VoRec::VODB_VOLOP_COPY:
+        return VOD_ERR_BUSY_COPY;
+    case VoRec::VODB_VOLOP_MIRROR:
+        return VOD_ERR_BUSY_MIRROR;
+    case VoRec::VODB_VOLOP_MOVE:
+    case VoRec::VODB_VOLOP_FINALMOVE:
+        return VOD_ERR_BUSY_MOVE;
+    case VoRec::VODB_VOLOP_DELETE:
+        return VOD_ERR_BUSY_DELETE;
+    case VoRec::VODB_VOLOP_DUMP:
+        return VOD_ERR_BUSY_DUMP;
+    case VoRec::VODB_VOLOP_RESTORE:
+        return VOD_ERR_BUSY_RESTORE;
+    default:
+        VO_TR_RAW(vo_vod, vo_fatal, "UnKnow opType = %d\n", opType);
+        return 0;
+    }
+}
+
+// ---- Shared steps. ----
+
+unsigned VoState::prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        setErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT);
+        setHiLvlErr(voErrValidate);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    if (clntSrcDbladeVol == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
+        setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
+        setHiLvlErr(voErrValidate);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    VO_TR(vo_vod, vo_debug, "check src vfs exist\n");
+    if (isSrcExist(clntVldb, clntSrcDbladeVol) != 0) {
+        VO_TR(vo_vod, vo_warn, "cannot find src vfs %d\n", _srcRec.vid());
+        setHiLvlErr(voErrSrcVFSNotExist);
+        return voErrSrcVFSNotExist;
+    }
+    VO_TR(vo_vod, vo_debug, "cache all latest vodb recs\n");
+    VoErr err = VodbCacheLock::refreshVodbCache(clntVldb);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn, "refreshVodbCache err.func=%d err.funcrc=%d\n", err.func(),
+              err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+    VO_TR(vo_vod, vo_debug, "validate vol op\n");
+    if (!validate(clntVldb, clntSrcDbladeVol)) {
+        setHiLvlErr(voErrValidate);
+        VO_TR(vo_vod, vo_warn, "cannot valid due to error\n");
+        return voErrValidate;
+    }
+    if (mkRec(clntVldb) != 0) {
+        setHiLvlErr(voErrPersistOp);
+        return voErrVodMkVodbRec;
+    }
+    _vodbRecordStored = true;
+    return 0;
+}
+
+unsigned VoState::start(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                        CLIENT* clntSrcDbladeIncrCopy) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        setErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT);
+        setHiLvlErr(voErrMakeVFS);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    if (clntSrcDbladeVol == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
+        setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
+        setHiLvlErr(voErrMakeVFS);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
+        setHiLvlErr(voErrMakeVFS);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+
+    // Until the stream runs, the operation looks ended: a crash or failure
+    // while making volumes leaves one the registry concludes instead of
+    // waiting for a stream that never existed.
+    _incrcopyGotConclude = true;
+    _recoveryAttempted = 0;
+    _dbladeIncrCopyRunning = false;
+    _opCompleteReceived = true;
+
+    VO_TR(vo_vod, vo_debug, "make op src, op sink and sink vfs\n");
+    unsigned rc = mkOpSrcSink(clntVldb, clntSrcDbladeVol);
+    if (rc != 0) setHiLvlErr(voErrMakeVFS);
+
+    if (rc == 0) {
+        _incrcopyGotConclude = false;
+        _recoveryAttempted = 0;
+        _dbladeIncrCopyRunning = true;
+        _opCompleteReceived = false;
+        VO_TR(vo_vod, vo_debug, "call dblade to start vol op\n");
+        rc = startStream(clntSrcDbladeIncrCopy, clntSrcDbladeVol);
+        if (rc != 0 && rc != VOD_ERR_LOCAL_MIRROR) setHiLvlErr(voErrStartStream);
+    }
+
+    jobState = VO_JOB_STARTED;
+    if (rc == 0) _rollForward = true;
+    return rc;
+}
+
+// ---- The D-blade stream. ----
+
+void VoState::pause(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
+    VoTrace::Depth depth;
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        *out = VoOut{voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT};
+        return;
+    }
+    u_quad_t opid = _opid;
+    u_int status = 0;
+    clnt_stat st = incrcopypause_1(&opid, &status, clntSrcDbladeIncrCopy);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopypause_1 failed: %s\n", _opid,
+              clnt_sperrno(st));
+        *out = VoOut{voErrRpcFailure, voErrDbladeIncrCopyPauseRpc, static_cast<u_int>(st)};
+    } else if (status != 0) {
+        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopypause_1 err=%#X\n", _opid, status);
+        *out = VoOut{VoErrDblade, voErrDbladeIncrCopyPause, status};
+    } else {
+        *out = VoOut{voErrRcSuccess, voErrFuncSuccess, 0};
+        VO_TR(vo_incrcopy, vo_audit, "opid=%lld paused\n", _opid);
+    }
+}
+
+void VoState::resume(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
+    VoTrace::Depth depth;
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        *out = VoOut{voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT};
+        return;
+    }
+    u_quad_t opid = _opid;
+    u_int status = 0;
+    clnt_stat st = incrcopyresume_1(&opid, &status, clntSrcDbladeIncrCopy);
+    if (st != RPC_SUCCESS) {
+        // The transport failure of a resume is traced with pause's text.
+        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopypause_1 failed: %s\n", _opid,
+              clnt_sperrno(st));
+        *out = VoOut{voErrRpcFailure, voErrDbladeIncrCopyResumeRpc, static_cast<u_int>(st)};
+    } else if (status != 0) {
+        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopyresume_1 err=%#X\n", _opid, status);
+        *out = VoOut{VoErrDblade, voErrDbladeIncrCopyResume, status};
+    } else {
+        *out = VoOut{voErrRcSuccess, voErrFuncSuccess, 0};
+        VO_TR(vo_incrcopy, vo_audit, "opid=%lld resumed\n", _opid);
+    }
+}
+
+void VoState::concludeDbladeIncrCopy(CLIENT* clntSrcDbladeIncrCopy) {
+    VoTrace::Depth depth;
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
+        setHiLvlErr(voErrEndStream);
+        return;
+    }
+    if (_dbladeIncrCopyRunning) progress(clntSrcDbladeIncrCopy);
+    if (_dbladeIncrCopyRunning || _incrcopyGotConclude) return;
+
+    u_quad_t opid = _opid;
+    u_int status = 0;
+    clnt_stat st = incrcopyconclude_1(&opid, &status, clntSrcDbladeIncrCopy);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopyconclude_1 failed: %s\n", _opid,
+              clnt_sperrno(st));
+    } else if (status == 0 || status == VIC_EOPNOTFOUND) {
+        // A stream the D-blade no longer knows is as good as concluded.
+        VO_TR(vo_incrcopy, vo_audit, " opid=%lld concluded incrcopy\n", _opid);
+        _incrcopyGotConclude = true;
+    } else {
+        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopyconclude_1 err=%#X\n", _opid, status);
+    }
+}
+
+unsigned VoState::getProgress(CLIENT* clntSrcDbladeIncrCopy, IncrCopyProgressOut* out) {
+    VoTrace::Depth depth;
+    memset(out, 0, sizeof *out);
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        setAllErr(voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    u_quad_t opid = _opid;
+    clnt_stat st = incrcopyprogress_1(&opid, out, clntSrcDbladeIncrCopy);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_incrcopy, vo_warn, " opid=%lld incrcopyprogress_1 failed: %s\n", _opid,
+              clnt_sperrno(st));
+        xdr_free(xdrProc(xdr_IncrCopyProgressOut), reinterpret_cast<char*>(out));
+        memset(out, 0, sizeof *out);
+        setAllErr(voErrRpcFailure, voErrDbladeIncrCopyProgressRpc, st);
+        return voErrDbladeIncrCopyProgressRpc;
+    }
+    return 0;
+}
+
+// ---- VLDB, VODB and D-blade helpers. ----
+
+unsigned VoState::isSrcExist(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        setErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    if (clntSrcDbladeVol == nullptr) {
+        setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    const unsigned vid = _srcRec.vid();
+    const unsigned char* lid = _srcRec.lid();
+    unsigned result = 0;
+    {
+        VoXdrResult<vldb_record_lookup_result> res(xdr_vldb_record_lookup_result);
+        VO_TR(vo_vldb, vo_entry, "vldb_record_lookup_3 vfsid=%d\n", vid);
+        clnt_stat st = lookupVfs(clntVldb, vid, lid, res.get());
+        if (st != RPC_SUCCESS) {
+            VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3 vfsid=%d failed: %s\n", vid,
+                  clnt_sperrno(st));
+            setErr(voErrVldbRecordLookupRpc, st);
+            return voErrVldbRecordLookupRpc;
+        }
+        unsigned status = res->result;
+        unsigned count = res->r.r_len;
+        if (status != 0) {
+            if (status == VLDB_RECORD_NOT_FOUND)
+                VO_TR(vo_vldb, vo_warn, "No VLDB record for vfsid=%d LP=" VO_LP_FMT "\n", vid,
+                      VO_LP_ARGS(lid));
+            else
+                VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3 vfsid=%d err %s\n", vid,
+                      statLit(status));
+            setErr(voErrVldbRecordLookup, status);
+            result = voErrVldbRecordLookup;
+        } else if (count == 0) {
+            VO_TR(vo_vldb, vo_warn, "No VLDB record for vfsid=%d LP=" VO_LP_FMT "\n", vid,
+                  VO_LP_ARGS(lid));
+            setErr(voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
+            result = voErrVldbRecordLookup;
+        } else if (count > 1) {
+            VO_TR(vo_vldb, vo_warn, "Expect one VLDB record for vfsid=%d. Got %d!\n", vid, count);
+            setErr(voErrVodSanityCheck, VOD_ERR_INTERNAL);
+            result = VOD_ERR_INTERNAL;
+        } else {
+            const Rec& r = res->r.r_val[0];
+            _srcVfsType = r.vfstype;
+            _srcIsRoot = r.is_root;
+            setFamily(r.family);
+            _exportRuleset = r.exportRuleset;
+        }
+    }
+    if (result != 0) return result;
+
+    unsigned long long dver = 0;
+    VoErr err = getDataVerFromDblade(clntSrcDbladeVol, vid, lid, &dver);
+    if (err != 0) {
+        VO_TR(vo_srcvol, vo_warn,
+              "getDataVerFromDblade vfsid=%d LP=" VO_LP_FMT " err.func=%d err.funcrc=%d\n", vid,
+              VO_LP_ARGS(lid), err.func(), err.funcrc());
+        setErr(err.func(), err.funcrc());
+        return err;
+    }
+    _srcRec.setDver(dver);
+    return 0;
+}
+
+VoErr VoState::getDataVerFromDblade(CLIENT* clntDbladeVol, unsigned vfsid,
+                                    const unsigned char* lid, unsigned long long* dver) {
+    VoTrace::Depth depth;
+    if (dver != nullptr) *dver = 0;
+    if (clntDbladeVol == nullptr) {
+        VO_TR(vo_srcvol, vo_warn, "clntDbladeVol=0\n");
+        return voErr(voErrVodAttrGetDataVer, VOD_ERR_NO_DBLADE_CLIENT, VOD_ERR_NO_DBLADE_CLIENT);
+    }
+    VolGetattrIn in;
+    memset(&in, 0, sizeof in);
+    in.vfsID = vfsid;
+    memcpy(in.lpUUID, lid, sizeof in.lpUUID);
+    VoXdrResult<VolGetattrOut_t> out(xdr_VolGetattrOut_t);
+    unsigned rc = VoRpcCalls::dbladeVfsGetAttrs(&in, out.get(), clntDbladeVol, kDbladeTimeoutSec);
+    if (rc != 0) {
+        VO_TR(vo_srcvol, vo_warn, "dbladeVfsGetAttrs vfsid=%d failed: %s\n", vfsid,
+              rpcErrText(rc));
+        return VoRpcCalls::foldErr(voErrDbladeVolGetAttr, static_cast<clnt_stat>(rc), 0);
+    }
+    unsigned status = out->returnCode;
+    if (status != 0) {
+        if (status == kTarnErrVolNotFound)
+            VO_TR(vo_srcvol, vo_debug, "TARN_ERR_VOLNOTFOUND vfsid=%d LP=" VO_LP_FMT "\n", vfsid,
+                  VO_LP_ARGS(lid));
+        else if (status == TARN_ERR_LPMMISMATCH)
+            VO_TR(vo_srcvol, vo_debug, "TARN_ERR_LPMMISMATCH vfsid=%d LP=" VO_LP_FMT "\n", vfsid,
+                  VO_LP_ARGS(lid));
+        else
+            VO_TR(vo_srcvol, vo_warn, "dbladeVfsGetAttrs vfsid=%d err=%#X\n", vfsid, status);
+        return voErr(voErrDbladeVolGetAttr, status, status);
+    }
+    unsigned flags = out->return_volattrs.flags;
+    if (flags & kVolFlagsBusy) {
+        // Kept without a newline, as operators' filters know it.
+        VO_TR(vo_srcvol, vo_warn, "dbladeVfsGetAttrs vfsid=%d, vfs Flags = 0x%x", vfsid, flags);
+        unsigned code = static_cast<unsigned>(getTheReturnCode(flags));
+        return voErr(voErrDbladeVolGetAttr, code, code);
+    }
+    if (dver != nullptr) *dver = out->return_volattrs.dataVersion;
+    VO_TR(vo_srcvol, vo_debug, "VFS %d is at dataVer %lld\n", vfsid,
+          static_cast<long long>(out->return_volattrs.dataVersion));
+    return VoErr();
+}
+
+VoErr VoState::getDataVerFromVLDB(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid,
+                                  int* isExist, unsigned long long* dver) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr)
+        return voErr(voErrVodVldbGetDataVer, VOD_ERR_NO_VLDB_CLIENT, VOD_ERR_NO_VLDB_CLIENT);
+    if (isExist == nullptr) {
+        VO_TR(vo_vldb, vo_warn, "isExist=0 cannot return result\n");
+        return voErr(voErrVodVldbGetDataVer, VOD_ERR_INTERNAL, VOD_ERR_INTERNAL);
+    }
+    *isExist = 0;
+    if (dver != nullptr) *dver = 0;
+    VO_TR(vo_vldb, vo_entry, "vldb rec lookup vfsid=%d\n", vfsid);
+    VoXdrResult<vldb_record_lookup_result> res(xdr_vldb_record_lookup_result);
+    clnt_stat st = lookupVfs(clntVldb, vfsid, lid, res.get());
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3 vfsid=%d failed: %s\n", vfsid,
+              clnt_sperrno(st));
+        return VoRpcCalls::foldErr(voErrVldbRecordLookup, st, 0);
+    }
+    unsigned status = res->result;
+    unsigned count = res->r.r_len;
+    VoErr err;
+    if (status == VLDB_RECORD_NOT_FOUND || (status == 0 && count == 0)) {
+        // A missing volume is an answer, not a failure: the pair is kept, the
+        // code stays 0.
+        VO_TR(vo_vldb, vo_debug, "No VLDB record for vfsid=%d LP=" VO_LP_FMT "\n", vfsid,
+              VO_LP_ARGS(lid));
+        err.setErr(voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
+        return err;
+    }
+    if (status != 0) {
+        VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3 vfsid=%d err %s\n", vfsid, statLit(status));
+        return VoRpcCalls::foldErr(voErrVldbRecordLookup, RPC_SUCCESS, status);
+    }
+    if (count > 1) {
+        VO_TR(vo_vldb, vo_warn, "Expect one VLDB record for vfsid=%d. Got %d!\n", vfsid, count);
+        return voErr(voErrVodSanityCheck, VOD_ERR_INTERNAL, VOD_ERR_INTERNAL);
+    }
+    *isExist = 1;
+    if (dver != nullptr) *dver = res->r.r_val[0].dataVer;
+    VO_TR(vo_vldb, vo_debug, "VFS %d is at dataVer %lld\n", vfsid,
+          static_cast<long long>(res->r.r_val[0].dataVer));
+    return err;
+}
+
+VoErr VoState::newVfsid(CLIENT* clntVldb, unsigned* vfsid) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr)
+        return voErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT, VOD_ERR_NO_VLDB_CLIENT);
+    VoXdrResult<new_vfsid_result> res(xdr_new_vfsid_result);
+    clnt_stat st = new_vfsid_3(nullptr, res.get(), clntVldb);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_vldb, vo_warn, "new_vfsid_3 failed: %s\n", clnt_sperrno(st));
+        return VoRpcCalls::foldErr(voErrVldbNewVfsid, st, 0);
+    }
+    if (res->result != 0) {
+        VO_TR(vo_vldb, vo_warn, "new_vfsid_3 err %s \n", statLit(res->result));
+        return VoRpcCalls::foldErr(voErrVldbNewVfsid, RPC_SUCCESS, res->result);
+    }
+    *vfsid = res->newvfsid;
+    VO_TR(vo_vldb, vo_debug, "new vfs id=%d\n", *vfsid);
+    return VoErr();
+}
+
+VoErr VoState::vldbCreateRecord(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid,
+                                const char* vfsname, const char* family, unsigned vfsType,
+                                unsigned isRoot, unsigned crtimeSec, unsigned crtimeUsec,
+                                unsigned vserver, unsigned long long dataVer,
+                                unsigned short exportRuleset, unsigned appId) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr)
+        return voErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT, VOD_ERR_NO_VLDB_CLIENT);
+    rec_create_input in;
+    memset(&in, 0, sizeof in);
+    in.vfsid = vfsid;
+    char empty[] = "";
+    in.family = family != nullptr ? const_cast<char*>(family) : empty;
+    in.vfsname = vfsname != nullptr ? const_cast<char*>(vfsname) : empty;
+    in.vfstype = vfsType;
+    in.is_root = isRoot;
+    in.crtime.sec = crtimeSec;
+    in.crtime.usec = crtimeUsec;
+    memcpy(in.lp_uuid, lid, sizeof in.lp_uuid);
+    in.vserver = vserver;
+    in.dataVer = dataVer;
+    in.appId = appId;
+    in.exportRuleset = exportRuleset;
+
+    VO_TR(vo_vldb, vo_entry, "vldb_create_record_3 vfsid=%d vfsname=%s\n", vfsid, in.vfsname);
+    int status = 0;
+    clnt_stat st = vldb_create_record_3(&in, &status, clntVldb);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_vldb, vo_warn, "vldb_create_record_3 vfsid=%d failed: %s\n", vfsid,
+              clnt_sperrno(st));
+        return VoRpcCalls::foldErr(voErrVldbCreateRecord, st, 0);
+    }
+    if (status != 0) {
+        VO_TR(vo_vldb, vo_warn, "vldb_create_record_3 vfsid=%d err %s\n", vfsid, statLit(status));
+        return VoRpcCalls::foldErr(voErrVldbCreateRecord, RPC_SUCCESS, static_cast<unsigned>(status));
+    }
+    VO_TR(vo_vldb, vo_debug, "new vldb rec created\n");
+    return VoErr();
+}
+
+VoErr VoState::vldbDeleteRecord(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr)
+        return voErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT, VOD_ERR_NO_VLDB_CLIENT);
+    rec_delete_input in;
+    memset(&in, 0, sizeof in);
+    in.vfsid = vfsid;
+    memcpy(in.lp_uuid, lid, sizeof in.lp_uuid);
+    VO_TR(vo_vldb, vo_entry, "vldb_delete_record_3 vfsid=%d\n", vfsid);
+    int status = 0;
+    clnt_stat st = vldb_delete_record_3(&in, &status, clntVldb);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_vldb, vo_warn, "vldb_delete_record_3 vfsid=%d failed: %s\n", vfsid,
+              clnt_sperrno(st));
+        return VoRpcCalls::foldErr(voErrVldbDeleteRecord, st, 0);
+    }
+    if (status == 0 || status == VLDB_INVALID_VFSID) {
+        // VLDB_INVALID_VFSID: the record is already gone.
+        VO_TR(vo_vldb, vo_audit, "VLDB record vfsid=%d is deleted err = %s\n", vfsid,
+              statLit(status));
+        return VoErr();
+    }
+    // Printed for every other status, whatever it means.
+    VO_TR_RAW(vo_vldb, vo_warn, "VLDB rec did not exist? err = %s\n", statLit(status));
+    return VoRpcCalls::foldErr(voErrVldbDeleteRecord, RPC_SUCCESS, static_cast<unsigned>(status));
+}
+
+VoErr VoState::dbladeDeleteVfs(CLIENT* clntDbladeVol, unsigned vfsid, const unsigned char* lid) {
+    VoTrace::Depth depth;
+    if (clntDbladeVol == nullptr)
+        return voErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT, VOD_ERR_NO_DBLADE_CLIENT);
+    VolDeleteIn in;
+    memset(&in, 0, sizeof in);
+    in.vfsID = vfsid;
+    memcpy(in.lpUUID, lid, sizeof in.lpUUID);
+    unsigned rc = VoRpcCalls::dbladeVolDelete(&in, clntDbladeVol, kDbladeTimeoutSec, false);
+    if (rc != 0) {
+        VO_TR(vo_srcvol, vo_warn, "dbladeVolDelete vfsid=%d failed: %d\n", vfsid, rc);
+        return voErr(voErrDbladeVolDelete, rc, rc);
+    }
+    return VoErr();
+}
+
+VoErr VoState::deleteVodbRec(CLIENT* clntVldb) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr)
+        return voErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT, VOD_ERR_NO_VLDB_CLIENT);
+    u_quad_t opid = _opid;
+    int status = 0;
+    VO_TR(vo_vldb, vo_entry, "vodb_delete_by_opid_3 opid=%lld\n", _opid);
+    clnt_stat st = vodb_delete_by_opid_3(&opid, &status, clntVldb);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_vldb, vo_warn, "vodb_delete_by_opid_3 opid=%lld failed: %s\n", _opid,
+              clnt_sperrno(st));
+        return VoRpcCalls::foldErr(voErrVodbDeleteByOpid, st, 0);
+    }
+    if (status != 0) {
+        VO_TR(vo_vldb, vo_warn, "vodb_delete_by_opid_3 opid=%lld err %s\n", _opid,
+              statLit(status));
+        return VoRpcCalls::foldErr(voErrVodbDeleteByOpid, RPC_SUCCESS, static_cast<unsigned>(status));
+    }
+    setRetiredFromVodb();
+    return VoErr();
+}
+
+VoErr VoState::mkDbladeClient(CLIENT* clntVldb, const unsigned char* lid, VoRPCClient* out,
+                              VoRec* rec) {
+    VoTrace::Depth depth;
+    if (rec != nullptr) rec->setDid(0);
+    if (out == nullptr) {
+        VO_TR(vo_sinkvol, vo_warn, "clntDbladeVol=0\n");
+        return voErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT, VOD_ERR_NO_DBLADE_CLIENT);
+    }
+    if (clntVldb == nullptr)
+        return voErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT, VOD_ERR_NO_VLDB_CLIENT);
+
+    unsigned short did;
+    {
+        tarn_uuid_t in;
+        memcpy(in, lid, sizeof in);
+        VoXdrResult<vldb_lp_convert_result> res(xdr_vldb_lp_convert_result);
+        clnt_stat st = vldb_lp_convert_3(in, res.get(), clntVldb);
+        if (st != RPC_SUCCESS) {
+            VO_TR(vo_vldb, vo_warn, "vldb_lp_convert_3 at LP=" VO_LP_FMT " failed: %s\n",
+                  VO_LP_ARGS(lid), clnt_sperrno(st));
+            return VoRpcCalls::foldErr(voErrVldbLpConvert, st, 0);
+        }
+        if (res->result != 0) {
+            VO_TR(vo_vldb, vo_warn, "vldb_lp_convert_3 at LP=" VO_LP_FMT " err (%d) %s\n",
+                  VO_LP_ARGS(lid), res->result, statLit(res->result));
+            return VoRpcCalls::foldErr(voErrVldbLpConvert, RPC_SUCCESS, res->result);
+        }
+        did = res->dblade_id;
+    }
+    VO_TR(vo_vldb, vo_debug, "vldb_lp_convert_3 returns dblade id %d\n", did);
+    if (rec != nullptr) {
+        rec->setDid(did);
+        VO_TR(vo_vldb, vo_debug, "Cached dblade id\n");
+    }
+
+    char* host = VoDldb::getHostNameByDbladeId(did);
+    if (host == nullptr) return voErr(voErrVodClntTcpCreate, VOD_ERR_NO_DLDB_CLIENT, VOD_ERR_NO_HOST);
+    out->clnttcp_create(host, DBLADE_VOL_PROG, DBLADE_VOL_VERS);
+    free(host);
+    if (static_cast<CLIENT*>(*out) == nullptr) {
+        VoErr err = voErr(voErrVodClntTcpCreate, VOD_ERR_NO_DLDB_CLIENT, VOD_ERR_NO_DBLADE_CLIENT);
+        VO_TR(vo_sinkvol, vo_warn, "fail to contact sink dblade err.func=%d err.funcrc=%d\n",
+              err.func(), err.funcrc());
+        return err;
+    }
+    return VoErr();
+}
+
+VoErr VoState::setVfsType(CLIENT* clntVldb, CLIENT* clntDbladeVol, unsigned vfsid,
+                          const unsigned char* lid, vldb_vfs_types type) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr)
+        return voErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT, VOD_ERR_NO_VLDB_CLIENT);
+    if (clntDbladeVol == nullptr)
+        return voErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT, VOD_ERR_NO_DBLADE_CLIENT);
+
+    VoErr err = VodbCacheLock::refreshVodbCache(clntVldb);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn, "refreshVodbCache err.func=%d err.funcrc=%d\n", err.func(),
+              err.funcrc());
+        return err;
+    }
+    {
+        // A volume that any recorded operation uses cannot change type.
+        VodbCacheLock lock;
+        const auto& cache = VodbCacheLock::getVodbCache();
+        VO_TR(vo_vod, vo_debug, "_vodbCache.size = %#X\n", static_cast<unsigned>(cache.size()));
+        for (const VoRec* rec : cache) {
+            if (rec->vid() != vfsid || memcmp(rec->lid(), lid, 16) != 0) continue;
+            VO_TR(vo_vod, vo_warn, "vfs %d is involved in volop opid=%lld\n", vfsid, rec->opid());
+            unsigned busy = getErrorCodeForOpType(rec->opType());
+            return voErr(voErrVodValidate, busy, busy != 0 ? busy : unsigned(voErrVodValidate));
+        }
+    }
+
+    {
+        VolSetattrIn in;
+        memset(&in, 0, sizeof in);
+        in.vfsID = vfsid;
+        memcpy(in.lpUUID, lid, sizeof in.lpUUID);
+        in.set_attrs.how = type == RW_VFS ? kVolSetMakeRW : kVolSetMakeRO;
+        char empty[] = "";
+        in.set_attrs.attrs.volname = empty;
+        in.set_attrs.attrs.mountedatvolname = empty;
+        VoXdrResult<VolSetattrOut_t> out(xdr_VolSetattrOut_t);
+        unsigned rc = VoRpcCalls::dbladeVfsSetAttrs(&in, out.get(), clntDbladeVol, kDbladeTimeoutSec);
+        if (rc != 0) {
+            VO_TR(vo_srcvol, vo_warn, "dbladeVfsSetAttrs vfsid=%d failed: %s\n", vfsid,
+                  rpcErrText(rc));
+            return VoRpcCalls::foldErr(voErrDbladeVolSetAttr, static_cast<clnt_stat>(rc), 0);
+        }
+        if (out->returnCode != 0) {
+            VO_TR(vo_srcvol, vo_warn, "dbladeVfsSetAttrs vfsid=%d err=%#X\n", vfsid,
+                  out->returnCode);
+            return VoRpcCalls::foldErr(voErrDbladeVolSetAttr, RPC_SUCCESS, out->returnCode);
+        }
+    }
+
+    vldb_record_modify_input in;
+    memset(&in, 0, sizeof in);
+    in.input_mask = VFS_RW_FLAG;
+    in.vfsid = vfsid;
+    memcpy(in.lp_uuid, lid, sizeof in.lp_uuid);
+    in.newrec.vfsid = vfsid;
+    memcpy(in.newrec.lp_uuid, lid, sizeof in.newrec.lp_uuid);
+    in.newrec.vfstype = type;
+    char empty[] = "";
+    in.newrec.family = empty;
+    in.newrec.vfsname = empty;
+    VO_TR(vo_vldb, vo_entry, "vldb_record_modify_3 vfsid=%d\n", vfsid);
+    int status = 0;
+    clnt_stat st = vldb_record_modify_3(&in, &status, clntVldb);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_vldb, vo_warn, "vldb_record_modify_3 vfsid=%d failed: %s\n", vfsid,
+              clnt_sperrno(st));
+        return VoRpcCalls::foldErr(voErrVldbRecordModify, st, 0);
+    }
+    if (status != 0) {
+        VO_TR(vo_vldb, vo_warn, "vldb_record_modify_3 vfsid=%d err %s\n", vfsid, statLit(status));
+        return voErr(voErrVldbRecordModify, static_cast<unsigned>(status),
+                     static_cast<unsigned>(status));
+    }
+    return VoErr();
+}
+
+void VoState::copy_mountedat_attr(tarn_volsattrx_t& to, const tarn_volgattrx_t& from) {
+    // The name is shared, not copied: `to` must not outlive `from`.
+    to.mountedatvolname = from.mountedatvolname;
+    to.mountedatdirvnode = from.mountedatdirvnode;
+    to.mountedatdirunique = from.mountedatdirunique;
+    to.mountedatparentvnode = from.mountedatparentvnode;
+    to.mountedatparentunique = from.mountedatparentunique;
+}
