@@ -1,0 +1,583 @@
+#include "node.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <limits.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <pwd.h>
+#include <rpc/pmap_clnt.h>
+#include <rpc/pmap_prot.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "util/xdrproc.h"
+#include "vo.h"
+
+#ifndef VOD_BIN
+#error "VOD_BIN must name the vod binary"
+#endif
+#ifndef VOCTL_BIN
+#error "VOCTL_BIN must name the voctl binary"
+#endif
+
+extern char** environ;
+
+namespace vodtest {
+
+namespace {
+
+// Set by the parent for the re-executed binary; consumed (unset) at once so
+// that programs started inside do not take themselves for the sandbox's pid 1.
+const char kSandboxMarker[] = "VODTEST_SANDBOX";
+
+bool gSandboxed = false;
+std::string gWhyNot = "Node::enterSandbox was not called";
+
+double nowSec() {
+    using namespace std::chrono;
+    return duration<double>(steady_clock::now().time_since_epoch()).count();
+}
+
+[[noreturn]] void sandboxFailed(const std::string& what) {
+    std::fprintf(stderr, "integration sandbox: %s: %s\n", what.c_str(), strerror(errno));
+    std::exit(1);
+}
+
+// argv and envp for execve, built before fork: the child of a threaded
+// process may only make async-signal-safe calls.
+struct ExecArgs {
+    std::vector<std::string> argStore, envStore;
+    std::vector<char*> argv, envp;
+
+    ExecArgs(const std::string& path, const std::vector<std::string>& args,
+             const std::vector<std::string>& extraEnv) {
+        argStore.push_back(path);
+        argStore.insert(argStore.end(), args.begin(), args.end());
+        for (char** e = environ; *e != nullptr; ++e) {
+            std::string entry = *e;
+            std::string name = entry.substr(0, entry.find('='));
+            bool overridden = false;
+            for (const std::string& x : extraEnv)
+                if (x.compare(0, name.size() + 1, name + "=") == 0) overridden = true;
+            if (!overridden) envStore.push_back(entry);
+        }
+        envStore.insert(envStore.end(), extraEnv.begin(), extraEnv.end());
+        for (auto& s : argStore) argv.push_back(&s[0]);
+        argv.push_back(nullptr);
+        for (auto& s : envStore) envp.push_back(&s[0]);
+        envp.push_back(nullptr);
+    }
+};
+
+// In a forked child: nothing but the three standard descriptors survives exec.
+void closeOtherFds() { close_range(3, ~0U, 0); }
+
+int decodeStatus(int st) {
+    if (WIFEXITED(st)) return WEXITSTATUS(st);
+    if (WIFSIGNALED(st)) return 128 + WTERMSIG(st);
+    return -1;
+}
+
+// Runs a program quietly and returns its exit status (-1 if it cannot run).
+int runQuiet(const std::vector<std::string>& argv) {
+    RunResult r = runProgram(argv[0], std::vector<std::string>(argv.begin() + 1, argv.end()), 30);
+    return r.status;
+}
+
+std::string findProgram(const std::vector<std::string>& candidates) {
+    for (const auto& c : candidates)
+        if (access(c.c_str(), X_OK) == 0) return c;
+    return "";
+}
+
+// Loopback is down in a new network namespace.
+void bringLoopbackUp() {
+    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (s < 0) sandboxFailed("socket for loopback set-up");
+    ifreq ifr;
+    memset(&ifr, 0, sizeof ifr);
+    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
+    if (ioctl(s, SIOCGIFFLAGS, &ifr) < 0) sandboxFailed("SIOCGIFFLAGS lo");
+    ifr.ifr_flags |= IFF_UP | IFF_RUNNING;
+    if (ioctl(s, SIOCSIFFLAGS, &ifr) < 0) sandboxFailed("SIOCSIFFLAGS lo");
+    close(s);
+}
+
+void mountPrivateTmpfs(const char* where) {
+    if (mount("tmpfs", where, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") < 0)
+        sandboxFailed(std::string("mount tmpfs on ") + where);
+}
+
+// True when the port mapper on 127.0.0.1 answers a null call.
+bool rpcbindAnswers() {
+    sockaddr_in addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(PMAPPORT);
+    int sock = RPC_ANYSOCK;
+    CLIENT* c = clnttcp_create(&addr, PMAPPROG, PMAPVERS, &sock, 0, 0);
+    if (c == nullptr) return false;
+    timeval tv{1, 0};
+    clnt_stat st = clnt_call(c, NULLPROC, xdrProc(xdr_void), nullptr, xdrProc(xdr_void), nullptr, tv);
+    clnt_destroy(c);
+    return st == RPC_SUCCESS;
+}
+
+void startRpcbind() {
+    std::string rpcbind = findProgram({"/usr/sbin/rpcbind", "/sbin/rpcbind", "/usr/bin/rpcbind"});
+    if (rpcbind.empty()) {
+        errno = ENOENT;
+        sandboxFailed("rpcbind not installed");
+    }
+    // rpcbind drops to its own user and keeps its state files here.
+    mkdir("/run/rpcbind", 0755);
+    if (passwd* pw = getpwnam("_rpc")) {
+        if (chown("/run/rpcbind", pw->pw_uid, pw->pw_gid) < 0) sandboxFailed("chown /run/rpcbind");
+    }
+    int logFd = open("/var/log/rpcbind.out", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    ExecArgs ea(rpcbind, {"-f", "-w"}, {});
+    pid_t pid = fork();
+    if (pid < 0) sandboxFailed("fork rpcbind");
+    if (pid == 0) {
+        int devnull = open("/dev/null", O_RDONLY);
+        dup2(devnull, 0);
+        dup2(logFd >= 0 ? logFd : devnull, 1);
+        dup2(logFd >= 0 ? logFd : devnull, 2);
+        closeOtherFds();
+        execve(ea.argv[0], ea.argv.data(), ea.envp.data());
+        _exit(127);
+    }
+    if (logFd >= 0) close(logFd);
+    bool up = pollUntil(
+        [pid] {
+            int st;
+            if (waitpid(pid, &st, WNOHANG) == pid) {
+                errno = ECHILD;
+                sandboxFailed("rpcbind ended at start (see /var/log/rpcbind.out)");
+            }
+            return rpcbindAnswers();
+        },
+        15);
+    if (!up) {
+        errno = ETIMEDOUT;
+        sandboxFailed("rpcbind does not answer on 127.0.0.1");
+    }
+}
+
+void setUpInside() {
+    bringLoopbackUp();
+    mountPrivateTmpfs("/run");
+    mountPrivateTmpfs("/var/log");
+    startRpcbind();
+}
+
+// ASan's leak check would flag what vod deliberately leaves to exit().
+std::string withoutLeakCheck() {
+    const char* cur = getenv("ASAN_OPTIONS");
+    std::string v = cur != nullptr && *cur != '\0' ? std::string(cur) + ":" : "";
+    return "ASAN_OPTIONS=" + v + "detect_leaks=0";
+}
+
+int removeEntry(const char* path, const struct stat*, int, FTW*) { return remove(path); }
+
+std::string tailLines(const std::string& s, size_t n) {
+    size_t pos = s.size();
+    for (size_t i = 0; i < n && pos > 0; ++i) {
+        pos = s.rfind('\n', pos - 1);
+        if (pos == std::string::npos) return s;
+    }
+    return s.substr(pos + 1);
+}
+
+}  // namespace
+
+const char* vodBinary() { return VOD_BIN; }
+const char* voctlBinary() { return VOCTL_BIN; }
+
+bool pollUntil(const std::function<bool()>& cond, double timeoutSec, double stepSec) {
+    double deadline = nowSec() + timeoutSec;
+    for (;;) {
+        if (cond()) return true;
+        if (nowSec() >= deadline) return false;
+        usleep(static_cast<useconds_t>(stepSec * 1e6));
+    }
+}
+
+void UniqueFd::reset(int fd) {
+    if (_fd >= 0) close(_fd);
+    _fd = fd;
+}
+
+RunResult runProgram(const std::string& path, const std::vector<std::string>& args, double timeoutSec,
+                     const std::vector<std::string>& extraEnv) {
+    RunResult r;
+    int outPipe[2], errPipe[2];
+    if (pipe2(outPipe, O_CLOEXEC) < 0) return r;
+    if (pipe2(errPipe, O_CLOEXEC) < 0) {
+        close(outPipe[0]);
+        close(outPipe[1]);
+        return r;
+    }
+    ExecArgs ea(path, args, extraEnv);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int devnull = open("/dev/null", O_RDONLY);
+        dup2(devnull, 0);
+        dup2(outPipe[1], 1);
+        dup2(errPipe[1], 2);
+        closeOtherFds();
+        execve(ea.argv[0], ea.argv.data(), ea.envp.data());
+        _exit(127);
+    }
+    close(outPipe[1]);
+    close(errPipe[1]);
+    if (pid < 0) {
+        close(outPipe[0]);
+        close(errPipe[0]);
+        return r;
+    }
+
+    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+    std::string* sinks[2] = {&r.out, &r.err};
+    int openStreams = 2;
+    double deadline = nowSec() + timeoutSec;
+    bool timedOut = false;
+    while (openStreams > 0) {
+        int left = static_cast<int>((deadline - nowSec()) * 1000);
+        if (left <= 0) {
+            timedOut = true;
+            break;
+        }
+        if (poll(fds, 2, left) < 0 && errno != EINTR) break;
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+            char buf[4096];
+            ssize_t n = read(fds[i].fd, buf, sizeof buf);
+            if (n > 0) {
+                sinks[i]->append(buf, n);
+            } else if (n == 0 || errno != EINTR) {
+                close(fds[i].fd);
+                fds[i].fd = -1;
+                --openStreams;
+            }
+        }
+    }
+    for (auto& f : fds)
+        if (f.fd >= 0) close(f.fd);
+    if (timedOut) ::kill(pid, SIGKILL);
+    int st = 0;
+    while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
+    }
+    r.status = timedOut ? -1 : decodeStatus(st);
+    return r;
+}
+
+// ---- ConsoleChild
+
+ConsoleChild::~ConsoleChild() {
+    if (_pid > 0 && !_reaped) kill(SIGKILL);
+    stopReader();
+    if (_master >= 0) close(_master);
+    if (_log != nullptr) std::fclose(_log);
+}
+
+bool ConsoleChild::start(const std::string& path, const std::vector<std::string>& args,
+                         const std::string& cwd, const std::string& logPath,
+                         const std::vector<std::string>& extraEnv, std::string* error) {
+    auto fail = [error](const std::string& what) {
+        *error = what + ": " + strerror(errno);
+        return false;
+    };
+    _master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (_master < 0) return fail("posix_openpt");
+    char name[128];
+    if (grantpt(_master) < 0 || unlockpt(_master) < 0 || ptsname_r(_master, name, sizeof name) != 0)
+        return fail("pseudo-terminal set-up");
+    int slave = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (slave < 0) return fail(std::string("open ") + name);
+    // Raw mode: no echo, and "\n" stays "\n".
+    termios t;
+    if (tcgetattr(slave, &t) == 0) {
+        cfmakeraw(&t);
+        tcsetattr(slave, TCSANOW, &t);
+    }
+    _log = std::fopen(logPath.c_str(), "a");
+
+    ExecArgs ea(path, args, extraEnv);
+    _pid = fork();
+    if (_pid == 0) {
+        setsid();
+        int devnull = open("/dev/null", O_RDONLY);
+        dup2(devnull, 0);
+        dup2(slave, 1);
+        dup2(slave, 2);
+        closeOtherFds();
+        if (chdir(cwd.c_str()) < 0) _exit(126);
+        execve(ea.argv[0], ea.argv.data(), ea.envp.data());
+        _exit(127);
+    }
+    close(slave);
+    if (_pid < 0) return fail("fork");
+    _reader = std::thread([this] { readLoop(); });
+    return true;
+}
+
+void ConsoleChild::readLoop() {
+    char buf[4096];
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lk(_mu);
+            if (_stop) break;
+        }
+        pollfd p{_master, POLLIN, 0};
+        int r = poll(&p, 1, 100);
+        if (r <= 0) continue;
+        ssize_t n = read(_master, buf, sizeof buf);
+        if (n > 0) {
+            std::lock_guard<std::mutex> lk(_mu);
+            _out.append(buf, n);
+            if (_log != nullptr) {
+                std::fwrite(buf, 1, n, _log);
+                std::fflush(_log);
+            }
+            _cv.notify_all();
+        } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+            break;  // EIO: the child and everything it started have closed the terminal
+        }
+    }
+    std::lock_guard<std::mutex> lk(_mu);
+    _eof = true;
+    _cv.notify_all();
+}
+
+void ConsoleChild::stopReader() {
+    if (!_reader.joinable()) return;
+    {
+        std::lock_guard<std::mutex> lk(_mu);
+        _stop = true;
+    }
+    _reader.join();
+}
+
+bool ConsoleChild::running() {
+    if (_pid <= 0 || _reaped) return false;
+    int st;
+    pid_t r = waitpid(_pid, &st, WNOHANG);
+    if (r == _pid) {
+        _reaped = true;
+        _status = decodeStatus(st);
+        return false;
+    }
+    return r == 0;
+}
+
+int ConsoleChild::wait(double timeoutSec) {
+    if (_pid <= 0) return -1;
+    if (!pollUntil([this] { return !running(); }, timeoutSec, 0.01)) return -1;
+    // The last lines may still be in the terminal; the reader sees EOF after them.
+    std::unique_lock<std::mutex> lk(_mu);
+    _cv.wait_for(lk, std::chrono::seconds(5), [this] { return _eof; });
+    return _status;
+}
+
+void ConsoleChild::kill(int sig) {
+    if (_pid <= 0 || _reaped) return;
+    ::kill(_pid, sig);
+    if (sig == SIGKILL) {
+        int st;
+        while (waitpid(_pid, &st, 0) < 0 && errno == EINTR) {
+        }
+        _reaped = true;
+        _status = decodeStatus(st);
+    }
+}
+
+std::string ConsoleChild::output() const {
+    std::lock_guard<std::mutex> lk(_mu);
+    return _out;
+}
+
+bool ConsoleChild::waitForOutput(const std::string& needle, double timeoutSec) const {
+    std::unique_lock<std::mutex> lk(_mu);
+    return _cv.wait_for(lk, std::chrono::duration<double>(timeoutSec),
+                        [&] { return _out.find(needle) != std::string::npos; });
+}
+
+// ---- Node
+
+void Node::enterSandbox(int argc, char** argv) {
+    if (getenv(kSandboxMarker) != nullptr) {
+        unsetenv(kSandboxMarker);
+        setUpInside();
+        gSandboxed = true;
+        return;
+    }
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--gtest_list_tests") == 0) {
+            gWhyNot = "listing tests only";
+            return;
+        }
+    }
+    if (geteuid() != 0) {
+        gWhyNot = "integration tests need root (private namespaces, rpcbind, vod's port 908)";
+        return;
+    }
+    std::string unshare = findProgram({"/usr/bin/unshare", "/bin/unshare"});
+    const std::vector<std::string> nsArgs = {"--net", "--mount", "--pid", "--fork", "--mount-proc",
+                                             "--kill-child"};
+    std::vector<std::string> probe = {unshare};
+    probe.insert(probe.end(), nsArgs.begin(), nsArgs.end());
+    probe.push_back("true");
+    if (unshare.empty() || runQuiet(probe) != 0) {
+        gWhyNot = "creating network, mount and pid namespaces (unshare) is not permitted here";
+        return;
+    }
+
+    char exe[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (n <= 0) {
+        gWhyNot = std::string("cannot find this test binary: ") + strerror(errno);
+        return;
+    }
+    exe[n] = '\0';
+    std::vector<std::string> args = nsArgs;
+    args.push_back(exe);
+    for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
+    ExecArgs ea(unshare, args, {std::string(kSandboxMarker) + "=1"});
+    std::fflush(nullptr);
+    execve(ea.argv[0], ea.argv.data(), ea.envp.data());
+    gWhyNot = std::string("cannot run unshare: ") + strerror(errno);
+}
+
+bool Node::sandboxed() { return gSandboxed; }
+const std::string& Node::whyNotSandboxed() { return gWhyNot; }
+
+Node::Node() {
+    char tmpl[] = "/tmp/vodnode.XXXXXX";
+    if (mkdtemp(tmpl) != nullptr) _dir = tmpl;
+}
+
+Node::~Node() {
+    stop();
+    if (_dir.empty()) return;
+    if (::testing::Test::HasFailure())
+        std::fprintf(stderr, "node files kept in %s\n", _dir.c_str());
+    else
+        nftw(_dir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+std::vector<std::string> Node::childEnv() const { return {withoutLeakCheck()}; }
+
+bool Node::startVod(std::vector<std::string> args, Wait wait) {
+    if (_vod) killVod(SIGKILL);
+    _vodArgs = args;
+    // A killed vod stays registered; only a registration made by this vod counts.
+    pmap_unset(VOPROG, VOVERS);
+    _vod = std::make_unique<ConsoleChild>();
+    std::string error;
+    if (!_vod->start(VOD_BIN, args, _dir, _dir + "/vod.out", childEnv(), &error)) {
+        std::fprintf(stderr, "cannot start vod: %s\n", error.c_str());
+        return false;
+    }
+    if (wait == Wait::No) return true;
+    bool up = pollUntil([this] { return !_vod->running() || vodPort() != 0; }, 20);
+    if (!up || !_vod->running()) {
+        std::fprintf(stderr, "vod did not register with rpcbind; its output:\n%s\n",
+                     _vod->output().c_str());
+        return false;
+    }
+    return true;
+}
+
+int Node::waitVodExit(int timeoutSec) { return _vod ? _vod->wait(timeoutSec) : -1; }
+
+void Node::killVod(int sig) {
+    if (_vod) _vod->kill(sig);
+}
+
+bool Node::restartVod() {
+    killVod(SIGKILL);
+    return startVod(_vodArgs);
+}
+
+bool Node::vodRunning() { return _vod && _vod->running(); }
+
+std::string Node::vodOutput() const { return _vod ? _vod->output() : ""; }
+
+bool Node::waitForTrace(const std::string& needle, int timeoutSec) {
+    return _vod && _vod->waitForOutput(needle, timeoutSec);
+}
+
+unsigned short Node::vodPort() const {
+    sockaddr_in addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return pmap_getport(&addr, VOPROG, VOVERS, IPPROTO_TCP);
+}
+
+CLIENT* Node::client(unsigned timeoutSec) {
+    timeval tv{static_cast<time_t>(timeoutSec), 0};
+    CLIENT* c = clnt_create_timed("127.0.0.1", VOPROG, VOVERS, "tcp", &tv);
+    if (c == nullptr) {
+        std::fprintf(stderr, "%s\n", clnt_spcreateerror("127.0.0.1"));
+        return nullptr;
+    }
+    clnt_control(c, CLSET_TIMEOUT, reinterpret_cast<char*>(&tv));
+    _clients.push_back(c);
+    return c;
+}
+
+UniqueFd Node::connectRaw() const {
+    unsigned short port = vodPort();
+    if (port == 0) return UniqueFd();
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) return fd;
+    sockaddr_in addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(port);
+    if (connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) return UniqueFd();
+    return fd;
+}
+
+Node::Result Node::voctl(std::vector<std::string> args, double timeoutSec) {
+    return runProgram(VOCTL_BIN, args, timeoutSec, childEnv());
+}
+
+void Node::stop() {
+    for (CLIENT* c : _clients) clnt_destroy(c);
+    _clients.clear();
+    _vod.reset();
+}
+
+// ---- NodeTest
+
+void NodeTest::SetUp() {
+    if (!Node::sandboxed()) GTEST_SKIP() << "no node sandbox: " << Node::whyNotSandboxed();
+    ASSERT_FALSE(node.dir().empty()) << "cannot make a scratch folder in /tmp";
+}
+
+void NodeTest::TearDown() {
+    if (HasFailure() && node.vodPid() > 0)
+        std::fprintf(stderr, "---- last lines of vod's output ----\n%s\n",
+                     tailLines(node.vodOutput(), 60).c_str());
+    node.stop();
+}
+
+}  // namespace vodtest

@@ -1,0 +1,220 @@
+// voctl: its argument checks and output helpers on their own, then the tool
+// end to end against vod on a node.
+#include <gtest/gtest.h>
+#include <rpc/pmap_clnt.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "node.h"
+#include "voctl/number.h"
+#include "voctl/output.h"
+#include "voerrors.h"
+
+namespace vodtest {
+namespace {
+
+using nlohmann::json;
+
+TEST(VoctlNumbers, DecimalOrHexWithinRange) {
+    struct Case {
+        const char* text;
+        bool valid;
+        uint32_t value;
+    };
+    const Case cases[] = {
+        {"0", true, 0},
+        {"40002", true, 40002},
+        {"010", true, 10},  // no octal
+        {"4294967295", true, 0xFFFFFFFF},
+        {"0xFFFFFFFF", true, 0xFFFFFFFF},
+        {"0x01859c52", true, 0x01859C52},
+        {"4294967296", false, 0},
+        {"0x100000000", false, 0},
+        {"0x", false, 0},
+        {"", false, 0},
+        {"-1", false, 0},
+        {"+1", false, 0},
+        {" 1", false, 0},
+        {"1 ", false, 0},
+        {"12abc", false, 0},
+        {"0xG", false, 0},
+    };
+    for (const Case& c : cases) {
+        auto v = voctl::parseU32(c.text);
+        EXPECT_EQ(v.has_value(), c.valid) << '"' << c.text << '"';
+        if (v && c.valid) {
+            EXPECT_EQ(*v, c.value) << c.text;
+        }
+    }
+    EXPECT_EQ(voctl::parseU64("0xFFFFFFFFFFFFFFFF"), ~0ull);
+    EXPECT_FALSE(voctl::parseU64("18446744073709551616"));
+}
+
+// Everything a ProgressBar wrote, from a memory stream.
+struct Captured {
+    char* buf = nullptr;
+    size_t size = 0;
+    FILE* f = open_memstream(&buf, &size);
+    ~Captured() {
+        if (f != nullptr) fclose(f);
+        free(buf);
+    }
+    std::string text() {
+        fflush(f);
+        return std::string(buf, size);
+    }
+};
+
+TEST(VoctlProgress, RateAndEtaFromTheFirstReading) {
+    Captured c;
+    voctl::ProgressBar bar(c.f, false, "copy");
+    voctl::Progress p{100, 0, 1000};
+    EXPECT_EQ(bar.line(p, 0), "copy [....................]   0%  100 MB  0/1000 vnodes  -- MB/s  ETA --:--");
+    bar.update(p, 100.0);
+    // 200 MB more in 20 s; a quarter of the vnodes in 20 s leaves 60 s.
+    p = {300, 250, 1000};
+    EXPECT_EQ(bar.line(p, 120.0),
+              "copy [#####...............]  25%  300 MB  250/1000 vnodes  10.0 MB/s  ETA 1:00");
+    p = {300, 1000, 1000};
+    EXPECT_NE(bar.line(p, 130.0).find("100%  300 MB  1000/1000 vnodes"), std::string::npos);
+    EXPECT_NE(bar.line(p, 130.0).find("ETA 0:00"), std::string::npos);
+    p = {300, 1, 10000};
+    EXPECT_NE(bar.line(p, 3700.0).find("ETA 9999:00:00"), std::string::npos) << bar.line(p, 3700.0);
+}
+
+TEST(VoctlProgress, PlainOutputIsThrottledTerminalOutputRedraws) {
+    Captured plain;
+    voctl::ProgressBar slow(plain.f, false, "m", 10);
+    for (int t = 0; t <= 25; ++t) slow.update({uint64_t(t), uint32_t(t), 100}, t);
+    slow.finish("done", 26);
+    std::string text = plain.text();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << text;  // t = 0, 10, 20, finish
+    EXPECT_EQ(text.find('\r'), std::string::npos);
+    EXPECT_NE(text.find("done\n"), std::string::npos);
+
+    Captured tty;
+    voctl::ProgressBar live(tty.f, true, "m");
+    for (int t = 0; t < 5; ++t) live.update({uint64_t(t), uint32_t(t), 100}, t);
+    std::string before = tty.text();
+    EXPECT_EQ(std::count(before.begin(), before.end(), '\r'), 5);
+    EXPECT_EQ(before.find('\n'), std::string::npos) << "one line, redrawn";
+    live.finish("cancelled", 5);
+    std::string after = tty.text();
+    EXPECT_EQ(after.back(), '\n');
+    EXPECT_NE(after.find("cancelled"), std::string::npos);
+}
+
+TEST(VoctlUsage, BadCommandLinesExitWithStatusTwo) {
+    // Parsing never needs vod, so none of these may try to reach it.
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {},
+             {"nosuchcommand"},
+             {"decode"},
+             {"decode", "xyz"},
+             {"decode", "0x100000000"},
+             {"decode", "-5"},
+             {"trace-mask", "1", "2"},
+             {"--timeout", "0", "ping"},
+         }) {
+        std::string line;
+        for (const auto& a : args) line += a + " ";
+        RunResult r = runProgram(voctlBinary(), args, 20);
+        EXPECT_EQ(r.status, 2) << line << "\n" << r.err;
+        EXPECT_FALSE(r.err.empty()) << line;
+    }
+    RunResult help = runProgram(voctlBinary(), {"decode", "--help"}, 20);
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("CODE"), std::string::npos);
+}
+
+// ---- against a node
+
+class VoctlNodeTest : public NodeTest {
+ protected:
+    void SetUp() override {
+        NodeTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        ASSERT_TRUE(node.startVod({"-d"}));
+    }
+};
+
+TEST_F(VoctlNodeTest, PingReportsTheRoundTrip) {
+    Node::Result r = node.voctl({"ping"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("vod on localhost answered in "), std::string::npos) << r.out;
+
+    r = node.voctl({"--json", "-H", "127.0.0.1", "ping"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    json j = json::parse(r.out);
+    EXPECT_EQ(j["host"], "127.0.0.1");
+    EXPECT_TRUE(j["rtt_ms"].is_number());
+    EXPECT_GE(j["rtt_ms"].get<double>(), 0.0);
+}
+
+TEST_F(VoctlNodeTest, DecodeShowsModuleProcedureAndMessage) {
+    Node::Result r = node.voctl({"decode", "40002"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.rfind("(VOD) : out of memory\n", 0), 0u) << r.out;
+    EXPECT_NE(r.out.find("module     VOD"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("message    out of memory"), std::string::npos) << r.out;
+
+    r = node.voctl({"--json", "decode", "0x01859C52"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    json j = json::parse(r.out);
+    VoErrOut want;
+    memset(&want, 0, sizeof want);
+    ASSERT_NE(errorDecode(0x01859C52, &want), nullptr);
+    std::string wantText = want.message;
+    free(want.message);
+    EXPECT_EQ(j["code"], 0x01859C52u);
+    EXPECT_EQ(j["proc"], 389u);
+    EXPECT_EQ(j["low"], 0x9C52u);
+    EXPECT_EQ(j["message"], wantText);
+    EXPECT_EQ(j["module"], "VOD");
+    EXPECT_EQ(j["procName"], "VodVfsOpCancel");
+}
+
+TEST_F(VoctlNodeTest, TraceMaskAndDbgDump) {
+    Node::Result r = node.voctl({"--json", "trace-mask", "0xFFFFFFFF"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(json::parse(r.out)["privateLog"], "opened");
+    struct stat st;
+    EXPECT_EQ(stat("/var/log/vod.log", &st), 0);
+
+    r = node.voctl({"trace-mask", "0x1080"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("0x00001080"), std::string::npos) << r.out;
+
+    r = node.voctl({"dbgdump"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "requested\n");
+}
+
+TEST_F(VoctlNodeTest, UnreachableVodExitsWithStatusThree) {
+    node.killVod();
+    // rpcbind still lists the dead vod: the connection itself is refused.
+    Node::Result r = node.voctl({"--timeout", "5", "ping"});
+    EXPECT_EQ(r.status, 3) << r.out << r.err;
+    EXPECT_NE(r.err.find("RPC"), std::string::npos) << r.err;
+
+    // Unknown to rpcbind, and in JSON mode.
+    pmap_unset(VOPROG, VOVERS);
+    r = node.voctl({"--json", "--timeout", "5", "decode", "1"});
+    EXPECT_EQ(r.status, 3) << r.out << r.err;
+    json j = json::parse(r.out);
+    EXPECT_EQ(j["status"], 3);
+    EXPECT_NE(j["error"].get<std::string>().find("RPC"), std::string::npos);
+
+    // No route to the host at all.
+    r = node.voctl({"-H", "192.0.2.1", "--timeout", "5", "ping"});
+    EXPECT_EQ(r.status, 3) << r.out << r.err;
+}
+
+}  // namespace
+}  // namespace vodtest
