@@ -78,8 +78,8 @@ class VoRec {
     void dbgDump() const;
 
     // Names for traces. A value beyond the table gives "opType<n>" /
-    // "role<n>" in a buffer of the calling thread, valid until that thread's
-    // next such call.
+    // "role<n>" in a buffer of the calling thread and function, valid until
+    // that thread's next call of the same function.
     static const char* opType2str(unsigned t);
     static const char* role2str(unsigned r);
 
