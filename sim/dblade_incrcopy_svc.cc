@@ -1,0 +1,119 @@
+// DBLADE_INCRCOPY_PROG service functions: the wire side of the incremental-copy streams.
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "dblade_incrcopy.h"
+#include "sim/incrcopy.h"
+#include "sim/simfaults.h"
+#include "sim/simnode.h"
+
+namespace {
+
+// More sinks than any node has LPs is a malformed request, not a reason to allocate.
+constexpr u_int kMaxSinks = 1024;
+
+// The fault verdict first, then the work under the lock; `fn` returns the status.
+template <typename Fn>
+bool_t serve(const char* proc, u_int* status, Fn fn) {
+    *status = 0;
+    SimFaultVerdict f = simFault(proc);
+    if (f.kind == SimFaultKind::Drop) return FALSE;
+    if (f.kind == SimFaultKind::Status) {
+        *status = f.status;
+        return TRUE;
+    }
+    std::lock_guard<std::mutex> lk(SimNode::get().lock());
+    *status = fn();
+    return TRUE;
+}
+
+}  // namespace
+
+bool_t incrcopymirror_1_svc(IncrCopyMirrorIn* in, u_int* out, struct svc_req*) {
+    return serve("incrcopymirror", out, [&]() -> unsigned {
+        u_int n = in->numDests;
+        if (n == 0 || n > kMaxSinks || in->dstBladeId.dstBladeId_len != n ||
+            in->dstVfsId.dstVfsId_len != n || in->dstLpUuid.dstLpUuid_len != n)
+            return VIC_EINVAL;
+        std::vector<SimSinkSpec> sinks(n);
+        for (u_int i = 0; i < n; ++i) {
+            sinks[i].did = in->dstBladeId.dstBladeId_val[i];
+            sinks[i].vfsid = in->dstVfsId.dstVfsId_val[i];
+            sinks[i].lp = simLpId(in->dstLpUuid.dstLpUuid_val[i]);
+        }
+        return simStreamStart(in->opId, in->opType, simLpId(in->srcLpUuid), in->srcVfsId, sinks);
+    });
+}
+
+// The final pass of a move and the TCP dump and restore are not simulated yet.
+bool_t incrcopymove_1_svc(IncrCopyMoveIn*, u_int* out, struct svc_req*) {
+    return serve("incrcopymove", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
+}
+
+bool_t tcpvfsdump_1_svc(TcpVfsDumpIn*, u_int* out, struct svc_req*) {
+    return serve("tcpvfsdump", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
+}
+
+bool_t tcpvfsrestore_1_svc(TcpVfsRestoreIn*, u_int* out, struct svc_req*) {
+    return serve("tcpvfsrestore", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
+}
+
+bool_t incrcopyprogress_1_svc(u_quad_t* opId, IncrCopyProgressOut* out, struct svc_req*) {
+    // The dispatcher neither clears the result nor skips freeing it.
+    memset(out, 0, sizeof *out);
+    return serve("incrcopyprogress", &out->rc, [&]() -> unsigned {
+        SimStreamProgress p;
+        if (!simStreamProgress(*opId, &p)) return VIC_EOPNOTFOUND;
+        IncrCopyPgrsOut& o = out->IncrCopyProgressOut_u.out;
+        o.opId = p.opId;
+        o.srcVfsId = p.srcVfsid;
+        memcpy(o.srcLpUuid, p.srcLp.data(), 16);
+        o.status = static_cast<IncrCopyStatusCode>(p.status);
+        o.completionCode = p.completionCode;
+        o.vnodesTotal = p.vnodesTotal;
+        o.vnodesProcessed = p.vnodesProcessed;
+        o.blksRead = p.blksRead;
+        o.numDests = static_cast<u_int>(p.sinks.size());
+        o.dstProgress.dstProgress_len = o.numDests;
+        o.dstProgress.dstProgress_val = static_cast<IncrCopyDestProgress*>(
+            calloc(p.sinks.size() ? p.sinks.size() : 1, sizeof(IncrCopyDestProgress)));
+        if (!o.dstProgress.dstProgress_val) {
+            o.dstProgress.dstProgress_len = 0;
+            return VIC_ENOMEM;
+        }
+        for (size_t i = 0; i < p.sinks.size(); ++i) {
+            IncrCopyDestProgress& d = o.dstProgress.dstProgress_val[i];
+            d.isDone = p.sinks[i].done ? 1 : 0;
+            d.completionCode = p.sinks[i].completionCode;
+            d.vfsId = p.sinks[i].vfsid;
+            memcpy(d.uuid, p.sinks[i].lp.data(), 16);
+            d.blksSent = p.sinks[i].blksSent;
+        }
+        return 0;
+    });
+}
+
+bool_t incrcopypause_1_svc(u_quad_t* opId, u_int* out, struct svc_req*) {
+    return serve("incrcopypause", out, [&] { return simStreamPause(*opId); });
+}
+
+bool_t incrcopyresume_1_svc(u_quad_t* opId, u_int* out, struct svc_req*) {
+    return serve("incrcopyresume", out, [&] { return simStreamResume(*opId); });
+}
+
+bool_t incrcopyconclude_1_svc(u_quad_t* opId, u_int* out, struct svc_req*) {
+    return serve("incrcopyconclude", out, [&] { return simStreamConclude(*opId); });
+}
+
+bool_t incrcopycancel_1_svc(IncrCopyCancelIn* in, u_int* out, struct svc_req*) {
+    return serve("incrcopycancel", out, [&] {
+        return simStreamCancel(in->opId, in->dstVfsId, simLpId(in->dstLpUuid));
+    });
+}
+
+int dblade_incrcopy_prog_1_freeresult(SVCXPRT*, xdrproc_t xdr_result, caddr_t result) {
+    xdr_free(xdr_result, result);
+    return 1;
+}

@@ -1,0 +1,75 @@
+// The simulated D-blade's incremental-copy streams.  A stream freezes its source as it
+// stands when the stream starts, then, on a thread of its own, sends each sink the files
+// changed since that sink's data version (and the removals), at the stream's speed limit.
+// A sink that the stream completes holds the source's files and its data version.
+//
+// Streams live in memory only: a restarted simulator has forgotten them, and the sinks
+// they were writing stay hidden (see volstore.h).
+//
+// Every function here requires SimNode::lock() held by the caller; stream threads take it
+// themselves.  Statuses are IncrCopyErrorCodes values (VIC_...), 0 on success.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "sim/volstore.h"
+
+struct SimSinkSpec {
+    uint16_t did = 0;
+    uint32_t vfsid = 0;
+    SimLpId lp{};
+};
+
+struct SimSinkProgress {
+    bool done = false;
+    unsigned completionCode = 0;
+    uint32_t vfsid = 0;
+    SimLpId lp{};
+    uint64_t blksSent = 0;
+};
+
+enum SimStreamStatus : unsigned { SIMSTREAM_RUNNING = 0, SIMSTREAM_PAUSED = 1, SIMSTREAM_DONE = 2 };
+
+struct SimStreamProgress {
+    uint64_t opId = 0;
+    unsigned opType = 0;
+    uint32_t srcVfsid = 0;
+    SimLpId srcLp{};
+    unsigned status = SIMSTREAM_RUNNING;
+    unsigned completionCode = 0;
+    uint32_t vnodesTotal = 0, vnodesProcessed = 0;
+    uint64_t blksRead = 0;
+    uint64_t dataVersion = 0;     // of the frozen source
+    unsigned speedKiBps = 0;      // this stream's own limit; 0 = the global one
+    std::vector<SimSinkProgress> sinks;
+};
+
+// Starts a stream.  Refused as a whole (nothing started) with VIC_EINVAL for a malformed
+// request, VIC_EOPIDINUSE when a stream with that id still runs, VIC_ELPNOTFOUND /
+// VIC_EVOLNOTFOUND / VIC_EVOLBUSY for the source.  A sink that cannot take part ends at
+// once with its own completion code; VIC_ESINKUPTODATE when it already is at the source's
+// data version.  A finished but unconcluded stream with the same id is replaced.
+unsigned simStreamStart(uint64_t opId, unsigned opType, const SimLpId& srcLp, uint32_t srcVfsid,
+                        const std::vector<SimSinkSpec>& sinks);
+
+// False when the stream is unknown.
+bool simStreamProgress(uint64_t opId, SimStreamProgress* out);
+unsigned simStreamPause(uint64_t opId);
+unsigned simStreamResume(uint64_t opId);
+// Ends one sink with VIC_ECANCELLED; the stream ends when no sink is left.
+unsigned simStreamCancel(uint64_t opId, uint32_t sinkVfsid, const SimLpId& sinkLp);
+// Forgets a finished stream; VIC_EVOLBUSY while it still runs.
+unsigned simStreamConclude(uint64_t opId);
+std::vector<uint64_t> simStreamIds();
+
+// Speed limits in KiB/s, 0 = unlimited.  A stream's own limit, when set, wins over the
+// global one.  False when the stream is unknown.
+void simStreamSetGlobalSpeed(unsigned kibps);
+unsigned simStreamGlobalSpeed();
+bool simStreamSetSpeed(uint64_t opId, unsigned kibps);
+
+// Tells the local vod that a stream ended (incrcopycomplete).  Called by stream threads
+// without the lock; a vod that is not there loses the notice.
+void simNotifyVod(uint64_t opId);
