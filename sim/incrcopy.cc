@@ -64,7 +64,8 @@ struct Stream {
     uint64_t windowBytes = 0;
 };
 
-std::map<uint64_t, std::shared_ptr<Stream>> gStreams;   // under SimNode::lock()
+// Never destroyed: detached stream threads may still look at it while the process exits.
+auto& gStreams = *new std::map<uint64_t, std::shared_ptr<Stream>>;   // under SimNode::lock()
 unsigned gGlobalSpeed = 0;                              // under SimNode::lock()
 uint64_t gImageSeq = 0;                                 // under SimNode::lock()
 
@@ -159,6 +160,16 @@ bool sendFile(Stream* st, const SimChange& c, std::vector<Sink*> targets,
     int in = open(img.c_str(), O_RDONLY | O_CLOEXEC);
     if (in < 0) return false;
     for (Sink* s : targets) {
+        // A sink whose LP cannot take the file fails alone, as a full disk would fail it.
+        unsigned bs = store.blockSizeOf(s->spec.lp);
+        auto had = s->vol->files.find(c.path);
+        uint64_t hadBlocks =
+            had == s->vol->files.end() || had->second.deleted ? 0 : simBlocks(had->second.size, bs);
+        uint64_t grow = simBlocks(c.size, bs) > hadBlocks ? simBlocks(c.size, bs) - hadBlocks : 0;
+        if (grow > store.blocksFreeOnLp(s->spec.lp)) {
+            endSink(s, VIC_EIO);
+            continue;
+        }
         s->tmpPath = s->dir + "/" + kSimTmpPrefix + "-s" + std::to_string(st->opId) + "-" +
                      std::to_string(st->vnodesProcessed);
         s->tmpFd = open(s->tmpPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);

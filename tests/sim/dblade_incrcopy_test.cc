@@ -199,6 +199,21 @@ TEST_F(DbladeIncrCopyTest, CancellingEverySinkEndsTheStream) {
     EXPECT_EQ(attrs(kLp2a, kSink).dataVersion, 0u);
 }
 
+TEST_F(DbladeIncrCopyTest, ASinkWhoseLpFillsUpFailsAlone) {
+    makePair(3, 400 * 1024);   // 300 blocks
+    ctl({"lp-create", "tiny", "2", "1", "02DD0000000000000000000000000001"});   // 256 blocks
+    const unsigned char tiny[16] = {0x02, 0xDD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01};
+    ASSERT_EQ(create(tiny, 300, "small"), 0u);
+    ASSERT_EQ(mirror(8, kLp1a, kSrc, {{2, 300, tiny}, {2, kSink, kLp2a}}), 0u);
+    Pgrs p = waitDone(8);
+    EXPECT_EQ(p.code, 0u);
+    EXPECT_EQ(p.dests.at(0).completionCode, unsigned{VIC_EIO});
+    EXPECT_EQ(p.dests.at(1).completionCode, 0u);
+    expectSameAsSource(kSink, "lp2a", kLp2a);
+    // What did arrive is an incomplete image.
+    EXPECT_EQ(getattr(tiny, 300), unsigned{TARN_ERR_VOLHIDDEN});
+}
+
 TEST_F(DbladeIncrCopyTest, StreamRefusalsAndBusyVolumes) {
     makePair(4, 64 * 1024);
     ASSERT_EQ(create(kLp1b, 300, "x"), 0u);
