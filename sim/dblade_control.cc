@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <iomanip>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -152,7 +153,8 @@ std::string cmdShow(const Args& a, bool* ok) {
       << at.mountedatdirvnode << "." << at.mountedatdirunique
       << "\nmountedatparent: " << at.mountedatparentvnode << "." << at.mountedatparentunique
       << "\nmountedatVolumeId: " << at.mountedatVolumeId << "\ncreateTime: " << (at.createTime >> 32)
-      << "." << (at.createTime & 0xffffffffu) << "\nroot: " << v->rootVnode << "."
+      << "." << std::setw(9) << std::setfill('0') << (at.createTime & 0xffffffffu)
+      << std::setfill(' ') << "\nroot: " << v->rootVnode << "."
       << v->rootUnique << "\nvirtualServer: " << at.virtualServer
       << "\ndownstream: " << v->downstream << "\nupstream: " << v->upstream
       << "\nreaders: " << v->readers << "\nwriterOpId: " << v->writerOpId
