@@ -1,11 +1,14 @@
 // Handlers of the long-running operation requests: start, progress, cancel,
 // pause, resume, completion notices, purge and the diagnostic dump, and the
-// machinery they share (voStart, the registry visitors, lookupLockForward).
+// machinery they share (voStart, the registry visitors; lookupLockForward is
+// in vo_opreq.h). A kind whose class exists has its handlers in a file of its
+// own (vo_copyreq.cc).
 //
 // All run on the service thread. Every operation found in the registry is
 // held by a registry reference taken before its lock and released after it.
 #include <string.h>
 
+#include "vo_opreq.h"
 #include "vodbCache.h"
 #include "voerrors.h"
 #include "vorec.h"
@@ -18,60 +21,10 @@
 
 namespace {
 
-template <class Out>
-void setTriple(Out* out, voErrRc rc, voErrFunc func, unsigned funcrc) {
-    out->rc = rc;
-    out->func = func;
-    out->funcrc = funcrc;
-}
-
-// The three kinds of streaming operation, as the lookup handlers name them:
-// how to find one and what to trace when there is none. `fn` is the
-// handler's name for the trace prefix.
-struct MoveKey {
-    const char* fn;
-    unsigned vidSrc;
-    const unsigned char* lidSrc;
-
-    VoState* find(VoStateRef& it) const { return voStateList.findMoveOp(vidSrc, lidSrc, it); }
-    void traceNotFound(VoTrace::Level l) const {
-        if (VoTrace::wants(VoTrace::vo_vod, l))
-            VoTrace::tr(VoTrace::vo_vod, l, "%s %d no vfs move from vfsid=%d\n", fn, __LINE__,
-                        vidSrc);
-    }
-};
-
-struct CopyKey {
-    const char* fn;
-    unsigned vidSrc;
-    const unsigned char* lidSrc;
-    unsigned vidSink;
-    const unsigned char* lidSink;
-
-    VoState* find(VoStateRef& it) const {
-        return voStateList.findCopyOp(vidSrc, lidSrc, vidSink, lidSink, it);
-    }
-    void traceNotFound(VoTrace::Level l) const {
-        if (VoTrace::wants(VoTrace::vo_vod, l))
-            VoTrace::tr(VoTrace::vo_vod, l, "%s %d no vfs copy from vfsid=%d to %d\n", fn,
-                        __LINE__, vidSrc, vidSink);
-    }
-};
-
-struct MirrorKey {
-    const char* fn;
-    unsigned vidSrc;
-    const unsigned char* lidSrc;
-
-    VoState* find(VoStateRef& it) const { return voStateList.findMirrorOp(vidSrc, lidSrc, it); }
-    void traceNotFound(VoTrace::Level l) const {
-        if (VoTrace::wants(VoTrace::vo_vod, l))
-            VoTrace::tr(VoTrace::vo_vod, l, "%s %d no vfs mirror from vfsid=%d\n", fn, __LINE__,
-                        vidSrc);
-    }
-};
-
-const auto nothingOnFound = [](VoState*) {};
+using voopreq::MirrorKey;
+using voopreq::MoveKey;
+using voopreq::nothingOnFound;
+using voopreq::setTriple;
 
 // Until an operation class registers operations of its kind, none is ever
 // found, and the handler's answer is the not-found one.
@@ -81,42 +34,6 @@ void notRunHere(Out* out) {
 }
 
 }  // namespace
-
-// ---- The shared machinery. ----
-
-template <class Key, class Out, class Found, class Forward>
-void VoServer::lookupLockForward(const Key& key, Out* out, VoTrace::Level notFoundLevel,
-                                 Found found, Forward forward) {
-    VoStateRef ref;
-    auto* op = key.find(ref);
-    if (op == nullptr) {
-        key.traceNotFound(notFoundLevel);
-        setTriple(out, voErrNoSuchOp, voErrFuncSuccess, 0);
-        return;
-    }
-    found(op);
-    op->getLock();
-    if (op->getJobState() == VO_JOB_INIT) {
-        setTriple(out, VoJobInit, voErrFuncSuccess, 0);
-        op->releaseLock();
-        voStateList.releaseRef(ref);
-        return;
-    }
-    VoRPCClient incrcopy;
-    incrcopy.clnttcp_create(localhost, DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS);
-    if (static_cast<CLIENT*>(incrcopy) == nullptr) {
-        VO_TR(vo_vod, vo_warn, "opid=%lld cannot make incrcopy client to %s\n", op->getOpid(),
-              localhost);
-        setTriple(out, voErrNoResource, voErrVodClntTcpCreate, VOD_ERR_NO_DBLADE_CLIENT);
-        op->releaseLock();
-        voStateList.releaseRef(ref);
-        return;
-    }
-    forward(op, static_cast<CLIENT*>(incrcopy));
-    op->releaseLock();
-    incrcopy.clntdestroy();
-    voStateList.releaseRef(ref);
-}
 
 unsigned VoServer::voStart(VoState* op, voErrRc* rc, voErrFunc* func, unsigned* funcrc) {
     VoTrace::Depth depth;
@@ -210,12 +127,6 @@ void VoServer::vfsMove(VoLidIn*, VoOut* out) {
     notRunHere(out);
 }
 
-void VoServer::vfsCopy(VoLidVnameIn*, VoVidOut* out) {
-    VoTrace::Depth depth;
-    out->vid = 0;
-    notRunHere(out);
-}
-
 void VoServer::vfsMirror(VoIn*, VoOut* out) {
     VoTrace::Depth depth;
     notRunHere(out);
@@ -245,15 +156,6 @@ void VoServer::vfsMovePgrs(VoIn* in, VoMovePgrsOut* out) {
         [out](VoState*, CLIENT*) { notRunHere(out); });
 }
 
-void VoServer::vfsCopyPgrs(VoVidLidIn* in, VoCopyPgrsOut* out) {
-    VoTrace::Depth depth;
-    memset(out, 0, sizeof *out);
-    lookupLockForward(
-        CopyKey{__func__, in->vidSrc, in->lidSrc, in->vidSink, in->lidSink}, out,
-        VoTrace::vo_audit, [out](VoState* op) { out->voOpid = op->getOpid(); },
-        [out](VoState*, CLIENT*) { notRunHere(out); });
-}
-
 void VoServer::vfsMirrorPgrs(VoIn* in, VoMirrorPgrsOut* out) {
     VoTrace::Depth depth;
     memset(out, 0, sizeof *out);
@@ -269,13 +171,6 @@ void VoServer::vfsMoveCancel(VoIn* in, VoOut* out) {
     VoTrace::Depth depth;
     lookupLockForward(MoveKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
                       nothingOnFound, [out](VoState*, CLIENT*) { notRunHere(out); });
-}
-
-void VoServer::vfsCopyCancel(VoVidLidIn* in, VoOut* out) {
-    VoTrace::Depth depth;
-    lookupLockForward(CopyKey{__func__, in->vidSrc, in->lidSrc, in->vidSink, in->lidSink}, out,
-                      VoTrace::vo_warn, nothingOnFound,
-                      [out](VoState*, CLIENT*) { notRunHere(out); });
 }
 
 void VoServer::vfsMirrorCancel(VoLidIn* in, VoOut* out) {
@@ -301,26 +196,6 @@ void VoServer::vfsMoveResume(VoIn* in, VoOut* out) {
     lookupLockForward(MoveKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
                       nothingOnFound, [out](VoState* op, CLIENT* c) {
                           VO_TR(vo_vod, vo_audit, "opid=%lld call pVoMove->resume()\n",
-                                op->getOpid());
-                          op->resume(c, out);
-                      });
-}
-
-void VoServer::vfsCopyPause(VoVidLidIn* in, VoOut* out) {
-    VoTrace::Depth depth;
-    lookupLockForward(CopyKey{__func__, in->vidSrc, in->lidSrc, in->vidSink, in->lidSink}, out,
-                      VoTrace::vo_warn, nothingOnFound, [out](VoState* op, CLIENT* c) {
-                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoCopy->pause()\n",
-                                op->getOpid());
-                          op->pause(c, out);
-                      });
-}
-
-void VoServer::vfsCopyResume(VoVidLidIn* in, VoOut* out) {
-    VoTrace::Depth depth;
-    lookupLockForward(CopyKey{__func__, in->vidSrc, in->lidSrc, in->vidSink, in->lidSink}, out,
-                      VoTrace::vo_warn, nothingOnFound, [out](VoState* op, CLIENT* c) {
-                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoCopy->resume()\n",
                                 op->getOpid());
                           op->resume(c, out);
                       });

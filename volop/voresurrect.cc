@@ -11,6 +11,7 @@
 #include "dblade_incrcopy.h"
 #include "dblade_lpm.h"
 #include "vldb_server.h"
+#include "vocopystate.h"
 #include "vodbCache.h"
 #include "vodelstate.h"
 #include "vorec.h"
@@ -27,6 +28,8 @@ namespace {
 VoState* allocOpOfType(int opType, bool* built) {
     *built = true;
     switch (opType) {
+    case VoRec::VODB_VOLOP_COPY:
+        return new (std::nothrow) VoCopyState();
     case VoRec::VODB_VOLOP_DELETE:
         return new (std::nothrow) VoDelState();
     default:

@@ -1,0 +1,1137 @@
+// VoCopyState: a volume copy that survives a crash of the daemon.
+//
+// Its steps, in the order they run: addStream, validate, mkRec,
+// mkOpSrcSink, startStream, progress, conclude (concludeCopy or recover).
+// After a crash: resurrectFromVoRec, recoverFromCrash,
+// determineRecoveryStrategy, concludeCopy.
+#include "vocopystate.h"
+
+#include <string.h>
+#include <sys/time.h>
+
+#include <optional>
+
+#include "dblade_incrcopy.h"
+#include "dblade_vol.h"
+#include "util/xdrproc.h"
+#include "vldb_lit.h"
+#include "vldb_server.h"
+#include "vodbCache.h"
+#include "vorpccalls.h"
+#include "vorpcclient.h"
+#include "votrace.h"
+
+namespace {
+
+// Bits of tarn_volsetattrx_t.how: bit n selects field n of tarn_volsattrx_t
+// in wire order; the two type bits are requests of their own.
+enum : unsigned {
+    kSetMinQuota = 1u << 0,
+    kSetMaxQuota = 1u << 1,
+    kSetVolname = 1u << 2,
+    kSetMountedAtVolname = 1u << 3,
+    kSetMountedAtDirVnode = 1u << 4,
+    kSetMountedAtDirUnique = 1u << 5,
+    kSetMountedAtParentVnode = 1u << 6,
+    kSetMountedAtParentUnique = 1u << 7,
+    kSetVirtualServer = 1u << 12,
+    kSetMakeRW = 1u << 28,
+    kSetMakeRO = 1u << 29,
+};
+
+// D-blade answers for a volume it does not hold: on no LP at all, or not on
+// the LP asked about.
+const unsigned kTarnErrVolNotFound = 16;
+
+const unsigned kCloneTimeoutSec = 1800;
+const unsigned kCreateTimeoutSec = 300;
+const unsigned kAttrTimeoutSec = 60;
+
+// Streams of a copy, as incrcopymirror_1 numbers operation types.
+const unsigned kIncrCopyOpTypeCopy = 1;
+
+const unsigned kBlocksPerMeg = (1u << 20) / VoCopyState::STREAM_BLOCK_SIZE;
+
+const char* rpcErrText(unsigned rc) {
+    return rc == VOD_ERR_CANT_SET_TIMEOUT ? "voErrRpcErrCantSetTimeOut"
+                                          : clnt_sperrno(static_cast<clnt_stat>(rc));
+}
+
+// Where a shared helper writes its trace lines from: the calling step's name
+// and line, so that they read as the step's own.
+struct Site {
+    const char* fn;
+    int line;
+};
+#define VO_SITE (Site{__func__, __LINE__})
+
+// Folds the answer of one D-blade volume call (rc: the VoRpcCalls helper's
+// transport answer; status: the D-blade's) into a VoErr, tracing a failure as
+// "opid=%lld <call> vfsid=%d failed: %s" or "... err=%#X".
+VoErr dbladeOutcome(Site at, VoTrace::Module mod, const char* call, voErrFunc func,
+                    unsigned long long opid, unsigned vfsid, unsigned rc, unsigned status) {
+    if (rc != 0) {
+        if (VoTrace::wants(mod, VoTrace::vo_warn))
+            VoTrace::tr(mod, VoTrace::vo_warn, "%s %d opid=%lld %s vfsid=%d failed: %s\n", at.fn,
+                        at.line, opid, call, vfsid, rpcErrText(rc));
+        return VoRpcCalls::foldErr(func, static_cast<clnt_stat>(rc), 0);
+    }
+    if (status != 0) {
+        if (VoTrace::wants(mod, VoTrace::vo_warn))
+            VoTrace::tr(mod, VoTrace::vo_warn, "%s %d opid=%lld %s vfsid=%d err=%#X\n", at.fn,
+                        at.line, opid, call, vfsid, status);
+        return VoRpcCalls::foldErr(func, RPC_SUCCESS, status);
+    }
+    return VoErr();
+}
+
+// The VLDB records of (vfsid, lid). RPC failures and statuses are the
+// caller's to judge; res frees the answer.
+clnt_stat lookupVldb(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid,
+                     VoXdrResult<vldb_record_lookup_result>& res) {
+    vldb_record_lookup_input in;
+    memset(&in, 0, sizeof in);
+    in.input_mask = VFS_ID | VFS_LP;
+    in.r.vfsid = vfsid;
+    memcpy(in.r.lp_uuid, lid, sizeof in.r.lp_uuid);
+    char empty[] = "";
+    in.r.family = empty;
+    in.r.vfsname = empty;
+    return vldb_record_lookup_3(&in, res.get(), clntVldb);
+}
+
+// A delete done now or before: the LP no longer holds the volume
+// (TARN_ERR_LPMMISMATCH), which is all that was asked.
+bool volumeGone(const VoErr& err) {
+    return err == 0 || static_cast<unsigned>(err) == TARN_ERR_LPMMISMATCH;
+}
+
+timeval now() {
+    timeval tv = {0, 0};
+    gettimeofday(&tv, nullptr);
+    return tv;
+}
+
+}  // namespace
+
+VoCopyState::VoCopyState() : _sinkRec(), _opSrcRec() { memset(&_pgrs, 0, sizeof _pgrs); }
+
+VoCopyState::~VoCopyState() {}
+
+void VoCopyState::dbgDump() {
+    VO_TR(vo_vod, vo_event, "VoCopyState opid=%lld sink name=%s\n", _opid, _sinkName.c_str());
+    _srcRec.dbgDump();
+    _sinkRec.dbgDump();
+    _opSrcRec.dbgDump();
+}
+
+// ---- The error triple. ----
+
+void VoCopyState::getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.get(rc, func, funcrc);
+}
+
+void VoCopyState::getErr(voErrFunc* func, unsigned* funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.get(func, funcrc);
+}
+
+void VoCopyState::setHiLvlErr(voErrRc rc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.setHiLvl(rc);
+}
+
+void VoCopyState::setErr(voErrFunc func, unsigned funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.set(func, funcrc);
+}
+
+void VoCopyState::setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.setAll(rc, func, funcrc);
+}
+
+// The high-level code stays the caller's to set.
+void VoCopyState::setAllErr(VoErr& err) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.setAll(err);
+}
+
+// ---- Conflict tests. ----
+
+bool VoCopyState::isUsing(unsigned vid, const unsigned char* lid, VoRec::VoType type,
+                          VoRec::VfsRole role) {
+    for (const VoRec* r : {&_srcRec, &_opSrcRec, &_sinkRec}) {
+        if (r->vid() != vid || memcmp(r->lid(), lid, 16) != 0) continue;
+        // The first record on the volume decides, whatever the later ones say.
+        return r->opType() == type && r->role() == role;
+    }
+    return false;
+}
+
+bool VoCopyState::isUsing(const unsigned char* lid) {
+    return memcmp(_srcRec.lid(), lid, 16) == 0 || memcmp(_sinkRec.lid(), lid, 16) == 0;
+}
+
+bool VoCopyState::isUsing(unsigned vid, const unsigned char* lid) {
+    for (const VoRec* r : {&_srcRec, &_opSrcRec, &_sinkRec})
+        if (r->vid() == vid && memcmp(r->lid(), lid, 16) == 0) return true;
+    return false;
+}
+
+// ---- The request. ----
+
+bool VoCopyState::addStream(unsigned vidSrc, const unsigned char* lidSrc,
+                            const unsigned char* lidSink, const char* vnameSink) {
+    if (_srcRec.vid() != 0) {
+        VO_TR(vo_vod, vo_warn, "single stream only\n");
+        setErr(voErrVodAddStream, VOD_ERR_INTERNAL);
+        return false;
+    }
+    // The VLDB refuses a nameless volume; better now than after the sink is made.
+    if (vnameSink == nullptr || *vnameSink == '\0') {
+        VO_TR(vo_vod, vo_warn, "sink volume name is empty\n");
+        setErr(voErrVodAddStream, VOD_ERR_INTERNAL);
+        return false;
+    }
+    _srcRec.setOpType(VoRec::VODB_VOLOP_COPY);
+    _srcRec.setVid(vidSrc);
+    _srcRec.setLid(lidSrc);
+    _srcRec.setRole(VoRec::VODB_ROLE_SRC);
+    _sinkRec.setOpType(VoRec::VODB_VOLOP_COPY);
+    _sinkRec.setLid(lidSink);
+    _sinkRec.setRole(VoRec::VODB_ROLE_SINK);
+    _sinkRec.setVname(vnameSink);
+    _sinkName = vnameSink;
+    return true;
+}
+
+bool VoCopyState::validate(CLIENT*, CLIENT*) {
+    VodbCacheLock cacheLock;
+    const auto& cache = VodbCacheLock::getVodbCache();
+    VO_TR(vo_vod, vo_debug, "_vodbCache.size = %#X\n", static_cast<unsigned>(cache.size()));
+    for (const VoRec* r : cache) {
+        bool conflict = false;
+        if (r->vid() == _sinkRec.vid()) {
+            VO_TR(vo_vod, vo_warn, "Sink(%d) is busy with another opid=%lld opType(%d)\n",
+                  _sinkRec.vid(), r->opid(), static_cast<int>(r->opType()));
+            conflict = true;
+        } else if (r->vid() == _srcRec.vid() && memcmp(r->lid(), _srcRec.lid(), 16) == 0) {
+            switch (r->role()) {
+            case VoRec::VODB_ROLE_SRC:
+                // Another copy or mirror may read the same source.
+                conflict = r->opType() == VoRec::VODB_VOLOP_MOVE ||
+                           r->opType() == VoRec::VODB_VOLOP_FINALMOVE ||
+                           r->opType() == VoRec::VODB_VOLOP_DELETE ||
+                           r->opType() == VoRec::VODB_VOLOP_DUMP ||
+                           r->opType() == VoRec::VODB_VOLOP_RESTORE;
+                break;
+            case VoRec::VODB_ROLE_SINK:
+            case VoRec::VODB_ROLE_OPSINK:
+            case VoRec::VODB_ROLE_TEMP:
+                conflict = true;
+                break;
+            case VoRec::VODB_ROLE_OPSRC:
+                // A read-only source may be the op src of several operations at once.
+                conflict = isSrcRW();
+                break;
+            default:
+                break;
+            }
+            if (conflict)
+                VO_TR(vo_vod, vo_warn, "Src(%d) is busy with another opid=%lld opType(%d)\n",
+                      _srcRec.vid(), r->opid(), static_cast<int>(r->opType()));
+        }
+        if (conflict) {
+            setErr(voErrVodValidate, getErrorCodeForOpType(r->opType()));
+            return false;
+        }
+    }
+    return true;
+}
+
+unsigned VoCopyState::mkRec(CLIENT* clntVldb) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        setErr(voErrVodMkVodbRec, VOD_ERR_NO_VLDB_CLIENT);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    if (_sinkRec.vid() != 0) {
+        VO_TR(vo_vod, vo_warn, "sink vid!=0\n");
+        setErr(voErrVodMkVodbRec, VOD_ERR_INTERNAL);
+        return VOD_ERR_INTERNAL;
+    }
+    VO_TR(vo_vod, vo_debug, "call newVfsid for sink\n");
+    unsigned vid = 0;
+    VoErr err = newVfsid(clntVldb, &vid);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn, "fail to get a vid for sink\n");
+        setAllErr(err);
+        return err.funcrc();
+    }
+    _sinkRec.setVid(vid);
+
+    if (_opSrcRec.vid() != 0) {
+        VO_TR(vo_vod, vo_warn, "op src vid!=0\n");
+        setErr(voErrVodMkVodbRec, VOD_ERR_INTERNAL);
+        return VOD_ERR_INTERNAL;
+    }
+    unsigned opSrcVid = _srcRec.vid();
+    if (isSrcRW()) {
+        VO_TR(vo_vod, vo_debug, "call newVfsid for op src\n");
+        err = newVfsid(clntVldb, &opSrcVid);
+        if (err != 0) {
+            VO_TR(vo_vod, vo_warn, "fail to get a vid for op src\n");
+            setAllErr(err);
+            return err.funcrc();
+        }
+    }
+    _opSrcRec.setOpType(VoRec::VODB_VOLOP_COPY);
+    _opSrcRec.setVid(opSrcVid);
+    _opSrcRec.setLid(_srcRec.lid());
+    _opSrcRec.setRole(VoRec::VODB_ROLE_OPSRC);
+
+    // Source, sink, op src: the records a crash recovery rebuilds the copy from.
+    vodbRec recs[3];
+    memset(recs, 0, sizeof recs);
+    _srcRec.toVodbRec(&recs[0]);
+    _sinkRec.toVodbRec(&recs[1]);
+    _opSrcRec.toVodbRec(&recs[2]);
+    vodb_create2_input in;
+    memset(&in, 0, sizeof in);
+    in.new_create_opid = 0;  // the VODB hands out the id
+    in.rec.rec_len = 3;
+    in.rec.rec_val = recs;
+
+    VoXdrResult<vodb_create2_result> res(xdr_vodb_create2_result);
+    VO_TR(vo_vldb, vo_entry, "vodb_create2_3 opid=%lld\n", _opid);
+    clnt_stat st = vodb_create2_3(&in, res.get(), clntVldb);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld failed: %s\n", _opid, clnt_sperrno(st));
+        setErr(voErrVodbCreateRpc, st);
+        return voErrVodbCreateRpc;
+    }
+    if (res->result != 0) {
+        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld err %s \n", _opid, statLit(res->result));
+        setErr(voErrVodbCreate, static_cast<unsigned>(res->result));
+        return voErrVodbCreate;
+    }
+    _opid = res->out_create_opid;
+    _srcRec.setOpid(_opid);
+    _sinkRec.setOpid(_opid);
+    _opSrcRec.setOpid(_opid);
+    VO_TR(vo_vldb, vo_audit, "vodb_create2_3 opid=%lld succeed\n", _opid);
+    return 0;
+}
+
+// ---- Making the volumes and starting the stream. ----
+
+unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        setErr(voErrVodMkOpSrcSink, VOD_ERR_NO_VLDB_CLIENT);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    if (clntSrcDbladeVol == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
+        setErr(voErrVodMkOpSrcSink, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    const unsigned long long opid = _opid;
+    const unsigned srcVid = _srcRec.vid();
+    const unsigned opSrcVid = _opSrcRec.vid();
+    const unsigned sinkVid = _sinkRec.vid();
+    const unsigned char* srcLid = _srcRec.lid();
+
+    if (memcmp(srcLid, _opSrcRec.lid(), 16) != 0) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld _srcRec.lid() != _opSrcRec.lid()\n", opid);
+        setErr(voErrVodMkOpSrcSink, VOD_ERR_INTERNAL);
+        return VOD_ERR_INTERNAL;
+    }
+
+    VoErr err;
+    if (isSrcRW()) {
+        if (srcVid == opSrcVid) {
+            VO_TR(vo_vod, vo_warn, "opid=%lld _srcRec.vid() == _opSrcRec.vid() but src is RW\n",
+                  opid);
+            setErr(voErrVodMkOpSrcSink, VOD_ERR_INTERNAL);
+            return VOD_ERR_INTERNAL;
+        }
+        // Streaming from a clone leaves the source free to change meanwhile.
+        VO_TR(vo_srcvol, vo_audit, "opid=%lld dbladeCloneVfs src %d clone %d\n", opid, srcVid,
+              opSrcVid);
+        VolCloneIn in;
+        memset(&in, 0, sizeof in);
+        in.srcVfsID = srcVid;
+        in.cloneVfsID = opSrcVid;
+        memcpy(in.lpUUID, srcLid, sizeof in.lpUUID);
+        VoXdrResult<VolCloneOut_t> out(xdr_VolCloneOut_t);
+        unsigned rc = VoRpcCalls::dbladeCloneVfs(&in, out.get(), clntSrcDbladeVol, kCloneTimeoutSec);
+        err = dbladeOutcome(VO_SITE, VoTrace::vo_srcvol, "dbladeCloneVfs", voErrDbladeVolClone,
+                            opid, opSrcVid, rc, rc == 0 ? out->returnCode : 0);
+        if (err != 0) {
+            setAllErr(err);
+            return err;
+        }
+        // The clone is registered like any clone of the source, named after
+        // its part in the copy; it goes again when the copy ends.
+        VO_TR(vo_vod, vo_audit, "opid=%lld call vldbCreateRecord for op src vfsid=%d\n", opid,
+              opSrcVid);
+        _opSrcRec.genVname(nullptr);
+        timeval t = now();
+        err = vldbCreateRecord(clntVldb, opSrcVid, srcLid, _opSrcRec.getVname(), getFamily(),
+                               CLONE, 0, t.tv_sec, t.tv_usec, 0, _srcRec.dver(),
+                               getExportRuleset(), APP_VOD);
+        if (err != 0) {
+            setAllErr(err);
+            return err;
+        }
+    } else if (srcVid != opSrcVid) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld _srcRec.vid(%d) != _opSrcRec.vid(%d) but src is RO\n",
+              opid, srcVid, opSrcVid);
+        setErr(voErrVodMkOpSrcSink, VOD_ERR_INTERNAL);
+        return VOD_ERR_INTERNAL;
+    }
+
+    VO_TR(vo_srcvol, vo_entry, "opid=%lld dbladeVfsGetAttrs vfsid=%d\n", opid, opSrcVid);
+    VoXdrResult<VolGetattrOut_t> attrs(xdr_VolGetattrOut_t);
+    {
+        VolGetattrIn in;
+        memset(&in, 0, sizeof in);
+        in.vfsID = opSrcVid;
+        memcpy(in.lpUUID, srcLid, sizeof in.lpUUID);
+        unsigned rc =
+            VoRpcCalls::dbladeVfsGetAttrs(&in, attrs.get(), clntSrcDbladeVol, kAttrTimeoutSec);
+        err = dbladeOutcome(VO_SITE, VoTrace::vo_srcvol, "dbladeVfsGetAttrs",
+                            voErrDbladeVolGetAttr, opid, opSrcVid, rc,
+                            rc == 0 ? attrs->returnCode : 0);
+        if (err != 0) {
+            setAllErr(err);
+            return err;
+        }
+    }
+    const tarn_volgattrx_t& src = attrs->return_volattrs;
+
+    VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient\n", opid);
+    VoRPCClient sinkVol;
+    err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, &_sinkRec);
+    if (err != 0) {
+        VO_TR(vo_sinkvol, vo_warn,
+              "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
+              " err.func=%d err.funcrc=%d\n",
+              opid, VO_LP_ARGS(_sinkRec.lid()), err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+
+    if (_sinkName.size() > static_cast<size_t>(VoRec::VNAME_MAX)) {
+        // Deliberately a truncation, not a failure.
+        VO_TR(vo_sinkvol, vo_warn, "opid=%lld sink=%d volname is too long (%d) Truncate it for now\n",
+              opid, sinkVid, static_cast<int>(_sinkName.size()));
+        _sinkName.resize(VoRec::VNAME_MAX);
+    }
+    _sinkRec.setVname(_sinkName.c_str());
+
+    // The sink is made with every attribute it keeps: the name given, and the
+    // source's quotas, mounted-at fields and virtual server. Its creation time
+    // is its own; its contents and data version come with the stream.
+    VO_TR(vo_sinkvol, vo_audit, "opid=%lld dbladeVfsCreate vfsid=%d\n", opid, sinkVid);
+    {
+        VolCreateIn in;
+        memset(&in, 0, sizeof in);
+        memcpy(in.lpUUID, _sinkRec.lid(), sizeof in.lpUUID);
+        in.vfsID = sinkVid;
+        tarn_volsetattrx_t& set = in.set_attrs;
+        set.how = kSetMinQuota | kSetMaxQuota | kSetVolname | kSetMountedAtVolname |
+                  kSetMountedAtDirVnode | kSetMountedAtDirUnique | kSetMountedAtParentVnode |
+                  kSetMountedAtParentUnique | kSetVirtualServer;
+        set.attrs.minQuota = src.minQuota;
+        set.attrs.maxQuota = src.maxQuota;
+        set.attrs.volname = &_sinkName[0];
+        copy_mountedat_attr(set.attrs, src);
+        char empty[] = "";
+        if (set.attrs.mountedatvolname == nullptr) set.attrs.mountedatvolname = empty;
+        set.attrs.virtualServer = src.virtualServer;
+        VoXdrResult<VolCreateOut_t> out(xdr_VolCreateOut_t);
+        unsigned rc = VoRpcCalls::dbladeVfsCreate(&in, out.get(), sinkVol, kCreateTimeoutSec);
+        err = dbladeOutcome(VO_SITE, VoTrace::vo_sinkvol, "dbladeVfsCreate", voErrDbladeVolCreate,
+                            opid, sinkVid, rc, rc == 0 ? out->returnCode : 0);
+        if (err != 0) {
+            setAllErr(err);
+            return err;
+        }
+    }
+    sinkVol.clntdestroy();
+
+    VO_TR(vo_vldb, vo_entry, "opid=%lld vldb_record_lookup_3 vfsid=%d\n", opid, srcVid);
+    VoXdrResult<vldb_record_lookup_result> found(xdr_vldb_record_lookup_result);
+    clnt_stat st = lookupVldb(clntVldb, srcVid, srcLid, found);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_vldb, vo_warn, "opid=%lld vldb_record_lookup_3 vfsid=%d failed: %s\n", opid,
+              srcVid, clnt_sperrno(st));
+        setErr(voErrVldbRecordLookupRpc, st);
+        return voErrVldbRecordLookupRpc;
+    }
+    if (found->result == VLDB_RECORD_NOT_FOUND ||
+        (found->result == 0 && found->r.r_len == 0)) {
+        VO_TR(vo_vldb, vo_warn, "opid=%lld no VLDB record for vfsid=%d LP=" VO_LP_FMT "\n", opid,
+              srcVid, VO_LP_ARGS(srcLid));
+        setErr(voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
+        return voErrVldbRecordLookup;
+    }
+    if (found->result != 0) {
+        VO_TR(vo_vldb, vo_warn, "opid=%lld vldb_record_lookup_3 vfsid=%d err %s\n", opid, srcVid,
+              statLit(found->result));
+        setErr(voErrVldbRecordLookup, found->result);
+        return voErrVldbRecordLookup;
+    }
+    const Rec& srcVldb = found->r.r_val[0];
+
+    // The sink's record: a volume of its own (its name heads its family, it
+    // is nobody's root), of the source's kind (read-write only when the
+    // source is), expected at the data version the stream brings, with the
+    // source's virtual server, export rules and owner.
+    VO_TR(vo_vldb, vo_audit, "opid=%lld call vldbCreateRecord for sink %d\n", opid, sinkVid);
+    timeval t = now();
+    err = vldbCreateRecord(clntVldb, sinkVid, _sinkRec.lid(), _sinkName.c_str(),
+                           _sinkName.c_str(), isSrcRW() ? RW_VFS : RO_VFS, 0, t.tv_sec,
+                           t.tv_usec, srcVldb.vserver, src.dataVersion, srcVldb.exportRuleset,
+                           srcVldb.appId);
+    if (err != 0) {
+        setAllErr(err);
+        return err;
+    }
+    return 0;
+}
+
+unsigned VoCopyState::startStream(CLIENT* clntSrcDbladeIncrCopy, CLIENT*) {
+    VoTrace::Depth depth;
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        setErr(voErrVodStartStream, VOD_ERR_NO_DBLADE_CLIENT);
+        _dbladeIncrCopyRunning = false;
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    u_short dstBladeId = _sinkRec.getDid();
+    u_int dstVfsId = _sinkRec.vid();
+    lpUuid_t dstLpUuid;
+    memcpy(dstLpUuid, _sinkRec.lid(), sizeof dstLpUuid);
+
+    IncrCopyMirrorIn in;
+    memset(&in, 0, sizeof in);
+    in.opId = _opid;
+    in.opType = kIncrCopyOpTypeCopy;
+    in.srcVfsId = _opSrcRec.vid();
+    memcpy(in.srcLpUuid, _opSrcRec.lid(), sizeof in.srcLpUuid);
+    in.numDests = 1;
+    in.dstBladeId.dstBladeId_len = 1;
+    in.dstBladeId.dstBladeId_val = &dstBladeId;
+    in.dstVfsId.dstVfsId_len = 1;
+    in.dstVfsId.dstVfsId_val = &dstVfsId;
+    in.dstLpUuid.dstLpUuid_len = 1;
+    in.dstLpUuid.dstLpUuid_val = &dstLpUuid;
+
+    VO_TR(vo_incrcopy, vo_entry, "opid=%lld incrcopymirror_1\n", _opid);
+    u_int status = 0;
+    clnt_stat st = incrcopymirror_1(&in, &status, clntSrcDbladeIncrCopy);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopymirror_1 failed: %s\n", _opid,
+              clnt_sperrno(st));
+        setErr(voErrDbladeIncrCopyMirrorRpc, st);
+        // No stream to watch: the conclusion that follows must not poll one.
+        _dbladeIncrCopyRunning = false;
+        return voErrDbladeIncrCopyMirrorRpc;
+    }
+    if (status != 0) {
+        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopymirror_1 err=%#X\n", _opid, status);
+        setErr(voErrDbladeIncrCopyMirror, status);
+        _dbladeIncrCopyRunning = false;
+        return voErrDbladeIncrCopyMirror;
+    }
+    VO_TR(vo_incrcopy, vo_audit, "opid=%lld incrcopymirror_1 succeeded\n", _opid);
+    return 0;
+}
+
+// ---- Watching the stream. ----
+
+int VoCopyState::failedSuccessTest(const VoCopyPgrsOut& p) {
+    if (p.rc != voErrRcSuccess) return 1;
+    if (p.src.completionCode != 0) return 2;
+    if (p.src.status != VoDone) return 3;
+    if (p.sink.isDone != 1) return 4;
+    if (p.sink.completionCode != 0 && p.sink.completionCode != VIC_ESINKUPTODATE) return 5;
+    return 0;
+}
+
+unsigned VoCopyState::progress(CLIENT* clntSrcDbladeIncrCopy) {
+    VoTrace::Depth depth;
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        setAllErr(voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    if (!_dbladeIncrCopyRunning)
+        VO_TR(vo_incrcopy, vo_warn,
+              "ask for progress when opid=%lld believes !_dbladeIncrCopyRunning\n", _opid);
+    VO_TR(vo_incrcopy, vo_debug, "opid=%lld call getProgress\n", _opid);
+    VoXdrResult<IncrCopyProgressOut> res(xdr_IncrCopyProgressOut);
+    // getProgress records (voErrRpcFailure, voErrDbladeIncrCopyProgressRpc, clnt_stat).
+    if (getProgress(clntSrcDbladeIncrCopy, res.get()) != 0) return voErrRpcFailure;
+
+    const unsigned status = res->rc;
+    if (status != 0) {
+        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopyprogress_1 err=%#X\n", _opid, status);
+        if (status == VIC_EOPNOTFOUND) {
+            // The D-blade has forgotten the stream: it will report nothing
+            // more, so it counts as ended, and as failed.
+            VO_TR(vo_incrcopy, vo_warn, "opid=%lld the dblade no longer knows the stream\n",
+                  _opid);
+            _dbladeIncrCopyRunning = false;
+            _rollForward = false;
+        }
+        // Any other refusal may pass: the stream stays marked running and
+        // the next poll asks again.
+        _pgrs.rc = VoErrDblade;
+        _pgrs.func = voErrDbladeIncrCopyProgress;
+        _pgrs.funcrc = status;
+        setErr(voErrDbladeIncrCopyProgress, status);
+        return voErrDbladeIncrCopyProgress;
+    }
+
+    const IncrCopyPgrsOut& p = res->IncrCopyProgressOut_u.out;
+    _pgrs.voOpid = _opid;
+    _pgrs.rc = voErrRcSuccess;
+    _pgrs.func = voErrFuncSuccess;
+    _pgrs.funcrc = 0;
+    _pgrs.src.vfsId = p.srcVfsId;
+    memcpy(_pgrs.src.uuid, p.srcLpUuid, sizeof _pgrs.src.uuid);
+    _pgrs.src.status = static_cast<VoStatusCode>(p.status);
+    _pgrs.src.completionCode = p.completionCode;
+    _pgrs.src.vnodesTotal = p.vnodesTotal;
+    _pgrs.src.vnodesProcessed = p.vnodesProcessed;
+    _pgrs.src.megsProcessed = p.blksRead / kBlocksPerMeg;
+
+    const unsigned sinks = p.dstProgress.dstProgress_len;
+    if (sinks == 0) {
+        VO_TR(vo_incrcopy, vo_warn, "opid=%lld no sink VFS?!\n", _opid);
+        memset(&_pgrs.sink, 0, sizeof _pgrs.sink);
+    } else {
+        if (sinks > 1) {
+            VO_TR(vo_incrcopy, vo_warn, "opid=%lld copying to %d sink VFSes?!\n", _opid, sinks);
+            VO_TR_RAW(vo_incrcopy, vo_warn, "returns progress of the first stream\n");
+        }
+        const IncrCopyDestProgress& d = p.dstProgress.dstProgress_val[0];
+        _pgrs.sink.isDone = d.isDone;
+        _pgrs.sink.completionCode = d.completionCode;
+        _pgrs.sink.vfsId = d.vfsId;
+        memcpy(_pgrs.sink.uuid, d.uuid, sizeof _pgrs.sink.uuid);
+        _pgrs.sink.megsProcessed = d.blksSent / kBlocksPerMeg;
+    }
+
+    {
+        // A poll failure that this answer outlived is no part of the copy's outcome.
+        std::lock_guard<std::mutex> g(_errLock);
+        if (_err.func == voErrDbladeIncrCopyProgressRpc || _err.func == voErrDbladeIncrCopyProgress)
+            _err = VoErrTriple();
+    }
+
+    if (_pgrs.src.status == VoDone) {
+        _dbladeIncrCopyRunning = false;
+        // Until recovery proves otherwise, a stream that did not succeed is undone.
+        if (failedSuccessTest(_pgrs) != 0) _rollForward = false;
+    }
+    return 0;
+}
+
+unsigned VoCopyState::progress(CLIENT* clntSrcDbladeIncrCopy, VoCopyPgrsOut* out) {
+    VoTrace::Depth depth;
+    const long long opid = static_cast<long long>(_opid);
+    if (getDbladeIncrCopyStatus()) {
+        unsigned r = progress(clntSrcDbladeIncrCopy);
+        *out = _pgrs;
+        out->voOpid = _opid;
+        if (r == voErrRpcFailure) {
+            setHiLvlErr(voErrRpcFailure);
+            getErr(&out->rc, &out->func, &out->funcrc);
+            return r;
+        }
+        if (r == voErrDbladeIncrCopyProgress || !getDbladeIncrCopyStatus()) {
+            out->rc = voErrEndStream;
+            out->func = voErrFuncSuccess;
+            out->funcrc = 0;
+            VO_TR(vo_vod, vo_audit, "opid=%lld vod is concluding this op\n", opid);
+            return r == voErrDbladeIncrCopyProgress ? r : 0;
+        }
+        return 0;
+    }
+
+    *out = _pgrs;
+    out->voOpid = _opid;
+    if (!retiredFromVodb() && !forceRetireFromVodb()) {
+        out->rc = _rollForward ? voErrRollForwardOp : voErrRollBackOp;
+        out->func = voErrFuncSuccess;
+        out->funcrc = 0;
+        VO_TR(vo_vod, vo_audit, "opid=%lld vod is concluding this op\n", opid);
+        return 0;
+    }
+    getErr(&out->rc, &out->func, &out->funcrc);
+    setMgmtGotLastProgress();
+    // Kept for another poll of the same answer until a new operation on the
+    // source starts (VoServer::retireMatchingOps).
+    setRetainOpAfterLastProgress();
+    VO_TR(vo_vod, vo_audit, "opid=%lld report last progress to mgmt\n", opid);
+    return 0;
+}
+
+void VoCopyState::cancel(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
+    VoTrace::Depth depth;
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        *out = VoOut{voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT};
+        return;
+    }
+    IncrCopyCancelIn in;
+    memset(&in, 0, sizeof in);
+    in.opId = _opid;
+    in.dstVfsId = _sinkRec.vid();
+    memcpy(in.dstLpUuid, _sinkRec.lid(), sizeof in.dstLpUuid);
+    VO_TR(vo_incrcopy, vo_entry, "incrcopycancel_1 opid=%lld\n", _opid);
+    u_int status = 0;
+    clnt_stat st = incrcopycancel_1(&in, &status, clntSrcDbladeIncrCopy);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_incrcopy, vo_warn, "incrcopycancel_1 opid=%lld failed: %s\n", _opid,
+              clnt_sperrno(st));
+        *out = VoOut{voErrRpcFailure, voErrDbladeIncrCopyCancelRpc, static_cast<u_int>(st)};
+        return;
+    }
+    if (status != 0) {
+        VO_TR(vo_incrcopy, vo_warn, "incrcopycancel_1 opid=%lld err=%#X\n", _opid, status);
+        *out = VoOut{VoErrDblade, voErrDbladeIncrCopyCancel, status};
+        return;
+    }
+    _setCancel = true;
+    VO_TR(vo_incrcopy, vo_audit, "opid=%lld cancelled\n", _opid);
+    *out = VoOut{voErrRcSuccess, voErrFuncSuccess, 0};
+}
+
+// ---- Conclusion. ----
+
+unsigned VoCopyState::conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                               CLIENT* clntSrcDbladeIncrCopy) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        setErr(voErrVodConclude, VOD_ERR_NO_VLDB_CLIENT);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    if (clntSrcDbladeVol == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
+        setErr(voErrVodConclude, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        setErr(voErrVodConclude, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    const long long opid = static_cast<long long>(_opid);
+
+    // The service thread may still be answering a progress poll.
+    getLock();
+    const VoCopyPgrsOut p = _pgrs;
+    releaseLock();
+
+    const int failed = failedSuccessTest(p);
+    if (failed == 0) {
+        VO_TR(vo_vod, vo_audit, "opid=%lld _rollForward=%d\n", opid, int(_rollForward));
+        return concludeCopy(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
+    }
+    switch (failed) {
+    case 1:
+        VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.rc=%d expected=0\n", opid, int(p.rc));
+        break;
+    case 2:
+        VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.src.completionCode=%d expected=0\n", opid,
+              p.src.completionCode);
+        break;
+    case 3:
+        VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.src.status=%d expected=%d\n", opid,
+              int(p.src.status), int(VoDone));
+        break;
+    case 4:
+        VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.sink.isDone=%d expected TRUE\n", opid,
+              p.sink.isDone);
+        break;
+    default:
+        VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.sink.completionCode=%d expected=0 or %d\n", opid,
+              p.sink.completionCode, int(VIC_ESINKUPTODATE));
+        break;
+    }
+    VO_TR(vo_vod, vo_audit, "opid=%lld call recover\n", opid);
+    unsigned r = recover(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
+    if (r != 0)
+        VO_TR(vo_vod, vo_warn, "opid=%lld recover vfsid=%d err=%d\n", opid, _sinkRec.vid(), r);
+    return r;
+}
+
+unsigned VoCopyState::recover(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                              CLIENT* clntSrcDbladeIncrCopy) {
+    return recoverFromCrash(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
+}
+
+unsigned VoCopyState::concludeCopy(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, CLIENT*) {
+    VoTrace::Depth depth;
+    const long long opid = static_cast<long long>(_opid);
+    // The first failing step's code; the later steps run all the same.
+    unsigned failed = 0;
+
+    if (!_rollForward) {
+        VO_TR(vo_vod, vo_audit, "opid=%lld call deleteSink\n", opid);
+        unsigned r = deleteSink(clntVldb);
+        if (r != 0) {
+            VO_TR(vo_vod, vo_warn, "opid=%lld deleteSink vfsid=%d err=%d\n", opid, _sinkRec.vid(),
+                  r);
+            failed = r;
+        }
+    } else {
+        VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient\n", opid);
+        VoRPCClient sinkVol;
+        VoErr err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, &_sinkRec);
+        if (err != 0) {
+            VO_TR(vo_sinkvol, vo_warn,
+                  "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
+                  " err.func=%d err.funcrc=%d\n",
+                  opid, VO_LP_ARGS(_sinkRec.lid()), err.func(), err.funcrc());
+            setAllErr(err);
+            failed = err;
+        } else {
+            // The sink was made with the attributes it keeps and the stream
+            // brought its contents and data version; what is left is to give
+            // it the source's kind, which makes it an ordinary volume.
+            const unsigned sinkVid = _sinkRec.vid();
+            VO_TR(vo_sinkvol, vo_audit, "opid=%lld dbladeVfsSetAttrs vfsid=%d\n", opid, sinkVid);
+            VolSetattrIn in;
+            memset(&in, 0, sizeof in);
+            in.vfsID = sinkVid;
+            memcpy(in.lpUUID, _sinkRec.lid(), sizeof in.lpUUID);
+            in.set_attrs.how = isSrcRW() ? kSetMakeRW : kSetMakeRO;
+            char empty[] = "";
+            in.set_attrs.attrs.volname = empty;
+            in.set_attrs.attrs.mountedatvolname = empty;
+            VoXdrResult<VolSetattrOut_t> out(xdr_VolSetattrOut_t);
+            unsigned rc = VoRpcCalls::dbladeVfsSetAttrs(&in, out.get(), sinkVol, kAttrTimeoutSec);
+            err = dbladeOutcome(VO_SITE, VoTrace::vo_sinkvol, "dbladeVfsSetAttrs",
+                                voErrDbladeVolSetAttr, _opid, sinkVid, rc,
+                                rc == 0 ? out->returnCode : 0);
+            if (err != 0) {
+                setAllErr(err);
+                failed = err;
+            }
+        }
+    }
+
+    // A read-only source was streamed from directly: only a clone goes.
+    if (_opSrcRec.vid() != 0 && _opSrcRec.vid() != _srcRec.vid()) {
+        VO_TR(vo_vod, vo_audit, "opid=%lld call deleteOpSrc\n", opid);
+        unsigned r = deleteOpSrc(clntVldb, clntSrcDbladeVol);
+        if (r != 0) {
+            VO_TR(vo_vod, vo_warn, "opid=%lld deleteOpSrc vfsid=%d err=%d\n", opid,
+                  _opSrcRec.vid(), r);
+            if (failed == 0) failed = r;
+        }
+    }
+
+    if (failed != 0 && forceRetireFromVodb()) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld forced to retire\n", opid);
+        dbgDump();
+    }
+    // With a step unfinished the records stay, so that crash recovery
+    // repeats the clean-up later.
+    if (failed != 0 && !forceRetireFromVodb()) return failed;
+
+    VO_TR(vo_vod, vo_audit, "opid=%lld call deleteVodbRec\n", opid);
+    VoErr err = deleteVodbRec(clntVldb);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, unsigned(err));
+        setAllErr(err);
+        return failed != 0 ? failed : unsigned(err);
+    }
+    return failed;
+}
+
+unsigned VoCopyState::deleteSink(CLIENT* clntVldb) {
+    VoTrace::Depth depth;
+    const long long opid = static_cast<long long>(_opid);
+    const unsigned vid = _sinkRec.vid();
+    if (vid == 0) return 0;  // never allocated: nothing was made
+    VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient\n", opid);
+    VoRPCClient sinkVol;
+    VoErr err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, &_sinkRec);
+    if (err != 0) {
+        VO_TR(vo_sinkvol, vo_warn,
+              "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
+              " err.func=%d err.funcrc=%d\n",
+              opid, VO_LP_ARGS(_sinkRec.lid()), err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+    VO_TR(vo_sinkvol, vo_audit, "opid=%lld call dbladeDeleteVfs vfsid=%d\n", opid, vid);
+    err = dbladeDeleteVfs(sinkVol, vid, _sinkRec.lid());
+    if (!volumeGone(err)) {
+        VO_TR(vo_sinkvol, vo_warn,
+              "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
+              err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+    VO_TR(vo_vldb, vo_audit, "call opid=%lld vldbDeleteRecord vfsid=%d\n", opid, vid);
+    err = vldbDeleteRecord(clntVldb, vid, _sinkRec.lid());
+    if (err != 0) {
+        VO_TR(vo_vldb, vo_warn,
+              "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
+              err.func(), err.funcrc());
+        setAllErr(err);
+    }
+    return err;
+}
+
+unsigned VoCopyState::deleteOpSrc(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
+    VoTrace::Depth depth;
+    const long long opid = static_cast<long long>(_opid);
+    const unsigned vid = _opSrcRec.vid();
+    VO_TR(vo_srcvol, vo_audit, "opid=%lld call dbladeDeleteVfs vfsid=%d\n", opid, vid);
+    VoErr err = dbladeDeleteVfs(clntSrcDbladeVol, vid, _opSrcRec.lid());
+    if (!volumeGone(err)) {
+        VO_TR(vo_srcvol, vo_warn,
+              "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
+              err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+    VO_TR(vo_vldb, vo_audit, "opid=%lld call vldbDeleteRecord vfsid=%d\n", opid, vid);
+    err = vldbDeleteRecord(clntVldb, vid, _opSrcRec.lid());
+    if (err != 0) {
+        VO_TR(vo_vldb, vo_warn,
+              "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
+              err.func(), err.funcrc());
+        setAllErr(err);
+    }
+    return err;
+}
+
+// ---- After a crash. ----
+
+unsigned VoCopyState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
+    VoTrace::Depth depth;
+    _opid = opid;
+    VO_TR(vo_vod, vo_audit, "resurrect COPY _opid = %lld\n", opid);
+    std::optional<VodbCacheLock> cacheLock;
+    if (!VodbCacheLock::heldByThisThread()) cacheLock.emplace();
+    const auto& cache = VodbCacheLock::getVodbCache();
+    VO_TR(vo_vod, vo_debug, "_vodbCache.size = %#X\n", static_cast<unsigned>(cache.size()));
+    bool haveSrc = false;
+    for (const VoRec* r : cache) {
+        if (r->opid() != opid) continue;
+        if (r->opType() != VoRec::VODB_VOLOP_COPY) {
+            VO_TR(vo_vod, vo_warn, "opid=%lld is found but opType is %d\n", opid,
+                  static_cast<int>(r->opType()));
+            setErr(voErrVodCrashRecovery, VOD_ERR_INTERNAL);
+            return VOD_ERR_INTERNAL;
+        }
+        switch (r->role()) {
+        case VoRec::VODB_ROLE_SRC:
+            _srcRec = *r;
+            haveSrc = true;
+            break;
+        case VoRec::VODB_ROLE_SINK:
+            _sinkRec = *r;
+            break;
+        case VoRec::VODB_ROLE_OPSRC:
+            _opSrcRec = *r;
+            break;
+        default:
+            VO_TR(vo_vod, vo_warn, "opid=%lld has a VODB rec with an unexpected role %d\n", opid,
+                  static_cast<int>(r->role()));
+            setErr(voErrVodCrashRecovery, VOD_ERR_INTERNAL);
+            return VOD_ERR_INTERNAL;
+        }
+        VO_TR(vo_vod, vo_audit, "opid=%lld, vfs %d, role %d\n", opid, r->vid(),
+              static_cast<int>(r->role()));
+    }
+    // Resurrection starts from the source record; without it there is no copy.
+    if (!haveSrc) {
+        setErr(voErrVodCrashRecovery, VOD_ERR_INTERNAL);
+        return VOD_ERR_INTERNAL;
+    }
+    _vodbRecordStored = true;
+    return 0;
+}
+
+unsigned VoCopyState::determineRecoveryStrategy(CLIENT* clntVldb, VoRec& sink) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        setErr(voErrVodCrashRecovery, VOD_ERR_NO_VLDB_CLIENT);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    const long long opid = static_cast<long long>(_opid);
+    const unsigned vid = sink.vid();
+    const unsigned char* lid = sink.lid();
+
+    VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient LP=" VO_LP_FMT "\n", opid,
+          VO_LP_ARGS(lid));
+    VoRPCClient sinkVol;
+    VoErr err = mkDbladeClient(clntVldb, lid, &sinkVol, &sink);
+    if (err != 0) {
+        VO_TR(vo_sinkvol, vo_warn,
+              "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
+              " err.func=%d err.funcrc=%d\n",
+              opid, VO_LP_ARGS(lid), err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+
+    VO_TR(vo_sinkvol, vo_debug, "opid=%lld call getDataVerFromDblade vfsid=%d\n", opid, vid);
+    unsigned long long dver = 0;
+    err = getDataVerFromDblade(sinkVol, vid, lid, &dver);
+    if (err != 0) {
+        if (err.func() == voErrDbladeVolGetAttr &&
+            (err.funcrc() == kTarnErrVolNotFound || err.funcrc() == TARN_ERR_LPMMISMATCH)) {
+            VO_TR(vo_vod, vo_audit, "opid=%lld roll back. Sink vfs=%d does not exist.\n", opid,
+                  vid);
+            _rollForward = false;
+            return 0;
+        }
+        VO_TR(vo_vod, vo_warn,
+              "opid=%lld getDataVerFromDblade for sink vfsid=%d at LP=" VO_LP_FMT
+              " err.func=%d err.funcrc=%d\n",
+              opid, vid, VO_LP_ARGS(lid), err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+
+    VO_TR(vo_vldb, vo_debug, "opid=%lld call getDataVerFromVLDB vfsid=%d\n", opid, vid);
+    int isExist = 0;
+    unsigned long long expected = 0;
+    err = getDataVerFromVLDB(clntVldb, vid, lid, &isExist, &expected);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn,
+              "opid=%lld getDataVerFromVLDB for sink vfsid=%d at LP=" VO_LP_FMT
+              " err.func=%d err.funcrc=%d\n",
+              opid, vid, VO_LP_ARGS(lid), err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+    if (!isExist) {
+        VO_TR(vo_vod, vo_audit, "opid=%lld sink vfsid=%d is present but not its VLDB. Roll back\n",
+              opid, vid);
+        _rollForward = false;
+        return 0;
+    }
+    if (dver != expected) {
+        VO_TR(vo_vod, vo_audit,
+              "opid=%lld roll back. Sink vfsid=%d version %lld is not equal to the expected %lld\n",
+              opid, vid, static_cast<long long>(dver), static_cast<long long>(expected));
+        _rollForward = false;
+        return 0;
+    }
+    VO_TR(vo_vod, vo_audit,
+          "opid=%lld roll forward. Sink vfsid=%d version %lld is the same as the expected %lld\n",
+          opid, vid, static_cast<long long>(dver), static_cast<long long>(expected));
+    _rollForward = true;
+    return 0;
+}
+
+unsigned VoCopyState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                                       CLIENT* clntSrcDbladeIncrCopy) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        setErr(voErrVodCrashRecovery, VOD_ERR_NO_VLDB_CLIENT);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    if (clntSrcDbladeVol == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
+        setErr(voErrVodCrashRecovery, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        setErr(voErrVodCrashRecovery, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    if (retiredFromVodb()) {
+        VO_TR(vo_vod, vo_audit, "retiredFromVodb()=1 already\n");
+        return 0;
+    }
+    const long long opid = static_cast<long long>(_opid);
+
+    if (forceRetireFromVodb()) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld fail to recover Copy\n", opid);
+        VO_TR(vo_vod, vo_warn, "opid=%lld leaves everything intact. Just purge the op\n", opid);
+        const unsigned saved = VoTrace::getMask();
+        VoTrace::setModMask(0x1000);
+        VoTrace::setLvlMask(2);
+        dbgDump();
+        // One saved word restores both halves.
+        VoTrace::setModMask(saved);
+        VoTrace::setLvlMask(saved);
+        VoErr err = deleteVodbRec(clntVldb);
+        if (err != 0) {
+            VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, unsigned(err));
+            setAllErr(err);
+        }
+        return err;
+    }
+
+    VO_TR(vo_vod, vo_audit, "opid=%lld call determineRecoveryStrategy\n", opid);
+    if (determineRecoveryStrategy(clntVldb, _sinkRec) != 0) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld decides to roll back due to error\n", opid);
+        _rollForward = false;
+    }
+    VO_TR(vo_vod, vo_audit, "opid=%lld _rollForward = %d\n", opid, int(_rollForward));
+
+    if (_rollForward) {
+        // Whether the sink becomes read-write depends on the source's kind,
+        // which a resurrected copy has not seen yet.
+        const unsigned srcVid = _srcRec.vid();
+        VO_TR(vo_vldb, vo_entry, "opid=%lld vldb_record_lookup_3 src vfsid=%d\n", opid, srcVid);
+        VoXdrResult<vldb_record_lookup_result> found(xdr_vldb_record_lookup_result);
+        clnt_stat st = lookupVldb(clntVldb, srcVid, _srcRec.lid(), found);
+        if (st != RPC_SUCCESS) {
+            VO_TR(vo_vldb, vo_warn, "opid=%lld vldb_record_lookup_3 vfsid=%d failed: %s\n", opid,
+                  srcVid, clnt_sperrno(st));
+            setErr(voErrVldbRecordLookupRpc, st);
+            return voErrVldbRecordLookupRpc;
+        }
+        const unsigned status = found->result;
+        const unsigned count = status == 0 ? found->r.r_len : 0;
+        if (status == VLDB_RECORD_NOT_FOUND || (status == 0 && count == 0)) {
+            VO_TR(vo_vldb, vo_warn, "opid=%lld no VLDB record for vfsid=%d LP=" VO_LP_FMT "\n",
+                  opid, srcVid, VO_LP_ARGS(_srcRec.lid()));
+            setErr(voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
+            return voErrVldbRecordLookup;
+        }
+        if (status != 0) {
+            VO_TR(vo_vldb, vo_warn, "opid=%lld vldb_record_lookup_3 vfsid=%d err %s\n", opid,
+                  srcVid, statLit(status));
+            setErr(voErrVldbRecordLookup, status);
+            return voErrVldbRecordLookup;
+        }
+        if (count != 1) {
+            VO_TR(vo_vldb, vo_warn, "opid=%lld expects one VLDB record for vfsid=%d. Got %d!\n",
+                  opid, srcVid, count);
+            setErr(voErrVodSanityCheck, VOD_ERR_INTERNAL);
+            return VOD_ERR_INTERNAL;
+        }
+        VO_TR(vo_vldb, vo_debug, "opid=%lld vldb_record_lookup_3 returns one VLDB rec\n", opid);
+        setSrcVfsType(found->r.r_val[0].vfstype);
+        VO_TR(vo_vod, vo_debug, "opid=%lld isSrcRW()=%d\n", opid, int(isSrcRW()));
+    }
+
+    VO_TR(vo_vod, vo_audit, "opid=%lld call concludeCopy\n", opid);
+    return concludeCopy(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
+}
