@@ -49,7 +49,12 @@ class FakeRpcServer {
     // What a handler wants done after it ran. Handlers that return nothing reply.
     enum Action {
         Reply,  // encode the result and send it
-        Drop,   // send nothing: the caller times out
+        // Send nothing: the caller times out. After a time-out the client
+        // library skips one reply on that connection (the late one it expects),
+        // so the next call on the same client loses its own answer: use Drop
+        // for a connection's last call only, and model a slow server with a
+        // handler that sleeps before replying.
+        Drop,
         Close,  // close the connection without a reply
     };
 

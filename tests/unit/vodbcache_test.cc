@@ -228,10 +228,11 @@ TEST_F(VodbCacheTest, FailuresGiveTheirCodesAndLeaveTheCacheAlone) {
         VoErr e = refresh();
         EXPECT_EQ(c.code, static_cast<unsigned>(e)) << c.what;
         EXPECT_EQ(c.func, e.func()) << c.what;
-        if (c.funcrc)
+        if (c.funcrc) {
             EXPECT_EQ(c.funcrc, e.funcrc()) << c.what;
-        else
+        } else {
             EXPECT_NE(0u, e.funcrc()) << c.what;
+        }
         EXPECT_EQ((std::vector<unsigned>{10}), vids()) << c.what;
         EXPECT_EQ(1u, VoState::_lastCreatedOpid) << c.what;
     }
