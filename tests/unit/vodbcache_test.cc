@@ -96,9 +96,10 @@ class VodbCacheTest : public ::testing::Test {
         return v;
     }
 
-    FakeRpcServer vldb{VLDB_PROG, VLDB_VERS};
     std::mutex m;
-    Answer answer;
+    Answer answer;  // guarded by m
+    // Last, so that it stops before the members its handlers use go away.
+    FakeRpcServer vldb{VLDB_PROG, VLDB_VERS};
 };
 
 TEST_F(VodbCacheTest, RecordsAreReadOnlyWhenTheIdsMove) {

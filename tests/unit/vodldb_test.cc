@@ -76,10 +76,11 @@ class VoDldbTest : public ::testing::Test {
         return s;
     }
 
-    FakeRpcServer dldb{VoDldb::DLDB_PROGRAM, VoDldb::DLDB_VERSION};
     std::mutex m;
-    Answer answer;           // guarded by m
+    Answer answer;              // guarded by m
     std::vector<DldbRec> recs;  // the last reply's records; server thread only
+    // Last, so that it stops before the members its handler uses go away.
+    FakeRpcServer dldb{VoDldb::DLDB_PROGRAM, VoDldb::DLDB_VERSION};
 };
 
 TEST_F(VoDldbTest, AnUnknownIdForcesAReadEvenWhenTheTableIsFresh) {
