@@ -70,8 +70,8 @@ void tarn_set_port_lookup(TarnPortLookup lookup) {
     gLookup = std::move(lookup);
 }
 
-unsigned short tarn_getport(const struct sockaddr_in* addr, unsigned long prog,
-                            unsigned long vers, unsigned ipproto) {
+unsigned short tarn_getport(const struct sockaddr_in* addr, unsigned long prog, unsigned long vers,
+                            unsigned ipproto) {
     TarnPortLookup lookup;
     {
         std::lock_guard<std::mutex> g(gLookupMutex);
@@ -137,9 +137,8 @@ CLIENT* tarn_clnt_create(const char* host, unsigned long prog, unsigned long ver
         setCreateErr(RPC_SYSTEMERROR, e);
         return nullptr;
     }
-    CLIENT* clnt = type == SOCK_STREAM
-                       ? clnttcp_create(&addr, prog, vers, &sock, 0, 0)
-                       : clntudp_create(&addr, prog, vers, kUdpRetry, &sock);
+    CLIENT* clnt = type == SOCK_STREAM ? clnttcp_create(&addr, prog, vers, &sock, 0, 0)
+                                       : clntudp_create(&addr, prog, vers, kUdpRetry, &sock);
     if (clnt == nullptr) {
         close(sock);
         return nullptr;

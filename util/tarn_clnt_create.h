@@ -22,8 +22,8 @@ CLIENT* tarn_clnt_create(const char* host, unsigned long prog, unsigned long ver
 // IPv4 address addr, in host order; 0 when it is not registered or the port
 // mapper cannot be reached. Asks the host's port mapper, unless the test seam
 // below is set.
-unsigned short tarn_getport(const struct sockaddr_in* addr, unsigned long prog,
-                            unsigned long vers, unsigned ipproto);
+unsigned short tarn_getport(const struct sockaddr_in* addr, unsigned long prog, unsigned long vers,
+                            unsigned ipproto);
 
 // Test seam. Unit tests must not depend on (or register with) the machine's
 // rpcbind: when a look-up function is set, tarn_getport asks it instead of the

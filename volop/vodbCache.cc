@@ -48,9 +48,9 @@ void traceRec(int i, const vodbRec& r) {
     VO_TR_RAW(vo_vldb, vo_debug,
               "Rec %2d: opid=%lld optype%d role%d vfsid%d "
               "lid0x%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X\n",
-              i, static_cast<long long>(r.opid), r.optype, r.vfsrole,
-              static_cast<int>(r.vfsid), l[0], l[1], l[2], l[3], l[4], l[5], l[6], l[7], l[8],
-              l[9], l[10], l[11], l[12], l[13], l[14], l[15]);
+              i, static_cast<long long>(r.opid), r.optype, r.vfsrole, static_cast<int>(r.vfsid),
+              l[0], l[1], l[2], l[3], l[4], l[5], l[6], l[7], l[8], l[9], l[10], l[11], l[12],
+              l[13], l[14], l[15]);
 }
 
 }  // namespace
@@ -179,8 +179,7 @@ VoErr VodbCacheLock::refreshVodbCache(CLIENT* clntVldb) {
             r->setFromVodbRec(recs[i]);
         }
     } else if (n < have) {
-        VO_TR(vo_vldb, vo_debug, "delete %d excess vorec from cache\n",
-              static_cast<int>(have - n));
+        VO_TR(vo_vldb, vo_debug, "delete %d excess vorec from cache\n", static_cast<int>(have - n));
         for (size_t i = n; i < have; i++) delete cache[i];
         cache.erase(cache.begin() + static_cast<std::ptrdiff_t>(n), cache.end());
     }

@@ -134,8 +134,8 @@ char* VoDldb::getHostNameByDbladeId(unsigned did) {
     if (didRead || waited) {
         int rc = pthread_cond_signal(&_cond);
         if (rc != 0) {
-            VO_TR_RAW(vo_vod, vo_fatal, "%s, %d cond var error = %d, %s\n", __func__, __LINE__,
-                      rc, strerror(rc));
+            VO_TR_RAW(vo_vod, vo_fatal, "%s, %d cond var error = %d, %s\n", __func__, __LINE__, rc,
+                      strerror(rc));
             fatalExit();
         }
     }
@@ -190,8 +190,8 @@ VoDldb::Record** VoDldb::constructNewHostTable(DldbIterateRes* answer) {
 void VoDldb::insertDbladeIntoHostTable(Record** table, DldbRec* rec) {
     Record* e = static_cast<Record*>(malloc(sizeof(Record)));
     if (e == nullptr) {
-        VO_TR_RAW(vo_vod, vo_fatal, "%s, %d malloc can't allocate memory for newEntry\n",
-                  __func__, __LINE__);
+        VO_TR_RAW(vo_vod, vo_fatal, "%s, %d malloc can't allocate memory for newEntry\n", __func__,
+                  __LINE__);
         fatalExit();
     }
     e->bladeId = rec->did;

@@ -7,8 +7,8 @@
 
 namespace {
 
-const char* const opTypeNames[] = {"null", "copy",      "mirror",  "move",
-                                   "finalmove", "del", "vfsdump", "vfsrestore"};
+const char* const opTypeNames[] = {"null",      "copy", "mirror",  "move",
+                                   "finalmove", "del",  "vfsdump", "vfsrestore"};
 const char* const roleNames[] = {"null", "src", "sink", "opsrc", "opsink", "temp"};
 
 // Buffers per thread and per function: a value beyond the table must not be

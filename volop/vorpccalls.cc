@@ -17,14 +17,14 @@
 
 // Like VO_TR, for the retry lambdas: they name the helper they serve, not
 // their own operator().
-#define VO_TR_IN(fn, mod, lvl, fmt, ...)                                                       \
-    do {                                                                                       \
-        if (VoTrace::wants(VoTrace::mod, VoTrace::lvl))                                        \
+#define VO_TR_IN(fn, mod, lvl, fmt, ...)                                                        \
+    do {                                                                                        \
+        if (VoTrace::wants(VoTrace::mod, VoTrace::lvl))                                         \
             VoTrace::tr(VoTrace::mod, VoTrace::lvl, "%s %d " fmt, fn, __LINE__, ##__VA_ARGS__); \
     } while (0)
 
 #define LP_FMT "LP=0x%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X"
-#define LP_ARGS(l)                                                                             \
+#define LP_ARGS(l)                                                                           \
     (l)[0], (l)[1], (l)[2], (l)[3], (l)[4], (l)[5], (l)[6], (l)[7], (l)[8], (l)[9], (l)[10], \
         (l)[11], (l)[12], (l)[13], (l)[14], (l)[15]
 
@@ -89,8 +89,8 @@ void fillNullNames(tarn_volsattrx_t& a) {
 }
 
 // The single VLDB record of a lookup by name or id, its LP id and type.
-unsigned findOne(CLIENT* clnt, vldb_record_lookup_input& in, unsigned char* lid,
-                 unsigned* vfsid, unsigned& vfsType, const char* fn, const char* name) {
+unsigned findOne(CLIENT* clnt, vldb_record_lookup_input& in, unsigned char* lid, unsigned* vfsid,
+                 unsigned& vfsType, const char* fn, const char* name) {
     VoXdrResult<vldb_record_lookup_result> out(xdr_vldb_record_lookup_result);
     unsigned rc = VoRpcCalls::vldbFindVfs(clnt, in, *out);
     if (rc != 0) return rc;
@@ -148,8 +148,8 @@ unsigned VoRpcCalls::vldbFindVfs(CLIENT* clnt, vldb_record_lookup_input& in,
         return vldbCode(VoProcVldbRecordLookup, rpcLow(st));
     }
     if (out.result != 0) {
-        VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3(name=%s,id=%d) failed: %s\n",
-              in.r.vfsname, static_cast<int>(in.r.vfsid), statLit(static_cast<int>(out.result)));
+        VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3(name=%s,id=%d) failed: %s\n", in.r.vfsname,
+              static_cast<int>(in.r.vfsid), statLit(static_cast<int>(out.result)));
         return vldbCode(VoProcVldbRecordLookup, VO_ERR_VLDB_BASE + out.result);
     }
     if (out.r.r_len == 0) {
@@ -185,8 +185,7 @@ unsigned VoRpcCalls::findLpByName(CLIENT* clnt, const char* lpName, unsigned cha
     VoXdrResult<DldbGetLidRes> res(xdr_DldbGetLidRes);
     enum clnt_stat st = getlidbylpname_1(&arg, res.get(), clnt);
     if (st != RPC_SUCCESS) {
-        VO_TR(vo_vldb, vo_warn, "getlidbylpname_1 lpName='%s' failed: %s\n", arg,
-              clnt_sperrno(st));
+        VO_TR(vo_vldb, vo_warn, "getlidbylpname_1 lpName='%s' failed: %s\n", arg, clnt_sperrno(st));
         return vldbCode(VoProcDldbGetLidByLpName, rpcLow(st));
     }
     if (res->status != DLDB_STATUS_OK) {
@@ -220,8 +219,7 @@ unsigned VoRpcCalls::getVSIdByName(CLIENT* clnt, const char* vsName, unsigned* i
     return 0;
 }
 
-unsigned VoRpcCalls::findDbladeByLpId(CLIENT* clnt, const unsigned char* lid,
-                                      unsigned short& did) {
+unsigned VoRpcCalls::findDbladeByLpId(CLIENT* clnt, const unsigned char* lid, unsigned short& did) {
     if (clnt == nullptr)
         return voCompositeCode(VoProcVodRpcCreateClient, VOD_ERR_BASE + VOD_ERR_NO_VLDB_CLIENT);
     tarn_uuid_t arg;
@@ -312,8 +310,8 @@ unsigned VoRpcCalls::dbladeCloneVfs(VolCloneIn* in, VolCloneOut_t* out, CLIENT* 
 unsigned VoRpcCalls::swapVolId(VolSwapVolIdIn* in, VolSwapVolIdOut_t* out, CLIENT* clnt,
                                unsigned timeout) {
     const char* fn = __func__;
-    return dbladeRetryLoop(clnt, timeout, in, out, xdrProc(xdr_VolSwapVolIdOut_t),
-                           volswapvolid_1, [&](unsigned status) {
+    return dbladeRetryLoop(clnt, timeout, in, out, xdrProc(xdr_VolSwapVolIdOut_t), volswapvolid_1,
+                           [&](unsigned status) {
                                if (status != TARN_ERR_ENORNUM) return false;
                                VO_TR_IN(fn, vo_sinkvol, vo_warn,
                                         "encountered TARN_ERR_ENORNUM, Retrying volswapvolid "
@@ -365,8 +363,7 @@ unsigned VoRpcCalls::dbladeVolDelete(VolDeleteIn* in, CLIENT* clnt, unsigned tim
             // A delete that outlasts the time-out usually completes on the
             // D-blade anyway: ask once more, briefly, and take that answer.
             if (st == RPC_TIMEDOUT && !retried) return dbladeVolDelete(in, clnt, 2, true);
-            VO_TR(vo_srcvol, vo_warn, "voldelete_1 vfsid=%d failed: %s\n", vfsid,
-                  clnt_sperrno(st));
+            VO_TR(vo_srcvol, vo_warn, "voldelete_1 vfsid=%d failed: %s\n", vfsid, clnt_sperrno(st));
             return st;
         }
         status = out.returnCode;
@@ -408,8 +405,8 @@ unsigned VoRpcCalls::dbladeVolCreate(CLIENT* clnt, unsigned vfsid, const unsigne
     VolCreateOut_t out;
     unsigned rc = dbladeVfsCreate(&in, &out, clnt, DEFAULT_TIMEOUT);
     if (rc != 0) {
-        VO_TR(vo_sinkvol, vo_warn, "dbladeVfsCreate vfsid=%d failed: %s\n",
-              static_cast<int>(vfsid), dbladeErrText(rc));
+        VO_TR(vo_sinkvol, vo_warn, "dbladeVfsCreate vfsid=%d failed: %s\n", static_cast<int>(vfsid),
+              dbladeErrText(rc));
         return convenienceCode(rc, 0);
     }
     if (out.returnCode != 0)
@@ -487,8 +484,7 @@ unsigned VoRpcCalls::getHostAddrs(unsigned short did, unsigned* count, unsigned*
     VoXdrResult<admin_attr_nodeInfo_t> node(xdr_admin_attr_nodeInfo_t);
     enum clnt_stat st = admin_2_getnode_1(&arg, node.get(), coord);
     if (st != RPC_SUCCESS) {
-        VO_TR(vo_vod, vo_warn, "admin_2_getnode_1 dbladeId=%d failed: %s\n", did,
-              clnt_sperrno(st));
+        VO_TR(vo_vod, vo_warn, "admin_2_getnode_1 dbladeId=%d failed: %s\n", did, clnt_sperrno(st));
         return voCompositeCode(VoProcHAMgrAdmin2GetNode, rpcLow(st));
     }
     if (node->status != 0) {
@@ -505,8 +501,7 @@ unsigned VoRpcCalls::getHostAddrs(unsigned short did, unsigned* count, unsigned*
         return voCompositeCode(VoProcHAMgrAdmin2ListAllIPs, rpcLow(st));
     }
     if (ips->status != 0) {
-        VO_TR(vo_vod, vo_warn, "admin_2_listallips_1 nodeName=%s err=%#X\n", nodeName,
-              ips->status);
+        VO_TR(vo_vod, vo_warn, "admin_2_listallips_1 nodeName=%s err=%#X\n", nodeName, ips->status);
         return voCompositeCode(VoProcHAMgrAdmin2ListAllIPs, VO_ERR_HAMGR_BASE + ips->status);
     }
 

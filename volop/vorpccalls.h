@@ -27,6 +27,9 @@
 // The convenience forms (dbladeVolCreate, dbladeVolClone, dbladeGetAttrs,
 // dbladeSetAttrs) use a 60-second time-out and answer 0, 30300 + clnt_stat,
 // 5031, or the D-blade's non-zero status.
+//
+// A null client is not called: VLDB helpers answer 0x01809C43 (no VLDB
+// client), the DLDB name helpers 0x01809C4B, the D-blade helpers 5004.
 #ifndef VOLOP_VORPCCALLS_H
 #define VOLOP_VORPCCALLS_H
 
@@ -83,8 +86,7 @@ class VoRpcCalls {
     // clnt is a DLDB client. The id of the virtual server named vsName.
     static unsigned getVSIdByName(CLIENT* clnt, const char* vsName, unsigned* id);
     // The D-blade that serves the LP.
-    static unsigned findDbladeByLpId(CLIENT* clnt, const unsigned char* lid,
-                                     unsigned short& did);
+    static unsigned findDbladeByLpId(CLIENT* clnt, const unsigned char* lid, unsigned short& did);
     // The host of the D-blade that serves the LP, copied into host (at least
     // VO_HOST_NAME_SIZE bytes; a longer name is cut). A D-blade id the host
     // cache does not know answers 0x01419C4E (DldbGetHostByDid, 35000 + 5014).
@@ -110,8 +112,7 @@ class VoRpcCalls {
     // retried like 33. A first call that times out, when retried is false, is
     // repeated once with a 2-second time-out (and retried true), and that
     // answer is returned.
-    static unsigned dbladeVolDelete(VolDeleteIn* in, CLIENT* clnt, unsigned timeout,
-                                    bool retried);
+    static unsigned dbladeVolDelete(VolDeleteIn* in, CLIENT* clnt, unsigned timeout, bool retried);
     static unsigned swapVolId(VolSwapVolIdIn* in, VolSwapVolIdOut_t* out, CLIENT* clnt,
                               unsigned timeout);
     // out is cleared first; the caller frees it with xdr_free on every return.

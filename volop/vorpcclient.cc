@@ -74,8 +74,8 @@ VoErr VoRPCClient::clnttcp_create(const char* host, unsigned long prog, unsigned
 
     unsigned short port = tarn_getport(&addr, prog, vers, IPPROTO_TCP);
     if (port == 0) {
-        VO_TR(vo_rpc, vo_warn, "could not retrieve port for %s, prog %#lX, vers %ld\n", host,
-              prog, static_cast<long>(vers));
+        VO_TR(vo_rpc, vo_warn, "could not retrieve port for %s, prog %#lX, vers %ld\n", host, prog,
+              static_cast<long>(vers));
         return createErr(0);
     }
     addr.sin_port = htons(port);
@@ -89,8 +89,8 @@ VoErr VoRPCClient::clnttcp_create(const char* host, unsigned long prog, unsigned
     int rv = connect(sock, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr);
     if (rv < 0) {
         int e = errno;
-        VO_TR(vo_rpc, vo_warn, "cannot connect to %s, prog %ld, vers %ld: rv %d, errno %d\n",
-              host, static_cast<long>(prog), static_cast<long>(vers), rv, e);
+        VO_TR(vo_rpc, vo_warn, "cannot connect to %s, prog %ld, vers %ld: rv %d, errno %d\n", host,
+              static_cast<long>(prog), static_cast<long>(vers), rv, e);
         close(sock);
         return createErr(static_cast<unsigned>(e));
     }

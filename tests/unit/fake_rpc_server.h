@@ -66,8 +66,7 @@ class FakeRpcServer {
         socklen_t len = sizeof a;
         if (_listenFd < 0 || bind(_listenFd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
             listen(_listenFd, 16) != 0 ||
-            getsockname(_listenFd, reinterpret_cast<sockaddr*>(&a), &len) != 0 ||
-            pipe(_wake) != 0)
+            getsockname(_listenFd, reinterpret_cast<sockaddr*>(&a), &len) != 0 || pipe(_wake) != 0)
             throw std::runtime_error("FakeRpcServer: cannot listen");
         _port = ntohs(a.sin_port);
         registry().add(this);
@@ -169,8 +168,8 @@ class FakeRpcServer {
             // Installed again on every start, in case a test changed the seam. It is
             // never removed: unit tests must not reach the machine's port mapper.
             tarn_set_port_lookup([this](unsigned long p, unsigned long v, unsigned proto) {
-                    return lookup(p, v, proto);
-                });
+                return lookup(p, v, proto);
+            });
         }
         void remove(FakeRpcServer* s) {
             std::lock_guard<std::mutex> g(_m);

@@ -140,15 +140,6 @@ TEST_F(VoDldbTest, AFailedReadKeepsThePreviousTable) {
     }
 }
 
-TEST_F(VoDldbTest, NoDldbGivesNoHost) {
-    // The DLDB is not registered (the next fake's start restores the seam).
-    tarn_set_port_lookup([](unsigned long, unsigned long, unsigned) -> unsigned short {
-        return 0;
-    });
-    EXPECT_EQ("(null)", host(1));
-    EXPECT_EQ(0, reads());
-}
-
 TEST_F(VoDldbTest, IdsSharingABucketAndDuplicates) {
     // 1 and 33 share bucket 1; of two entries for one id the later one wins.
     // An unhealthy node's answer is used like a good one.
@@ -167,8 +158,7 @@ TEST_F(VoDldbTest, ConcurrentLookupsShareOneReadAndAllResume) {
     const int n = 6;
     std::vector<std::string> got(n);
     std::vector<std::thread> threads;
-    for (int i = 0; i < n; i++)
-        threads.emplace_back([&got, i] { got[i] = host(1 + i % 2); });
+    for (int i = 0; i < n; i++) threads.emplace_back([&got, i] { got[i] = host(1 + i % 2); });
     for (auto& t : threads) t.join();
     for (int i = 0; i < n; i++) EXPECT_EQ(i % 2 ? "blade2" : "blade1", got[i]) << i;
     EXPECT_EQ(1, reads());

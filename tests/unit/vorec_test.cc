@@ -17,8 +17,8 @@ VoRec rec(unsigned vid, int role, int type, unsigned long long opid) {
 }
 
 TEST(VoRecTest, NamesForTracesIncludingValuesBeyondTheTable) {
-    const char* types[] = {"null", "copy", "mirror", "move", "finalmove",
-                           "del",  "vfsdump", "vfsrestore"};
+    const char* types[] = {"null",      "copy", "mirror",  "move",
+                           "finalmove", "del",  "vfsdump", "vfsrestore"};
     for (unsigned t = 0; t < 8; t++) EXPECT_STREQ(types[t], VoRec::opType2str(t)) << t;
     const char* roles[] = {"null", "src", "sink", "opsrc", "opsink", "temp"};
     for (unsigned r = 0; r < 6; r++) EXPECT_STREQ(roles[r], VoRec::role2str(r)) << r;
@@ -57,45 +57,6 @@ TEST(VoRecTest, NamesNeverExceed128Characters) {
     EXPECT_EQ(std::string(128, 'x'), r.getVname());
     r.setVname(nullptr);
     EXPECT_STREQ("", r.getVname());
-}
-
-TEST(VoRecTest, WireRecordRoundTripKeepsTheOtherFields) {
-    VoRec r;
-    EXPECT_EQ(0u, r.opid());
-    EXPECT_EQ(0u, r.getErrCode());
-    EXPECT_STREQ("", r.getVname());
-
-    r.setDver(77);
-    r.setDid(3);
-    r.setVname("keep");
-    vodbRec w{};
-    w.opid = 0x123456789ULL;
-    w.optype = VoRec::VODB_VOLOP_DELETE;
-    w.vfsid = 1001;
-    for (int i = 0; i < 16; i++) w.lp_uuid[i] = static_cast<u_char>(0xA0 + i);
-    w.vfsrole = VoRec::VODB_ROLE_SRC;
-    r.setFromVodbRec(w);
-
-    EXPECT_EQ(0x123456789ULL, r.opid());
-    EXPECT_EQ(VoRec::VODB_VOLOP_DELETE, r.opType());
-    EXPECT_EQ(1001u, r.vid());
-    EXPECT_EQ(0, std::memcmp(w.lp_uuid, r.lid(), 16));
-    EXPECT_EQ(VoRec::VODB_ROLE_SRC, r.role());
-    EXPECT_EQ(77u, r.dver());
-    EXPECT_EQ(3, r.getDid());
-    EXPECT_STREQ("keep", r.getVname());
-
-    vodbRec back{};
-    r.toVodbRec(&back);
-    EXPECT_EQ(w.opid, back.opid);
-    EXPECT_EQ(w.optype, back.optype);
-    EXPECT_EQ(w.vfsid, back.vfsid);
-    EXPECT_EQ(0, std::memcmp(w.lp_uuid, back.lp_uuid, 16));
-    EXPECT_EQ(w.vfsrole, back.vfsrole);
-
-    VoRec copy = r;
-    EXPECT_STREQ("keep", copy.getVname());
-    EXPECT_EQ(0, std::memcmp(copy.lid(), r.lid(), 16));
 }
 
 }  // namespace
