@@ -2,7 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "dblade_incrcopy.h"
+#include "dblade_vol.h"
+#include "fake_rpc_server.h"
 #include "fake_vostate.h"
+#include "vldb_server.h"
+#include "vodbCache.h"
 
 namespace {
 
@@ -207,6 +217,236 @@ TEST(VoStateStream, ConcludeWithoutAClientRecordsTheSanityError) {
     EXPECT_EQ(func, voErrVodSanityCheck);
     EXPECT_EQ(funcrc, 5004u);
     EXPECT_FALSE(op.incrcopyGotConclude());
+}
+
+// ---- Against a fake D-blade and VLDB ----
+
+// One status (or a dropped connection) per incremental-copy procedure.
+class IncrCopyTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (unsigned long proc : {INCRCOPYPAUSE, INCRCOPYRESUME, INCRCOPYCONCLUDE}) {
+            server.on<u_quad_t, u_int>(proc, xdr_u_quad_t, xdr_u_int,
+                                       [this, proc](u_quad_t& opid, u_int& status) {
+                                           std::lock_guard<std::mutex> g(m);
+                                           seenOpid = opid;
+                                           status = statusOf[proc];
+                                           return closeOf[proc] ? FakeRpcServer::Close
+                                                                : FakeRpcServer::Reply;
+                                       });
+        }
+        ASSERT_EQ(0u, client.clnttcp_create("127.0.0.1", DBLADE_INCRCOPY_PROG,
+                                           DBLADE_INCRCOPY_VERS));
+    }
+    void answer(unsigned long proc, u_int status, bool close = false) {
+        std::lock_guard<std::mutex> g(m);
+        statusOf[proc] = status;
+        closeOf[proc] = close;
+    }
+
+    FakeRpcServer server{DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS};
+    VoRPCClient client;
+    std::mutex m;
+    std::map<unsigned long, u_int> statusOf;
+    std::map<unsigned long, bool> closeOf;
+    u_quad_t seenOpid = 0;
+};
+
+TEST_F(IncrCopyTest, PauseAndResumeFoldTheirOutcomeIntoTheReply) {
+    struct {
+        bool resume;
+        u_int status;
+        bool close;
+        voErrRc rc;
+        voErrFunc func;
+    } cases[] = {
+        {false, 0, false, voErrRcSuccess, voErrFuncSuccess},
+        {false, 0x21, false, VoErrDblade, voErrDbladeIncrCopyPause},
+        {false, 0, true, voErrRpcFailure, voErrDbladeIncrCopyPauseRpc},
+        {true, 0, false, voErrRcSuccess, voErrFuncSuccess},
+        {true, 20013, false, VoErrDblade, voErrDbladeIncrCopyResume},
+        {true, 0, true, voErrRpcFailure, voErrDbladeIncrCopyResumeRpc},
+    };
+    for (const auto& c : cases) {
+        FakeOp op(0x123456789ULL, VoRec::VODB_VOLOP_COPY, 1, 1);
+        answer(c.resume ? INCRCOPYRESUME : INCRCOPYPAUSE, c.status, c.close);
+        VoRPCClient fresh;  // a closed connection is not reused
+        ASSERT_EQ(0u, fresh.clnttcp_create("127.0.0.1", DBLADE_INCRCOPY_PROG,
+                                          DBLADE_INCRCOPY_VERS));
+        VoOut out{voErrNoSuchOp, voErrVodCancel, 77};
+        if (c.resume)
+            op.resume(fresh, &out);
+        else
+            op.pause(fresh, &out);
+        EXPECT_EQ(out.rc, c.rc) << c.resume << " " << c.status << " " << c.close;
+        EXPECT_EQ(out.func, c.func);
+        // A dropped connection reports the clnt_stat.
+        EXPECT_EQ(out.funcrc != 0, c.close || c.status != 0);
+        if (!c.close) {
+            EXPECT_EQ(out.funcrc, c.status);
+        }
+        EXPECT_EQ(seenOpid, 0x123456789ULL);
+    }
+}
+
+TEST_F(IncrCopyTest, ConclusionAcceptsAForgottenStreamAndRetriesAnyOtherRefusal) {
+    struct {
+        u_int status;
+        bool concluded;
+    } cases[] = {{0, true}, {VIC_EOPNOTFOUND, true}, {VIC_EINVAL, false}, {0x21, false}};
+    for (const auto& c : cases) {
+        BaseConcludeOp op(9, VoRec::VODB_VOLOP_COPY, 1, 1);
+        answer(INCRCOPYCONCLUDE, c.status);
+        op.concludeDbladeIncrCopy(client);
+        EXPECT_EQ(op.incrcopyGotConclude(), c.concluded) << c.status;
+    }
+}
+
+TEST_F(IncrCopyTest, ConclusionWaitsWhileTheStreamRunsAndHappensOnce) {
+    BaseConcludeOp op(9, VoRec::VODB_VOLOP_COPY, 1, 1);
+    op.setRunning(true);  // the fake's progress leaves it running
+    op.concludeDbladeIncrCopy(client);
+    EXPECT_EQ(server.calls(INCRCOPYCONCLUDE), 0);
+
+    op.setRunning(false);
+    op.concludeDbladeIncrCopy(client);
+    op.concludeDbladeIncrCopy(client);
+    EXPECT_EQ(server.calls(INCRCOPYCONCLUDE), 1);
+    EXPECT_TRUE(op.incrcopyGotConclude());
+}
+
+class DbladeVolTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        server.on<VolGetattrIn, VolGetattrOut_t>(
+            VOLGETATTR, xdr_VolGetattrIn, xdr_VolGetattrOut_t,
+            [this](VolGetattrIn&, VolGetattrOut_t& out) {
+                out.returnCode = status;
+                out.return_volattrs.flags = flags;
+                out.return_volattrs.dataVersion = 4242;
+                out.return_volattrs.volname = empty;
+                out.return_volattrs.mountedatvolname = empty;
+            });
+        ASSERT_EQ(0u, client.clnttcp_create("127.0.0.1", DBLADE_VOL_PROG, DBLADE_VOL_VERS));
+    }
+
+    FakeRpcServer server{DBLADE_VOL_PROG, DBLADE_VOL_VERS};
+    VoRPCClient client;
+    std::atomic<u_int> status{0}, flags{0};
+    char empty[1] = "";
+};
+
+TEST_F(DbladeVolTest, DataVersionIsRefusedWhileTheVolumeIsBusy) {
+    struct {
+        u_int status, flags;
+        unsigned code;
+        voErrFunc func;
+        unsigned long long dver;
+    } cases[] = {
+        {0, 0x1, 0, voErrFuncSuccess, 4242},
+        {0, 0x8 | 0x4, 288, voErrDbladeVolGetAttr, 0},
+        {0, 0x800, 280, voErrDbladeVolGetAttr, 0},
+        {16, 0, 16, voErrDbladeVolGetAttr, 0},
+        {21, 0, 21, voErrDbladeVolGetAttr, 0},
+    };
+    unsigned char lid[16] = {1};
+    for (const auto& c : cases) {
+        status = c.status;
+        flags = c.flags;
+        unsigned long long dver = 99;
+        VoErr e = VoState::getDataVerFromDblade(client, 7, lid, &dver);
+        EXPECT_EQ(static_cast<unsigned>(e), c.code) << c.status << " " << c.flags;
+        EXPECT_EQ(e.func(), c.func);
+        if (c.code != 0) {
+            EXPECT_EQ(e.funcrc(), c.code);
+        }
+        EXPECT_EQ(dver, c.dver);
+    }
+    VoErr e = VoState::getDataVerFromDblade(nullptr, 7, lid, nullptr);
+    EXPECT_EQ(static_cast<unsigned>(e), 5004u);
+    EXPECT_EQ(e.func(), voErrVodAttrGetDataVer);
+}
+
+// setVfsType: refused while a recorded operation uses the volume; else the
+// D-blade first, then the VLDB.
+class SetVfsTypeTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        vldb.onVoid<vodb_opid_lookup_result>(
+            VODB_OPID_LOOKUP, xdr_vodb_opid_lookup_result,
+            [this](vodb_opid_lookup_result& r) { r.last_create_opid = lastCreate; });
+        vldb.onVoid<vodb_lookup_result>(VODB_LOOKUP, xdr_vodb_lookup_result,
+                                        [this](vodb_lookup_result& r) {
+                                            r.last_create_opid = lastCreate;
+                                            r.rec.rec_len = static_cast<u_int>(recs.size());
+                                            r.rec.rec_val = recs.data();
+                                        });
+        vldb.on<vldb_record_modify_input, int>(
+            VLDB_RECORD_MODIFY, xdr_vldb_record_modify_input, xdr_int,
+            [this](vldb_record_modify_input& in, int& status) {
+                modifiedType = in.newrec.vfstype;
+                modifyMask = in.input_mask;
+                status = 0;
+            });
+        vol.on<VolSetattrIn, VolSetattrOut_t>(VOLSETATTR, xdr_VolSetattrIn, xdr_VolSetattrOut_t,
+                                              [this](VolSetattrIn&, VolSetattrOut_t& out) {
+                                                  out.returnCode = dbladeStatus;
+                                              });
+        ASSERT_EQ(0u, vldbClient.clnttcp_create("127.0.0.1", VLDB_PROG, VLDB_VERS));
+        ASSERT_EQ(0u, volClient.clnttcp_create("127.0.0.1", DBLADE_VOL_PROG, DBLADE_VOL_VERS));
+        memset(lid, 7, sizeof lid);
+    }
+    void TearDown() override {
+        recs.clear();
+        lastCreate++;
+        VodbCacheLock::refreshVodbCache(vldbClient);
+    }
+    void record(int opType, unsigned vid) {
+        vodbRec r;
+        memset(&r, 0, sizeof r);
+        r.opid = 500;
+        r.optype = opType;
+        r.vfsid = vid;
+        memcpy(r.lp_uuid, lid, sizeof lid);
+        r.vfsrole = VoRec::VODB_ROLE_SINK;
+        recs.push_back(r);
+        lastCreate++;
+    }
+
+    FakeRpcServer vldb{VLDB_PROG, VLDB_VERS};
+    FakeRpcServer vol{DBLADE_VOL_PROG, DBLADE_VOL_VERS};
+    VoRPCClient vldbClient, volClient;
+    std::vector<vodbRec> recs;
+    std::atomic<unsigned long long> lastCreate{7000};
+    std::atomic<u_int> dbladeStatus{0};
+    std::atomic<u_int> modifiedType{0}, modifyMask{0};
+    unsigned char lid[16];
+};
+
+TEST_F(SetVfsTypeTest, VolumeInARecordedMoveIsBusy) {
+    record(VoRec::VODB_VOLOP_MOVE, 55);
+    VoErr e = VoState::setVfsType(vldbClient, volClient, 55, lid, RO_VFS);
+    EXPECT_NE(static_cast<unsigned>(e), 0u);
+    EXPECT_EQ(e.func(), voErrVodValidate);
+    EXPECT_EQ(e.funcrc(), 5021u);
+    EXPECT_EQ(vol.calls(VOLSETATTR), 0);
+    EXPECT_EQ(vldb.calls(VLDB_RECORD_MODIFY), 0);
+}
+
+TEST_F(SetVfsTypeTest, DbladeFirstThenTheVldb) {
+    record(VoRec::VODB_VOLOP_COPY, 56);  // another volume: no conflict
+    EXPECT_EQ(static_cast<unsigned>(VoState::setVfsType(vldbClient, volClient, 55, lid, RO_VFS)),
+              0u);
+    EXPECT_EQ(vol.calls(VOLSETATTR), 1);
+    EXPECT_EQ(modifiedType, static_cast<u_int>(RO_VFS));
+    EXPECT_EQ(modifyMask, 0x20u);
+
+    dbladeStatus = 22;  // TARN_ERR_EINVAL; 33 would be retried for minutes
+    VoErr e = VoState::setVfsType(vldbClient, volClient, 55, lid, RW_VFS);
+    EXPECT_EQ(static_cast<unsigned>(e), 402u);
+    EXPECT_EQ(e.func(), voErrDbladeVolSetAttr);
+    EXPECT_EQ(e.funcrc(), 22u);
+    EXPECT_EQ(vldb.calls(VLDB_RECORD_MODIFY), 1);  // the VLDB is left alone
 }
 
 }  // namespace

@@ -59,7 +59,7 @@ TEST_P(SleepTimeTest, IsTheLeastTimeUntilAnOperationIsDue) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rules, SleepTimeTest,
+    Registry, SleepTimeTest,
     ::testing::Values(SleepCase{"Empty", {}, 300}, SleepCase{"AllCheckedTenAgo", {10, 10}, 20},
                       SleepCase{"NeverChecked", {-1}, 30},
                       SleepCase{"CheckedExactlyThirtyAgo", {30}, 0},
@@ -168,7 +168,7 @@ TEST_P(RetireTest, Rule) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rules, RetireTest,
+    Registry, RetireTest,
     ::testing::Values(
         // name, assigned, stored, polled, retained, attempts, retired
         RetireCase{"PolledAndGone", false, false, true, false, 0, true},
