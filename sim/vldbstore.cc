@@ -148,10 +148,11 @@ int64_t countRows(sqlite3* db, const std::string& sql, Binder bindFn) {
   return s.i64(0);
 }
 
-// Is name held by a read-write record of a VFS other than vfsid?
-int64_t rwNameTaken(sqlite3* db, const std::string& name, unsigned vfsid) {
-  return countRows(db, "SELECT COUNT(*) FROM vldb WHERE name = ? AND vfstype = 1 AND vfsid <> ?",
-                   [&](Stmt& s) { s.bind(1, name).bind(2, vfsid); });
+// Is name held by a read-write record of a VFS other than vfsid (not counting the record
+// numbered exceptSeq, which is about to change)?
+int64_t rwNameTaken(sqlite3* db, const std::string& name, unsigned vfsid, int64_t exceptSeq = 0) {
+  return countRows(db, "SELECT COUNT(*) FROM vldb WHERE name = ? AND vfstype = 1 AND vfsid <> ? AND seq <> ?",
+                   [&](Stmt& s) { s.bind(1, name).bind(2, vfsid).bind(3, exceptSeq); });
 }
 
 int64_t recordCount(sqlite3* db, unsigned vfsid, const unsigned char lp[16]) {
@@ -330,7 +331,7 @@ int VldbStore::modify(unsigned mask, unsigned vfsid, const unsigned char lp[16],
       if (c > 0) return n.vfsid != r.vfsid ? VLDB_VFSID_EXISTS : VLDB_VFSID_LOCATION_EXISTS;
     }
     if (n.vfstype == kRwVfs && (n.name != r.name || r.vfstype != kRwVfs || n.vfsid != r.vfsid)) {
-      int64_t c = rwNameTaken(db_, n.name, n.vfsid);
+      int64_t c = rwNameTaken(db_, n.name, n.vfsid, seq);
       if (c < 0) return VLDB_RECORD_GET_FAILED;
       if (c > 0) return VLDB_NAME_EXISTS;
     }
