@@ -114,15 +114,15 @@ void WorkerThreadPool::runJob(job* j) {
     unsigned rc = maker(clntVldb, clntSrcDbladeIncrCopy, clntSrcDbladeVol);
     if (rc != 0) {
         VO_TR(vo_vod, vo_warn, "cannot make rpc client\n");
-        // jobIsFree comes last: from then on the registry may retire and
-        // destroy the operation.
         op->getLock();
         op->setJobState(VO_JOB_CLNT_FAILED);
         op->setStatusCheckedAtTime(VoState::getCurrentTime());
         op->setErr(voErrVodClntTcpCreate, rc);
         op->setHiLvlErr(voErrNoResource);
-        op->jobIsFree();
         op->releaseLock();
+        // Last, after the lock is released: from here on the registry may
+        // retire and destroy the operation.
+        op->jobIsFree();
         return;
     }
 
@@ -170,7 +170,8 @@ void WorkerThreadPool::runJob(job* j) {
     }
 
     // The registry leaves the operation alone for the next 30 seconds.
-    // jobIsFree comes last, as above.
+    // jobIsFree comes last, as above: the worker must not touch the
+    // operation after it.
     op->setStatusCheckedAtTime(VoState::getCurrentTime());
     op->jobIsFree();
 }

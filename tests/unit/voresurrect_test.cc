@@ -102,15 +102,16 @@ protected:
         return ops;
     }
 
+    // The fakes are declared last so that they stop before what their handlers use.
+    std::mutex m;
+    std::vector<vodbRec> recs;
+    unsigned long long lastCreate = 100;
+    std::vector<LPGetAllEntry> lps;  // set before the first call
+    char emptyName[1] = "";
     std::unique_ptr<FakeRpcServer> vldb;
     FakeRpcServer lpm{DBLADE_LPM_PROG, DBLADE_LPM_VERS};
     FakeRpcServer incrcopy{DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS};
     FakeRpcServer dbladeVol{DBLADE_VOL_PROG, DBLADE_VOL_VERS};
-    std::mutex m;
-    std::vector<vodbRec> recs;
-    unsigned long long lastCreate = 100;
-    std::vector<LPGetAllEntry> lps;
-    char emptyName[1] = "";
 };
 
 TEST_F(ResurrectTest, LocalOnlineOperationsComeBackWithStaggeredStamps) {

@@ -244,12 +244,18 @@ protected:
         closeOf[proc] = close;
     }
 
-    FakeRpcServer server{DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS};
-    VoRPCClient client;
+    u_quad_t opidSeen() {
+        std::lock_guard<std::mutex> g(m);
+        return seenOpid;
+    }
+
+    // The fake is declared last so that it stops before what its handlers use.
     std::mutex m;
     std::map<unsigned long, u_int> statusOf;
     std::map<unsigned long, bool> closeOf;
     u_quad_t seenOpid = 0;
+    FakeRpcServer server{DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS};
+    VoRPCClient client;
 };
 
 TEST_F(IncrCopyTest, PauseAndResumeFoldTheirOutcomeIntoTheReply) {
@@ -285,7 +291,7 @@ TEST_F(IncrCopyTest, PauseAndResumeFoldTheirOutcomeIntoTheReply) {
         if (!c.close) {
             EXPECT_EQ(out.funcrc, c.status);
         }
-        EXPECT_EQ(seenOpid, 0x123456789ULL);
+        EXPECT_EQ(opidSeen(), 0x123456789ULL);
     }
 }
 
@@ -330,10 +336,10 @@ protected:
         ASSERT_EQ(0u, client.clnttcp_create("127.0.0.1", DBLADE_VOL_PROG, DBLADE_VOL_VERS));
     }
 
-    FakeRpcServer server{DBLADE_VOL_PROG, DBLADE_VOL_VERS};
-    VoRPCClient client;
     std::atomic<u_int> status{0}, flags{0};
     char empty[1] = "";
+    FakeRpcServer server{DBLADE_VOL_PROG, DBLADE_VOL_VERS};
+    VoRPCClient client;
 };
 
 TEST_F(DbladeVolTest, DataVersionIsRefusedWhileTheVolumeIsBusy) {
@@ -413,14 +419,14 @@ protected:
         lastCreate++;
     }
 
-    FakeRpcServer vldb{VLDB_PROG, VLDB_VERS};
-    FakeRpcServer vol{DBLADE_VOL_PROG, DBLADE_VOL_VERS};
-    VoRPCClient vldbClient, volClient;
-    std::vector<vodbRec> recs;
+    std::vector<vodbRec> recs;  // changed only between calls
     std::atomic<unsigned long long> lastCreate{7000};
     std::atomic<u_int> dbladeStatus{0};
     std::atomic<u_int> modifiedType{0}, modifyMask{0};
     unsigned char lid[16];
+    FakeRpcServer vldb{VLDB_PROG, VLDB_VERS};
+    FakeRpcServer vol{DBLADE_VOL_PROG, DBLADE_VOL_VERS};
+    VoRPCClient vldbClient, volClient;
 };
 
 TEST_F(SetVfsTypeTest, VolumeInARecordedMoveIsBusy) {
