@@ -1,0 +1,42 @@
+// What the administration and operation subcommands share: LP ids given as
+// hex or by name, the names of the result enumerations, and the report of a
+// failure code with its decoded text.
+#ifndef VOCTL_ADMIN_COMMON_H
+#define VOCTL_ADMIN_COMMON_H
+
+#include <string>
+
+#include "voctl/command.h"
+#include "voctl/lpid.h"
+
+namespace voctl {
+
+// Names of the high-level result codes and failing functions ("VoErrDblade",
+// "voErrDbladeVolDelete"); "?" for a value not in the protocol.
+const char* rcName(unsigned rc);
+const char* funcName(unsigned func);
+
+// An LP given as 32 hex digits (optionally after 0x), or else by name,
+// resolved through the DLDB (getlidbylpname_1) of the node named by -H.
+// Returns kExitOk with *out set; otherwise the failure is reported and its
+// exit status returned.
+int resolveLp(Context& ctx, const std::string& text, LpId* out);
+
+// "(module) procedure: message" for code: vod's decodeerror on c when given
+// and answering, else the same decoding done here.
+std::string decodeCode(VoClient* c, unsigned code);
+
+// Reports a failure code: "voctl: WHAT failed: code 0x... (decoded)" on
+// standard error and, with --json, {"error", "status", "code", "decoded"} on
+// standard output. Returns kExitVodFailure.
+int codeFailure(Context& ctx, VoClient* c, const std::string& what, unsigned code);
+
+// Reports a failed VoOut (rc, func, funcrc) with their names, the same way.
+int voOutFailure(Context& ctx, const std::string& what, const VoOut& out);
+
+// The fields of a VoOut as JSON, with the names beside the numbers.
+nlohmann::json voOutJson(const VoOut& out);
+
+}  // namespace voctl
+
+#endif  // VOCTL_ADMIN_COMMON_H

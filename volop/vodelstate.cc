@@ -1,0 +1,353 @@
+// VoDelState: a volume delete that survives a crash of the daemon.
+//
+// Its steps, in the order they run: addSrc, prepare (validate, mkRec), del
+// (D-blade volume, VLDB record, VODB record). Recovery reruns del.
+#include "vodelstate.h"
+
+#include <assert.h>
+#include <string.h>
+
+#include "vldb_lit.h"
+#include "vldb_server.h"
+#include "vodbCache.h"
+#include "votrace.h"
+#include "vorpcclient.h"
+
+namespace {
+
+// The D-blade's answer for a volume that is not (or no longer) on the LP: the
+// volume is taken as already deleted.
+const unsigned kDbladeVolumeGone = 21;
+
+#define LP_FMT "LP=0x%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X"
+#define LP_ARGS(l)                                                                              \
+    (l)[0], (l)[1], (l)[2], (l)[3], (l)[4], (l)[5], (l)[6], (l)[7], (l)[8], (l)[9], (l)[10], \
+        (l)[11], (l)[12], (l)[13], (l)[14], (l)[15]
+
+}  // namespace
+
+VoDelState::VoDelState() {
+    // No stream is ever started, so there is nothing for the registry to
+    // conclude: its scans go straight to recovery while records remain.
+    _incrcopyGotConclude = true;
+    _opCompleteReceived = true;
+    _dbladeIncrCopyRunning = false;
+}
+
+VoDelState::~VoDelState() {}
+
+void VoDelState::dbgDump() {
+    VO_TR(vo_vod, vo_event, "VoDelState opid=%lld\n", static_cast<long long>(_opid));
+    _srcRec.dbgDump();
+}
+
+void VoDelState::getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.get(rc, func, funcrc);
+}
+
+void VoDelState::getErr(voErrFunc* func, unsigned* funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.get(func, funcrc);
+}
+
+void VoDelState::setHiLvlErr(voErrRc rc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.setHiLvl(rc);
+}
+
+void VoDelState::setErr(voErrFunc func, unsigned funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.set(func, funcrc);
+}
+
+void VoDelState::setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.setAll(rc, func, funcrc);
+}
+
+// The high-level code stays the caller's to set.
+void VoDelState::setAllErr(VoErr& err) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.setAll(err);
+}
+
+bool VoDelState::isUsing(unsigned vid, const unsigned char* lid, VoRec::VoType type,
+                         VoRec::VfsRole role) {
+    return _srcRec.opType() == type && _srcRec.role() == role && isUsing(vid, lid);
+}
+
+bool VoDelState::isUsing(const unsigned char* lid) {
+    return memcmp(_srcRec.lid(), lid, 16) == 0;
+}
+
+bool VoDelState::isUsing(unsigned vid, const unsigned char* lid) {
+    return _srcRec.vid() == vid && isUsing(lid);
+}
+
+// --- the stream steps a delete does not have --------------------------------
+
+unsigned VoDelState::progress(CLIENT*) {
+    VO_TR(vo_vod, vo_warn, "This interface function is not supported by VoDelState.\n");
+    return 0;
+}
+
+unsigned VoDelState::conclude(CLIENT*, CLIENT*, CLIENT*) {
+    VO_TR(vo_vod, vo_warn, "This interface function is not supported by VoDelState.\n");
+    return 0;
+}
+
+bool VoDelState::addStream(unsigned, const unsigned char*, unsigned, const unsigned char*,
+                           const char*) {
+    VO_TR(vo_vod, vo_warn, "This interface function is not supported by VoDelState.\n");
+    return false;
+}
+
+unsigned VoDelState::mkOpSrcSink(CLIENT*, CLIENT*) {
+    VO_TR(vo_vod, vo_warn, "This interface function is not supported by VoDelState.\n");
+    return 0;
+}
+
+unsigned VoDelState::startStream(CLIENT*, CLIENT*) {
+    VO_TR(vo_vod, vo_warn, "This interface function is not supported by VoDelState.\n");
+    return 0;
+}
+
+// --- the delete -------------------------------------------------------------
+
+bool VoDelState::addSrc(unsigned vid, const unsigned char* lid) {
+    if (_srcRec.vid() != 0) {
+        setErr(voErrVodAddStream, VOD_ERR_INTERNAL);
+        return false;
+    }
+    _srcRec.setOpType(VoRec::VODB_VOLOP_DELETE);
+    _srcRec.setVid(vid);
+    _srcRec.setLid(lid);
+    _srcRec.setRole(VoRec::VODB_ROLE_SRC);
+    VO_TR(vo_vod, vo_audit, "_srcRec.vid()=%d\n", _srcRec.vid());
+    return true;
+}
+
+unsigned VoDelState::prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        setAllErr(voErrValidate, voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    if (clntSrcDbladeVol == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
+        setAllErr(voErrValidate, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+
+    VO_TR(vo_vod, vo_audit, "cache all latest vodb recs\n");
+    VoErr err = VodbCacheLock::refreshVodbCache(clntVldb);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn, "refreshVodbCache err.func=%d err.funcrc=%d\n", err.func(),
+              err.funcrc());
+        setAllErr(err);
+        // Without a high-level code the client would read the refusal as a
+        // success.
+        setHiLvlErr(voErrValidate);
+        return err;
+    }
+
+    VO_TR(vo_vod, vo_audit, "validate vol op\n");
+    if (!validate(clntVldb, clntSrcDbladeVol)) {
+        setHiLvlErr(voErrValidate);
+        VO_TR(vo_vod, vo_warn, "cannot valid due to error\n");
+        return voErrValidate;
+    }
+
+    if (mkRec(clntVldb) != 0) {
+        setHiLvlErr(voErrPersistOp);
+        return voErrVodMkVodbRec;
+    }
+    _vodbRecordStored = true;
+    return 0;
+}
+
+bool VoDelState::validate(CLIENT*, CLIENT*) {
+    VodbCacheLock cacheLock;
+    const auto& cache = VodbCacheLock::getVodbCache();
+    VO_TR(vo_vod, vo_debug, "_vodbCache.size = %#X\n", static_cast<unsigned>(cache.size()));
+    // Any role and any op type: a volume that another operation still names
+    // must not vanish under it.
+    for (const VoRec* rec : cache) {
+        if (rec->vid() == _srcRec.vid() && memcmp(rec->lid(), _srcRec.lid(), 16) == 0 &&
+            rec->opid() != _opid) {
+            VO_TR(vo_vod, vo_warn, "vfsid=%d is busy with another opid=%lld opType(%d)\n",
+                  rec->vid(), static_cast<long long>(rec->opid()), static_cast<int>(rec->opType()));
+            setErr(voErrVodValidate, VoState::getErrorCodeForOpType(rec->opType()));
+            return false;
+        }
+    }
+    return true;
+}
+
+unsigned VoDelState::mkRec(CLIENT* clntVldb) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+
+    // One record: the volume as the source of a delete, data version 0.
+    vodbRec rec;
+    memset(&rec, 0, sizeof rec);
+    _srcRec.toVodbRec(&rec);
+    rec.opid = 0;
+    vodb_create2_input in;
+    memset(&in, 0, sizeof in);
+    in.new_create_opid = 0;  // the VODB hands out the id
+    in.rec.rec_len = 1;
+    in.rec.rec_val = &rec;
+
+    VoXdrResult<vodb_create2_result> res(xdr_vodb_create2_result);
+    VO_TR(vo_vldb, vo_entry, "vodb_create2_3 opid=%lld\n", static_cast<long long>(_opid));
+    clnt_stat cs = vodb_create2_3(&in, res.get(), clntVldb);
+    if (cs != RPC_SUCCESS) {
+        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld failed: %s\n",
+              static_cast<long long>(_opid), clnt_sperrno(cs));
+        setErr(voErrVodbCreateRpc, cs);
+        return voErrVodbCreateRpc;
+    }
+    int status = res->result;
+    unsigned long long opid = res->out_create_opid;
+    if (status != 0) {
+        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld err %s \n",
+              static_cast<long long>(_opid), statLit(status));
+        setErr(voErrVodbCreate, status);
+        return voErrVodbCreate;
+    }
+    _opid = opid;
+    _srcRec.setOpid(opid);
+    VO_TR(vo_vldb, vo_audit, "vodb_create2_3 opid=%lld succeed\n", static_cast<long long>(_opid));
+    return 0;
+}
+
+unsigned VoDelState::del(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        setErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    if (clntSrcDbladeVol == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
+        setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    // Nothing to report as progress: nobody will come for a last reading.
+    setMgmtGotLastProgress();
+
+    const long long opid = static_cast<long long>(_opid);
+    const unsigned vid = _srcRec.vid();
+
+    // The volume first: a VLDB record without its volume can be cleaned up
+    // later, a volume without its record could not be found again.
+    VO_TR(vo_vod, vo_audit, "opid=%lld call dbladeDeleteVfs vfsid=%d\n", opid, vid);
+    VoErr err = dbladeDeleteVfs(clntSrcDbladeVol, vid, _srcRec.lid());
+    if (err != 0 && static_cast<unsigned>(err) != kDbladeVolumeGone) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n",
+              opid, vid, err.func(), err.funcrc());
+        setHiLvlErr(VoErrDblade);
+        setAllErr(err);
+        return err;
+    }
+
+    VO_TR(vo_vod, vo_audit, "opid=%lld call vldbDeleteRecord vfsid=%d\n", opid, vid);
+    err = vldbDeleteRecord(clntVldb, vid, _srcRec.lid());
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n",
+              opid, vid, err.func(), err.funcrc());
+        setHiLvlErr(VoErrVldb);
+        setAllErr(err);
+        return err;
+    }
+
+    VO_TR(vo_vod, vo_audit, "opid=%lld call deleteVodbRec\n", opid);
+    VoErr r = deleteVodbRec(clntVldb);
+    if (r != 0) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, static_cast<unsigned>(r));
+        return r;
+    }
+    return 0;
+}
+
+// --- after a crash ----------------------------------------------------------
+
+unsigned VoDelState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
+    VoTrace::Depth depth;
+    assert(VodbCacheLock::heldByThisThread());
+    _opid = opid;
+    VO_TR(vo_vod, vo_audit, "resurrect DEL _opid = %lld\n", static_cast<long long>(_opid));
+    const auto& cache = VodbCacheLock::getVodbCache();
+    VO_TR(vo_vod, vo_debug, "_vodbCache.size = %#X\n", static_cast<unsigned>(cache.size()));
+    bool found = false;
+    for (const VoRec* rec : cache) {
+        if (rec->opid() != opid) continue;
+        if (rec->opType() != VoRec::VODB_VOLOP_DELETE) {
+            VO_TR(vo_vod, vo_warn, "opid=%lld is found but opType is %d\n",
+                  static_cast<long long>(opid), static_cast<int>(rec->opType()));
+            setErr(voErrVodCrashRecovery, VOD_ERR_INTERNAL);
+            return VOD_ERR_INTERNAL;
+        }
+        if (rec->role() != VoRec::VODB_ROLE_SRC) {
+            VO_TR(vo_vod, vo_warn, "opid=%lld has a VODB rec with an unexpected role %d\n",
+                  static_cast<long long>(opid), static_cast<int>(rec->role()));
+            setErr(voErrVodCrashRecovery, VOD_ERR_INTERNAL);
+            return VOD_ERR_INTERNAL;
+        }
+        _srcRec = *rec;
+        found = true;
+        VO_TR(vo_vod, vo_audit, "opid=%lld, vfs %d, role %d\n", static_cast<long long>(opid),
+              _srcRec.vid(), static_cast<int>(_srcRec.role()));
+    }
+    // Nothing to delete without its record; the caller found one, so this
+    // only happens when the cache changed under a misuse.
+    if (!found) {
+        setErr(voErrVodCrashRecovery, VOD_ERR_INTERNAL);
+        return VOD_ERR_INTERNAL;
+    }
+    // Its record is in the VODB: the registry's scans hand it to recovery.
+    _vodbRecordStored = true;
+    return 0;
+}
+
+unsigned VoDelState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, CLIENT*) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        setErr(voErrVodCrashRecovery, VOD_ERR_NO_VLDB_CLIENT);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    if (clntSrcDbladeVol == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
+        setErr(voErrVodCrashRecovery, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    if (retiredFromVodb()) {
+        VO_TR(vo_vod, vo_warn, "retiredFromVodb()=1 already\n");
+        setAllErr(voErrCrashRecovery, voErrVodCrashRecovery, VOD_ERR_INTERNAL);
+        return VOD_ERR_INTERNAL;
+    }
+
+    const long long opid = static_cast<long long>(_opid);
+    if (forceRetireFromVodb()) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld fail to recover Delete\n", opid);
+        VO_TR(vo_vod, vo_warn, "opid=%lld leaves everything intact. Just purge the op\n", opid);
+        VoErr r = deleteVodbRec(clntVldb);
+        if (r != 0) {
+            VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, static_cast<unsigned>(r));
+            return r;
+        }
+        setMgmtGotLastProgress();
+        return 0;
+    }
+
+    // Start over: a volume the D-blade has already deleted passes its step.
+    VO_TR(vo_vod, vo_audit, "call del\n");
+    return del(clntVldb, clntSrcDbladeVol);
+}
