@@ -137,24 +137,26 @@ unsigned VoRpcCalls::vldbFindVfs(CLIENT* clnt, vldb_record_lookup_input& in,
     memset(&out, 0, sizeof out);
     if (clnt == nullptr)
         return voCompositeCode(VoProcVodRpcCreateClient, VOD_ERR_BASE + VOD_ERR_NO_VLDB_CLIENT);
-    // Null strings cannot be encoded; a key left unset goes out empty.
+    // Null strings cannot be encoded: a key left unset goes out empty, on a
+    // copy so that the caller's record stays its own to free.
     static char empty[] = "";
-    if (in.r.family == nullptr) in.r.family = empty;
-    if (in.r.vfsname == nullptr) in.r.vfsname = empty;
-    enum clnt_stat st = vldb_record_lookup_3(&in, &out, clnt);
+    vldb_record_lookup_input req = in;
+    if (req.r.family == nullptr) req.r.family = empty;
+    if (req.r.vfsname == nullptr) req.r.vfsname = empty;
+    enum clnt_stat st = vldb_record_lookup_3(&req, &out, clnt);
     if (st != RPC_SUCCESS) {
         VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3(name=%s,id=%d) RPC failed: %s\n",
-              in.r.vfsname, static_cast<int>(in.r.vfsid), clnt_sperrno(st));
+              req.r.vfsname, static_cast<int>(in.r.vfsid), clnt_sperrno(st));
         return vldbCode(VoProcVldbRecordLookup, rpcLow(st));
     }
     if (out.result != 0) {
-        VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3(name=%s,id=%d) failed: %s\n", in.r.vfsname,
+        VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3(name=%s,id=%d) failed: %s\n", req.r.vfsname,
               static_cast<int>(in.r.vfsid), statLit(static_cast<int>(out.result)));
         return vldbCode(VoProcVldbRecordLookup, VO_ERR_VLDB_BASE + out.result);
     }
     if (out.r.r_len == 0) {
         VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3(name=%s,id=%d) returned zero records\n",
-              in.r.vfsname, static_cast<int>(in.r.vfsid));
+              req.r.vfsname, static_cast<int>(in.r.vfsid));
         return VO_RC_VFS_NOT_FOUND;
     }
     return 0;
@@ -456,9 +458,10 @@ unsigned VoRpcCalls::dbladeGetAttrs(CLIENT* clnt, unsigned vfsid, const unsigned
 }
 
 unsigned VoRpcCalls::dbladeSetAttrs(CLIENT* clnt, VolSetattrIn& in) {
-    fillNullNames(in.set_attrs.attrs);
+    VolSetattrIn req = in;  // the caller's record keeps its own strings
+    fillNullNames(req.set_attrs.attrs);
     VolSetattrOut_t out;
-    unsigned rc = dbladeVfsSetAttrs(&in, &out, clnt, DEFAULT_TIMEOUT);
+    unsigned rc = dbladeVfsSetAttrs(&req, &out, clnt, DEFAULT_TIMEOUT);
     if (rc != 0) {
         VO_TR(vo_srcvol, vo_warn, "dbladeVfsSetAttrs vfsid=%d failed: %s\n",
               static_cast<int>(in.vfsID), dbladeErrText(rc));
