@@ -66,19 +66,6 @@ TEST(VoStateLifecycle, RecoveryAttemptThresholds) {
     }
 }
 
-TEST(VoStateLifecycle, NewOperationIsListedOnceAndNothingElse) {
-    FakeOp op(1, VoRec::VODB_VOLOP_COPY, 1, 1);
-    EXPECT_EQ(op.refCount(), 1);
-    EXPECT_TRUE(op.retiredFromVodb());
-    EXPECT_FALSE(op.canRetireFromMem());
-    EXPECT_FALSE(op.isJobAssignedToThread());
-    EXPECT_EQ(op.getStatusCheckedAtTime(), 0u);
-    op.setMgmtGotLastProgress();
-    EXPECT_TRUE(op.canRetireFromMem());
-    op.setRetainOpAfterLastProgress();
-    EXPECT_FALSE(op.canRetireFromMem());
-}
-
 // ---- start() ----
 
 CLIENT* const kClient = reinterpret_cast<CLIENT*>(0x1000);  // never called through
@@ -169,55 +156,12 @@ TEST_F(VoStateStartTest, StreamOutcomes) {
     }
 }
 
-TEST(VoStatePrepare, MissingClientsAreRefusedAsValidationFailures) {
-    FakeOp op(1, VoRec::VODB_VOLOP_COPY, 1, 1);
-    EXPECT_EQ(op.prepare(nullptr, kClient), 5003u);
-    EXPECT_EQ(op.prepare(kClient, nullptr), 5004u);
-    voErrRc rc;
-    voErrFunc func;
-    unsigned funcrc;
-    op.getErr(&rc, &func, &funcrc);
-    EXPECT_EQ(rc, voErrValidate);
-    EXPECT_EQ(func, voErrVodSanityCheck);
-    EXPECT_EQ(funcrc, 5004u);
-    EXPECT_TRUE(op.retiredFromVodb());
-}
-
-// ---- Stream control without a D-blade ----
-
-TEST(VoStateStream, PauseAndResumeWithoutAClientAnswerNoResource) {
-    FakeOp op(1, VoRec::VODB_VOLOP_COPY, 1, 1);
-    for (int resume = 0; resume < 2; resume++) {
-        VoOut out{voErrRcSuccess, voErrFuncSuccess, 0};
-        if (resume)
-            op.resume(nullptr, &out);
-        else
-            op.pause(nullptr, &out);
-        EXPECT_EQ(out.rc, voErrNoResource);
-        EXPECT_EQ(out.func, voErrVodSanityCheck);
-        EXPECT_EQ(out.funcrc, 5004u);
-    }
-}
-
 // The base conclusion of the stream, seen through a subclass that keeps it.
 class BaseConcludeOp : public FakeOp {
 public:
     using FakeOp::FakeOp;
     void concludeDbladeIncrCopy(CLIENT* c) override { VoState::concludeDbladeIncrCopy(c); }
 };
-
-TEST(VoStateStream, ConcludeWithoutAClientRecordsTheSanityError) {
-    BaseConcludeOp op(1, VoRec::VODB_VOLOP_COPY, 1, 1);
-    op.concludeDbladeIncrCopy(nullptr);
-    voErrRc rc;
-    voErrFunc func;
-    unsigned funcrc;
-    op.getErr(&rc, &func, &funcrc);
-    EXPECT_EQ(rc, voErrEndStream);
-    EXPECT_EQ(func, voErrVodSanityCheck);
-    EXPECT_EQ(funcrc, 5004u);
-    EXPECT_FALSE(op.incrcopyGotConclude());
-}
 
 // ---- Against a fake D-blade and VLDB ----
 

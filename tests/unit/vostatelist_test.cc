@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "fake_vostate.h"
+#include "voserver.h"
 #include "vostate.h"
 
 namespace {
@@ -289,6 +290,18 @@ TEST_F(CheckForCompletedOpsTest, EndedStreamWhoseCompletionNeverCameIsConcludedB
     EXPECT_EQ(op->concludeIncrCalls, 2);
     EXPECT_EQ(op->getJobState(), VO_JOB_OP_COMPLETE);
     EXPECT_TRUE(op->opCompleteReceived());
+}
+
+TEST_F(CheckForCompletedOpsTest, ACompletionNoticeIsHandedToAWorkerOnce) {
+    FakeOp* op = add(1);
+    op->setRunning(true);  // the worker's conclusion will not end it
+    VoServer::runOpComplete(op);
+    VoServer::runOpComplete(op);  // dropped: the job is queued or running
+    ASSERT_TRUE(waitFor([&] { return op->concludeIncrCalls == 1 && !op->isJobAssignedToThread(); }));
+    EXPECT_EQ(op->getJobState(), VO_JOB_OP_COMPLETE);
+    VoServer::runOpComplete(op);  // dropped: one notice is already being handled
+    EXPECT_FALSE(op->isJobAssignedToThread());
+    EXPECT_EQ(op->concludeIncrCalls, 1);
 }
 
 TEST_F(CheckForCompletedOpsTest, RunningStreamIsLeftRunning) {
