@@ -23,7 +23,13 @@
 
 #include <cstdio>
 
+#include "coord.h"
+#include "dblade_incrcopy.h"
+#include "dblade_lpm.h"
+#include "dblade_vol.h"
+#include "dldb_server.h"
 #include "util/xdrproc.h"
+#include "vldb_server.h"
 #include "vo.h"
 
 #ifndef VOD_BIN
@@ -31,6 +37,9 @@
 #endif
 #ifndef VOCTL_BIN
 #error "VOCTL_BIN must name the voctl binary"
+#endif
+#if !defined(VODSIM_BIN) || !defined(VODSIMCTL_BIN)
+#error "VODSIM_BIN and VODSIMCTL_BIN must name the simulator's binaries"
 #endif
 
 extern char** environ;
@@ -121,21 +130,24 @@ void mountPrivateTmpfs(const char* where) {
         sandboxFailed(std::string("mount tmpfs on ") + where);
 }
 
-// True when the port mapper on 127.0.0.1 answers a null call.
-bool rpcbindAnswers() {
+// True when program prog, version vers on 127.0.0.1 answers a null call;
+// port 0 asks the port mapper for it.
+bool nullCallAnswers(rpcprog_t prog, rpcvers_t vers, unsigned short port = 0) {
     sockaddr_in addr;
     memset(&addr, 0, sizeof addr);
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(PMAPPORT);
+    addr.sin_port = htons(port);
     int sock = RPC_ANYSOCK;
-    CLIENT* c = clnttcp_create(&addr, PMAPPROG, PMAPVERS, &sock, 0, 0);
+    CLIENT* c = clnttcp_create(&addr, prog, vers, &sock, 0, 0);
     if (c == nullptr) return false;
     timeval tv{1, 0};
     clnt_stat st = clnt_call(c, NULLPROC, xdrProc(xdr_void), nullptr, xdrProc(xdr_void), nullptr, tv);
     clnt_destroy(c);
     return st == RPC_SUCCESS;
 }
+
+bool rpcbindAnswers() { return nullCallAnswers(PMAPPROG, PMAPVERS, PMAPPORT); }
 
 void startRpcbind() {
     std::string rpcbind = findProgram({"/usr/sbin/rpcbind", "/sbin/rpcbind", "/usr/bin/rpcbind"});
@@ -207,6 +219,8 @@ std::string tailLines(const std::string& s, size_t n) {
 
 const char* vodBinary() { return VOD_BIN; }
 const char* voctlBinary() { return VOCTL_BIN; }
+const char* vodsimBinary() { return VODSIM_BIN; }
+const char* vodsimctlBinary() { return VODSIMCTL_BIN; }
 
 bool pollUntil(const std::function<bool()>& cond, double timeoutSec, double stepSec) {
     double deadline = nowSec() + timeoutSec;
@@ -480,7 +494,7 @@ Node::~Node() {
         nftw(_dir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
-std::vector<std::string> Node::childEnv() const { return {withoutLeakCheck()}; }
+std::vector<std::string> Node::vodEnv() const { return {withoutLeakCheck()}; }
 
 bool Node::startVod(std::vector<std::string> args, Wait wait) {
     if (_vod) killVod(SIGKILL);
@@ -489,7 +503,7 @@ bool Node::startVod(std::vector<std::string> args, Wait wait) {
     pmap_unset(VOPROG, VOVERS);
     _vod = std::make_unique<ConsoleChild>();
     std::string error;
-    if (!_vod->start(VOD_BIN, args, _dir, _dir + "/vod.out", childEnv(), &error)) {
+    if (!_vod->start(VOD_BIN, args, _dir, _dir + "/vod.out", vodEnv(), &error)) {
         std::fprintf(stderr, "cannot start vod: %s\n", error.c_str());
         return false;
     }
@@ -557,13 +571,76 @@ UniqueFd Node::connectRaw() const {
 }
 
 Node::Result Node::voctl(std::vector<std::string> args, double timeoutSec) {
-    return runProgram(VOCTL_BIN, args, timeoutSec, childEnv());
+    return runProgram(VOCTL_BIN, args, timeoutSec);
+}
+
+bool Node::startSim(std::vector<std::string> extraArgs) {
+    if (_sim) killSim();
+    mkdir(simDir().c_str(), 0755);
+    _simArgs = {"--dir", simDir() + "/data", "--control", simDir() + "/control.sock"};
+    _simArgs.insert(_simArgs.end(), extraArgs.begin(), extraArgs.end());
+    _sim = std::make_unique<ConsoleChild>();
+    std::string error;
+    if (!_sim->start(VODSIM_BIN, _simArgs, simDir(), simDir() + "/vodsim.out", {}, &error)) {
+        std::fprintf(stderr, "cannot start vodsim: %s\n", error.c_str());
+        return false;
+    }
+    const rpcprog_t programs[][2] = {
+        {VLDB_PROG, VLDB_VERS},           {DLDB_PROG, DLDB_VERS},
+        {COORD_PROG, COORD_VERS},         {DBLADE_LPM_PROG, DBLADE_LPM_VERS},
+        {DBLADE_VOL_PROG, DBLADE_VOL_VERS}, {DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS}};
+    bool up = pollUntil(
+        [&] {
+            if (!_sim->running()) return true;  // reported below
+            if (simctl({"ping"}, 5).status != 0) return false;
+            for (const auto& p : programs)
+                if (!nullCallAnswers(p[0], p[1])) return false;
+            return true;
+        },
+        20, 0.05);
+    if (!up || !_sim->running()) {
+        std::fprintf(stderr, "vodsim did not come up; its output:\n%s\n", _sim->output().c_str());
+        killSim();
+        return false;
+    }
+    return true;
+}
+
+void Node::stopSim() {
+    if (!_sim || !_sim->running()) return;
+    _sim->kill(SIGTERM);
+    if (_sim->wait(10) < 0) _sim->kill(SIGKILL);
+}
+
+void Node::killSim() {
+    if (_sim) _sim->kill(SIGKILL);
+}
+
+bool Node::restartSim(bool crash) {
+    std::vector<std::string> extra(_simArgs.size() > 4 ? _simArgs.begin() + 4 : _simArgs.end(),
+                                   _simArgs.end());
+    if (crash)
+        killSim();
+    else
+        stopSim();
+    return startSim(extra);
+}
+
+bool Node::simRunning() { return _sim && _sim->running(); }
+
+std::string Node::simOutput() const { return _sim ? _sim->output() : ""; }
+
+Node::Result Node::simctl(std::vector<std::string> args, double timeoutSec) {
+    std::vector<std::string> all = {"--control", simDir() + "/control.sock"};
+    all.insert(all.end(), args.begin(), args.end());
+    return runProgram(VODSIMCTL_BIN, all, timeoutSec);
 }
 
 void Node::stop() {
     for (CLIENT* c : _clients) clnt_destroy(c);
     _clients.clear();
     _vod.reset();
+    _sim.reset();
 }
 
 // ---- NodeTest
@@ -577,6 +654,9 @@ void NodeTest::TearDown() {
     if (HasFailure() && node.vodPid() > 0)
         std::fprintf(stderr, "---- last lines of vod's output ----\n%s\n",
                      tailLines(node.vodOutput(), 60).c_str());
+    if (HasFailure() && !node.simOutput().empty())
+        std::fprintf(stderr, "---- last lines of vodsim's output ----\n%s\n",
+                     tailLines(node.simOutput(), 30).c_str());
     node.stop();
 }
 

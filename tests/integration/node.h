@@ -75,6 +75,8 @@ RunResult runProgram(const std::string& path, const std::vector<std::string>& ar
 // Paths of the node's binaries, as built.
 const char* vodBinary();
 const char* voctlBinary();
+const char* vodsimBinary();
+const char* vodsimctlBinary();
 
 // A long-running child whose standard output and error go to a
 // pseudo-terminal, so its stdio is line-buffered as on a console and every
@@ -184,18 +186,33 @@ class Node {
     // Runs the voctl binary with args and waits for it.
     Result voctl(std::vector<std::string> args, double timeoutSec = 60);
 
-    // The simulated cluster (vodsim and its control tool) will be started
-    // and driven from here, beside vod, and stopped by stop().
+    // The simulated cluster beside vod: vodsim serves the VLDB and VODB, the
+    // DLDB, the coordinator and the D-blades' programs, with its data in
+    // simDir()/data and its control socket at simDir()/control.sock.
+    // Returns true once vodsimctl ping and a null call to each of the six
+    // programs answer; false when it ended or did not come up in 20 seconds.
+    bool startSim(std::vector<std::string> extraArgs = {});
+    void stopSim();  // SIGTERM, SIGKILL after 10 seconds
+    void killSim();  // SIGKILL: a crash
+    // Stops (or kills, with crash) and starts again on the same data.
+    bool restartSim(bool crash = false);
+    bool simRunning();
+    std::string simOutput() const;
+    std::string simDir() const { return _dir + "/sim"; }
+    // Runs vodsimctl against this node's simulator.
+    Result simctl(std::vector<std::string> args, double timeoutSec = 60);
 
     // Destroys the clients and kills every process this node started.
     void stop();
 
  private:
-    std::vector<std::string> childEnv() const;
+    std::vector<std::string> vodEnv() const;
 
     std::string _dir;
     std::unique_ptr<ConsoleChild> _vod;
     std::vector<std::string> _vodArgs;
+    std::unique_ptr<ConsoleChild> _sim;
+    std::vector<std::string> _simArgs;
     std::vector<CLIENT*> _clients;
 };
 
