@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Builds everything with warnings as errors and with the address and
+# undefined-behaviour sanitizers, then runs every test. Integration tests
+# need root (they run each case on a private node sandbox) and skip without it.
+# Exits non-zero on any failure.
+set -euo pipefail
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+BUILD=${VOD_TEST_BUILD:-$ROOT/build-test}
+
+bash "$ROOT/scripts/install-deps.sh"
+cmake -S "$ROOT" -B "$BUILD" -G Ninja -DVOD_WERROR=ON -DVOD_SANITIZE=ON >/dev/null
+cmake --build "$BUILD" -j2
+cd "$BUILD"
+ctest --output-on-failure -j2
