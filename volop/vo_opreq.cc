@@ -6,9 +6,10 @@
 //
 // All run on the service thread. Every operation found in the registry is
 // held by a registry reference taken before its lock and released after it.
+#include "vo_opreq.h"
+
 #include <string.h>
 
-#include "vo_opreq.h"
 #include "vodbCache.h"
 #include "voerrors.h"
 #include "vorec.h"
@@ -257,8 +258,8 @@ void VoServer::purgeOp(unsigned long long opid) {
         VO_TR(vo_vod, vo_warn, "cannot erase vodb records of opid=%lld\n", opid);
     else
         // The object itself leaves through the loop's retireCompletedOps.
-        VO_TR(vo_vod, vo_audit,
-              "remove ppVoState of opid=%lld from list and destroy *ppVoState\n", opid);
+        VO_TR(vo_vod, vo_audit, "remove ppVoState of opid=%lld from list and destroy *ppVoState\n",
+              opid);
     voStateList.releaseRef(ref);
 }
 

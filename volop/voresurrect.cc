@@ -28,13 +28,13 @@ namespace {
 VoState* allocOpOfType(int opType, bool* built) {
     *built = true;
     switch (opType) {
-    case VoRec::VODB_VOLOP_COPY:
-        return new (std::nothrow) VoCopyState();
-    case VoRec::VODB_VOLOP_DELETE:
-        return new (std::nothrow) VoDelState();
-    default:
-        *built = false;
-        return nullptr;
+        case VoRec::VODB_VOLOP_COPY:
+            return new (std::nothrow) VoCopyState();
+        case VoRec::VODB_VOLOP_DELETE:
+            return new (std::nothrow) VoDelState();
+        default:
+            *built = false;
+            return nullptr;
     }
 }
 

@@ -13,7 +13,7 @@ class VoState;
 class VoRPCClient;
 
 class VoServer {
-public:
+  public:
     VoServer() : _isFirstCall(1) {}
 
     // The daemon's only event loop: RPC requests, dump/restore connections and
@@ -115,7 +115,7 @@ public:
     bool isFirstCall() const { return _isFirstCall; }
     void setFirstCallForTest() { _isFirstCall = 1; }
 
-private:
+  private:
     // The shared shape of progress, cancel, pause and resume: find the
     // operation (a registry reference; not found: voErrNoSuchOp, traced at
     // notFoundLevel), call found(op), lock it, refuse with VoJobInit while it

@@ -165,22 +165,22 @@ int VoState::getTheReturnCode(unsigned flags) {
 
 unsigned VoState::getErrorCodeForOpType(int opType) {
     switch (opType) {
-    case VoRec::VODB_VOLOP_COPY:
-        return VOD_ERR_BUSY_COPY;
-    case VoRec::VODB_VOLOP_MIRROR:
-        return VOD_ERR_BUSY_MIRROR;
-    case VoRec::VODB_VOLOP_MOVE:
-    case VoRec::VODB_VOLOP_FINALMOVE:
-        return VOD_ERR_BUSY_MOVE;
-    case VoRec::VODB_VOLOP_DELETE:
-        return VOD_ERR_BUSY_DELETE;
-    case VoRec::VODB_VOLOP_DUMP:
-        return VOD_ERR_BUSY_DUMP;
-    case VoRec::VODB_VOLOP_RESTORE:
-        return VOD_ERR_BUSY_RESTORE;
-    default:
-        VO_TR_RAW(vo_vod, vo_fatal, "UnKnow opType = %d\n", opType);
-        return 0;
+        case VoRec::VODB_VOLOP_COPY:
+            return VOD_ERR_BUSY_COPY;
+        case VoRec::VODB_VOLOP_MIRROR:
+            return VOD_ERR_BUSY_MIRROR;
+        case VoRec::VODB_VOLOP_MOVE:
+        case VoRec::VODB_VOLOP_FINALMOVE:
+            return VOD_ERR_BUSY_MOVE;
+        case VoRec::VODB_VOLOP_DELETE:
+            return VOD_ERR_BUSY_DELETE;
+        case VoRec::VODB_VOLOP_DUMP:
+            return VOD_ERR_BUSY_DUMP;
+        case VoRec::VODB_VOLOP_RESTORE:
+            return VOD_ERR_BUSY_RESTORE;
+        default:
+            VO_TR_RAW(vo_vod, vo_fatal, "UnKnow opType = %d\n", opType);
+            return 0;
     }
 }
 
@@ -228,8 +228,7 @@ unsigned VoState::prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     return 0;
 }
 
-unsigned VoState::start(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
-                        CLIENT* clntSrcDbladeIncrCopy) {
+unsigned VoState::start(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
     if (clntVldb == nullptr) {
         VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
@@ -441,8 +440,8 @@ unsigned VoState::isSrcExist(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     return 0;
 }
 
-VoErr VoState::getDataVerFromDblade(CLIENT* clntDbladeVol, unsigned vfsid,
-                                    const unsigned char* lid, unsigned long long* dver) {
+VoErr VoState::getDataVerFromDblade(CLIENT* clntDbladeVol, unsigned vfsid, const unsigned char* lid,
+                                    unsigned long long* dver) {
     VoTrace::Depth depth;
     if (dver != nullptr) *dver = 0;
     if (clntDbladeVol == nullptr) {
@@ -456,8 +455,7 @@ VoErr VoState::getDataVerFromDblade(CLIENT* clntDbladeVol, unsigned vfsid,
     VoXdrResult<VolGetattrOut_t> out(xdr_VolGetattrOut_t);
     unsigned rc = VoRpcCalls::dbladeVfsGetAttrs(&in, out.get(), clntDbladeVol, kDbladeTimeoutSec);
     if (rc != 0) {
-        VO_TR(vo_srcvol, vo_warn, "dbladeVfsGetAttrs vfsid=%d failed: %s\n", vfsid,
-              rpcErrText(rc));
+        VO_TR(vo_srcvol, vo_warn, "dbladeVfsGetAttrs vfsid=%d failed: %s\n", vfsid, rpcErrText(rc));
         return VoRpcCalls::foldErr(voErrDbladeVolGetAttr, static_cast<clnt_stat>(rc), 0);
     }
     unsigned status = out->returnCode;
@@ -583,7 +581,8 @@ VoErr VoState::vldbCreateRecord(CLIENT* clntVldb, unsigned vfsid, const unsigned
     }
     if (status != 0) {
         VO_TR(vo_vldb, vo_warn, "vldb_create_record_3 vfsid=%d err %s\n", vfsid, statLit(status));
-        return VoRpcCalls::foldErr(voErrVldbCreateRecord, RPC_SUCCESS, static_cast<unsigned>(status));
+        return VoRpcCalls::foldErr(voErrVldbCreateRecord, RPC_SUCCESS,
+                                   static_cast<unsigned>(status));
     }
     VO_TR(vo_vldb, vo_debug, "new vldb rec created\n");
     return VoErr();
@@ -646,9 +645,9 @@ VoErr VoState::deleteVodbRec(CLIENT* clntVldb) {
         return VoRpcCalls::foldErr(voErrVodbDeleteByOpid, st, 0);
     }
     if (status != 0) {
-        VO_TR(vo_vldb, vo_warn, "vodb_delete_by_opid_3 opid=%lld err %s\n", _opid,
-              statLit(status));
-        return VoRpcCalls::foldErr(voErrVodbDeleteByOpid, RPC_SUCCESS, static_cast<unsigned>(status));
+        VO_TR(vo_vldb, vo_warn, "vodb_delete_by_opid_3 opid=%lld err %s\n", _opid, statLit(status));
+        return VoRpcCalls::foldErr(voErrVodbDeleteByOpid, RPC_SUCCESS,
+                                   static_cast<unsigned>(status));
     }
     setRetiredFromVodb();
     return VoErr();
@@ -690,7 +689,8 @@ VoErr VoState::mkDbladeClient(CLIENT* clntVldb, const unsigned char* lid, VoRPCC
     }
 
     char* host = VoDldb::getHostNameByDbladeId(did);
-    if (host == nullptr) return voErr(voErrVodClntTcpCreate, VOD_ERR_NO_DLDB_CLIENT, VOD_ERR_NO_HOST);
+    if (host == nullptr)
+        return voErr(voErrVodClntTcpCreate, VOD_ERR_NO_DLDB_CLIENT, VOD_ERR_NO_HOST);
     out->clnttcp_create(host, DBLADE_VOL_PROG, DBLADE_VOL_VERS);
     free(host);
     if (static_cast<CLIENT*>(*out) == nullptr) {
@@ -739,7 +739,8 @@ VoErr VoState::setVfsType(CLIENT* clntVldb, CLIENT* clntDbladeVol, unsigned vfsi
         in.set_attrs.attrs.volname = empty;
         in.set_attrs.attrs.mountedatvolname = empty;
         VoXdrResult<VolSetattrOut_t> out(xdr_VolSetattrOut_t);
-        unsigned rc = VoRpcCalls::dbladeVfsSetAttrs(&in, out.get(), clntDbladeVol, kDbladeTimeoutSec);
+        unsigned rc =
+            VoRpcCalls::dbladeVfsSetAttrs(&in, out.get(), clntDbladeVol, kDbladeTimeoutSec);
         if (rc != 0) {
             VO_TR(vo_srcvol, vo_warn, "dbladeVfsSetAttrs vfsid=%d failed: %s\n", vfsid,
                   rpcErrText(rc));

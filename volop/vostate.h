@@ -38,7 +38,7 @@ class VoRPCClient;
 
 // An LP id in traces: "0x" and its 16 bytes as %02X.
 #define VO_LP_FMT "0x%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X"
-#define VO_LP_ARGS(l)                                                                       \
+#define VO_LP_ARGS(l)                                                                        \
     (l)[0], (l)[1], (l)[2], (l)[3], (l)[4], (l)[5], (l)[6], (l)[7], (l)[8], (l)[9], (l)[10], \
         (l)[11], (l)[12], (l)[13], (l)[14], (l)[15]
 
@@ -89,7 +89,7 @@ class VoState {
     friend class WorkerThreadPool;
     friend class VoServer;
 
-public:
+  public:
     // Last operation ids the VODB cache refresh saw created and deleted.
     // Guarded by vodbCacheLock (VodbCacheLock); set both to 0 to force the
     // next refresh to re-read the records (forceNextRefreshVodbCache).
@@ -142,7 +142,7 @@ public:
     virtual unsigned recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
                                       CLIENT* clntSrcDbladeIncrCopy) = 0;
 
-protected:
+  protected:
     // True when the operation may run.
     virtual bool validate(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) = 0;
     // Persists the operation's VODB records; 0 on success.
@@ -154,7 +154,7 @@ protected:
     // Subclasses add isUsing(lid) and isUsing(vid, lid) after these; they
     // must say `using VoState::isUsing;` to keep the forms above visible.
 
-public:
+  public:
     // ---- Identity and lifecycle. ----
     unsigned long long getOpid() const { return _opid; }
     const VoRec& srcRec() const { return _srcRec; }
@@ -267,7 +267,7 @@ public:
     // (5021..5026), 0 for an unknown type.
     static unsigned getErrorCodeForOpType(int opType);
 
-protected:
+  protected:
     unsigned getSrcVfsType() const { return _srcVfsType; }
     void setSrcVfsType(unsigned t) { _srcVfsType = t; }
     bool isSrcRW() const { return _srcVfsType == RW_VFS; }
@@ -303,7 +303,7 @@ protected:
     std::atomic<bool> _dbladeIncrCopyRunning;
     pthread_mutex_t _voStateLock;
 
-private:
+  private:
     // The registry has given up its own reference while a finder's caller
     // still held one. Guarded by voStateLock.
     bool _listRefDropped = false;

@@ -40,9 +40,11 @@ void VoStateList::lock(bool capitalE) {
     int rc = pthread_mutex_lock(&voStateLock);
     if (rc != 0) {
         if (capitalE)
-            VO_TR_RAW(vo_vod, vo_fatal, "mutex lock voStateLock Error = %d, %s\n", rc, strerror(rc));
+            VO_TR_RAW(vo_vod, vo_fatal, "mutex lock voStateLock Error = %d, %s\n", rc,
+                      strerror(rc));
         else
-            VO_TR_RAW(vo_vod, vo_fatal, "mutex lock voStateLock error = %d, %s\n", rc, strerror(rc));
+            VO_TR_RAW(vo_vod, vo_fatal, "mutex lock voStateLock error = %d, %s\n", rc,
+                      strerror(rc));
         exit(1);
     }
 }
@@ -154,8 +156,8 @@ VoState* VoStateList::findMirrorOp(unsigned vidSrc, const unsigned char* lidSrc,
         if (op->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_MIRROR, VoRec::VODB_ROLE_SRC)) {
             take(op, pos, it);
             found = op;
-            VO_TR(vo_vod, vo_debug, "found VoMirrorState 0x%p opid=%lld\n",
-                  static_cast<void*>(op), op->getOpid());
+            VO_TR(vo_vod, vo_debug, "found VoMirrorState 0x%p opid=%lld\n", static_cast<void*>(op),
+                  op->getOpid());
             break;
         }
     }
@@ -280,8 +282,7 @@ void VoStateList::checkForCompletedOps(CLIENT* clntVldb, CLIENT* clntSrcDbladeIn
         // No worker holds the operation and only this thread queues jobs, so
         // the stream can be concluded here without the operation lock.
         op->concludeDbladeIncrCopy(clntSrcDbladeIncrCopy);
-        if (!op->getDbladeIncrCopyStatus() && !op->_opCompleteReceived)
-            VoServer::runOpComplete(op);
+        if (!op->getDbladeIncrCopyStatus() && !op->_opCompleteReceived) VoServer::runOpComplete(op);
     }
     unlock(true);
 }

@@ -33,7 +33,7 @@ class VoMirrorState;
 // list and the reference itself. Released at the latest when the ref goes
 // out of scope. Not copyable; one thread at a time.
 class VoStateRef {
-public:
+  public:
     VoStateRef() = default;
     ~VoStateRef();
     VoStateRef(const VoStateRef&) = delete;
@@ -42,14 +42,14 @@ public:
     bool held() const { return _list != nullptr; }
     VoState* operator*() const;
 
-private:
+  private:
     friend class VoStateList;
     VoStateList* _list = nullptr;
     std::list<VoState*>::iterator _it;
 };
 
 class VoStateList {
-public:
+  public:
     typedef void (*Visitor)(void* arg, VoState* op);
 
     // A mutex failure is fatal.
@@ -130,7 +130,7 @@ public:
     static const unsigned kStatusCheckSec = 30;
     static const unsigned long kClockFailedSleepSec = 15;
 
-private:
+  private:
     void lock(bool capitalE);
     void unlock(bool capitalE);
     // Called with voStateLock held.

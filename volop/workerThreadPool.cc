@@ -130,43 +130,44 @@ void WorkerThreadPool::runJob(job* j) {
     CLIENT* vol = clntSrcDbladeVol;
     CLIENT* incr = clntSrcDbladeIncrCopy;
     switch (j->jobType) {
-    case JOB_START:
-        VO_TR(vo_vod, vo_audit, "opid=%lld call start() by worker thread \n", op->getOpid());
-        rc = op->start(vldb, vol, incr);
-        if (rc == VOD_ERR_LOCAL_MIRROR)
-            VO_TR(vo_vod, vo_audit, "opid=%lld local mirror only. Call conclude(), errCode = %d\n",
-                  op->getOpid(), rc);
-        else if (rc != 0)
-            VO_TR(vo_vod, vo_warn, "opid=%lld fail to start. Call conclude(), errCode = %d\n",
-                  op->getOpid(), rc);
-        if (rc != 0) op->conclude(vldb, vol, incr);
-        break;
-    case JOB_RECOVER:
-        VO_TR_RAW(vo_vod, vo_audit, "Worker Thread %s %d call recoverFromCrash opid=%lld\n",
-                  __func__, __LINE__, op->getOpid());
-        rc = op->recoverFromCrash(vldb, vol, incr);
-        if (rc == 0)
-            VO_TR_RAW(vo_vod, vo_audit, "Worker Thread %s %d recover successful opid=%lld\n",
+        case JOB_START:
+            VO_TR(vo_vod, vo_audit, "opid=%lld call start() by worker thread \n", op->getOpid());
+            rc = op->start(vldb, vol, incr);
+            if (rc == VOD_ERR_LOCAL_MIRROR)
+                VO_TR(vo_vod, vo_audit,
+                      "opid=%lld local mirror only. Call conclude(), errCode = %d\n", op->getOpid(),
+                      rc);
+            else if (rc != 0)
+                VO_TR(vo_vod, vo_warn, "opid=%lld fail to start. Call conclude(), errCode = %d\n",
+                      op->getOpid(), rc);
+            if (rc != 0) op->conclude(vldb, vol, incr);
+            break;
+        case JOB_RECOVER:
+            VO_TR_RAW(vo_vod, vo_audit, "Worker Thread %s %d call recoverFromCrash opid=%lld\n",
                       __func__, __LINE__, op->getOpid());
-        else
-            VO_TR(vo_vod, vo_warn, "Worker Thread recoverFromCrash opid=%lld, err=%d\n",
-                  op->getOpid(), rc);
-        break;
-    case JOB_OP_COMPLETE:
-        op->getLock();
-        VO_TR(vo_vod, vo_audit, "call concludeDbladeIncrCopy() for opid=%lld\n", op->getOpid());
-        op->concludeDbladeIncrCopy(incr);
-        op->releaseLock();
-        if (op->_incrcopyGotConclude) {
-            op->_opCompleteReceived = true;
-            VO_TR(vo_vod, vo_audit, "call conclude() for opid=%lld\n", op->getOpid());
-            op->conclude(vldb, vol, incr);
-        }
-        break;
-    default:
-        VO_TR_RAW(vo_vod, vo_warn, "%s %d, JobType =%d not Supported\n", __func__, __LINE__,
-                  j->jobType);
-        break;
+            rc = op->recoverFromCrash(vldb, vol, incr);
+            if (rc == 0)
+                VO_TR_RAW(vo_vod, vo_audit, "Worker Thread %s %d recover successful opid=%lld\n",
+                          __func__, __LINE__, op->getOpid());
+            else
+                VO_TR(vo_vod, vo_warn, "Worker Thread recoverFromCrash opid=%lld, err=%d\n",
+                      op->getOpid(), rc);
+            break;
+        case JOB_OP_COMPLETE:
+            op->getLock();
+            VO_TR(vo_vod, vo_audit, "call concludeDbladeIncrCopy() for opid=%lld\n", op->getOpid());
+            op->concludeDbladeIncrCopy(incr);
+            op->releaseLock();
+            if (op->_incrcopyGotConclude) {
+                op->_opCompleteReceived = true;
+                VO_TR(vo_vod, vo_audit, "call conclude() for opid=%lld\n", op->getOpid());
+                op->conclude(vldb, vol, incr);
+            }
+            break;
+        default:
+            VO_TR_RAW(vo_vod, vo_warn, "%s %d, JobType =%d not Supported\n", __func__, __LINE__,
+                      j->jobType);
+            break;
     }
 
     // The registry leaves the operation alone for the next 30 seconds.

@@ -18,7 +18,7 @@ class VoState;
 class VoRPCClient;
 
 class WorkerThreadPool {
-public:
+  public:
     // Job types.
     enum JobType {
         JOB_START = 0,        // start the operation (concluded at once if that fails)
@@ -46,7 +46,7 @@ public:
                                     VoRPCClient& dbladeVol);
     static void setClientMakerForTest(ClientMaker maker);
 
-private:
+  private:
     struct job {
         VoState* state;
         job* next;

@@ -18,7 +18,7 @@
 #include "workerThreadPool.h"
 
 class FakeOp : public VoState {
-public:
+  public:
     using VoState::isUsing;
 
     FakeOp(unsigned long long opid, VoRec::VoType type, unsigned vid, unsigned char lidByte) {
@@ -42,7 +42,9 @@ public:
     }
 
     void dbgDump() override {}
-    void getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) override { err.get(rc, func, funcrc); }
+    void getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) override {
+        err.get(rc, func, funcrc);
+    }
     void getErr(voErrFunc* func, unsigned* funcrc) override { err.get(func, funcrc); }
     void setHiLvlErr(voErrRc rc) override { err.setHiLvl(rc); }
     void setErr(voErrFunc func, unsigned funcrc) override { err.set(func, funcrc); }
@@ -56,8 +58,7 @@ public:
         if (type != _srcRec.opType()) return false;
         if (role == VoRec::VODB_ROLE_SRC)
             return vid == _srcRec.vid() && memcmp(lid, _srcRec.lid(), 16) == 0;
-        if (role == VoRec::VODB_ROLE_SINK)
-            return vid == sinkVid && memcmp(lid, sinkLid, 16) == 0;
+        if (role == VoRec::VODB_ROLE_SINK) return vid == sinkVid && memcmp(lid, sinkLid, 16) == 0;
         return false;
     }
 
@@ -99,7 +100,7 @@ public:
     std::atomic<int> mkOpSrcSinkCalls{0}, startStreamCalls{0}, concludeIncrCalls{0},
         concludeCalls{0}, recoverCalls{0};
 
-protected:
+  protected:
     bool validate(CLIENT*, CLIENT*) override { return true; }
     unsigned mkRec(CLIENT*) override { return 0; }
     unsigned mkOpSrcSink(CLIENT*, CLIENT*) override {

@@ -36,7 +36,7 @@ vodbRec rec(unsigned long long opid, int opType, unsigned vid, unsigned char lid
 }
 
 class ResurrectTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         fakeNow() = 3000000;
         VoState::setClockForTest(fakeClock);
@@ -62,17 +62,17 @@ protected:
     void startVldb() {
         vldb.reset(new FakeRpcServer(VLDB_PROG, VLDB_VERS));
         vldb->onVoid<vodb_opid_lookup_result>(VODB_OPID_LOOKUP, xdr_vodb_opid_lookup_result,
-                                             [this](vodb_opid_lookup_result& r) {
-                                                 std::lock_guard<std::mutex> g(m);
-                                                 r.last_create_opid = lastCreate;
-                                             });
+                                              [this](vodb_opid_lookup_result& r) {
+                                                  std::lock_guard<std::mutex> g(m);
+                                                  r.last_create_opid = lastCreate;
+                                              });
         vldb->onVoid<vodb_lookup_result>(VODB_LOOKUP, xdr_vodb_lookup_result,
-                                        [this](vodb_lookup_result& r) {
-                                            std::lock_guard<std::mutex> g(m);
-                                            r.last_create_opid = lastCreate;
-                                            r.rec.rec_len = static_cast<u_int>(recs.size());
-                                            r.rec.rec_val = recs.data();
-                                        });
+                                         [this](vodb_lookup_result& r) {
+                                             std::lock_guard<std::mutex> g(m);
+                                             r.last_create_opid = lastCreate;
+                                             r.rec.rec_len = static_cast<u_int>(recs.size());
+                                             r.rec.rec_val = recs.data();
+                                         });
     }
 
     void setRecords(std::vector<vodbRec> r) {
@@ -132,8 +132,7 @@ TEST_F(ResurrectTest, LocalOnlineOperationsComeBackWithStaggeredStamps) {
     EXPECT_EQ(lpm.calls(LP_LIST_ALL), 1);
 
     const unsigned now = fakeNow();
-    std::map<unsigned long long, unsigned> want = {
-        {11, now - 29}, {13, now - 28}, {16, now - 27}};
+    std::map<unsigned long long, unsigned> want = {{11, now - 29}, {13, now - 28}, {16, now - 27}};
     EXPECT_EQ(registered(), want);
 
     // Resurrected, not queued: the registry's status checks will pick them up.

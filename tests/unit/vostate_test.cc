@@ -23,8 +23,8 @@ TEST(VoStateCodes, TheReturnCodeOfBusyFlagsTakesTheFirstMatch) {
         unsigned flags;
         int code;
     } cases[] = {
-        {0x0, -1},   {0x1, -1},  {0x8, 288},         {0x4, 287},  {0x800, 280},
-        {0xC, 288},  {0x804, 287}, {0x808, 288}, {0x80C, 288}, {0x3, -1},
+        {0x0, -1},  {0x1, -1},    {0x8, 288},   {0x4, 287},   {0x800, 280},
+        {0xC, 288}, {0x804, 287}, {0x808, 288}, {0x80C, 288}, {0x3, -1},
     };
     for (const auto& c : cases)
         EXPECT_EQ(VoState::getTheReturnCode(c.flags), c.code) << std::hex << c.flags;
@@ -35,11 +35,16 @@ TEST(VoStateCodes, ErrorCodeForOpTypeNamesTheKindHoldingAVolume) {
         int opType;
         unsigned code;
     } cases[] = {
-        {VoRec::VODB_VOLOP_NULL, 0},       {VoRec::VODB_VOLOP_COPY, 5022},
-        {VoRec::VODB_VOLOP_MIRROR, 5023},  {VoRec::VODB_VOLOP_MOVE, 5021},
-        {VoRec::VODB_VOLOP_FINALMOVE, 5021}, {VoRec::VODB_VOLOP_DELETE, 5024},
-        {VoRec::VODB_VOLOP_DUMP, 5025},    {VoRec::VODB_VOLOP_RESTORE, 5026},
-        {8, 0},                            {-1, 0},
+        {VoRec::VODB_VOLOP_NULL, 0},
+        {VoRec::VODB_VOLOP_COPY, 5022},
+        {VoRec::VODB_VOLOP_MIRROR, 5023},
+        {VoRec::VODB_VOLOP_MOVE, 5021},
+        {VoRec::VODB_VOLOP_FINALMOVE, 5021},
+        {VoRec::VODB_VOLOP_DELETE, 5024},
+        {VoRec::VODB_VOLOP_DUMP, 5025},
+        {VoRec::VODB_VOLOP_RESTORE, 5026},
+        {8, 0},
+        {-1, 0},
     };
     for (const auto& c : cases)
         EXPECT_EQ(VoState::getErrorCodeForOpType(c.opType), c.code) << c.opType;
@@ -71,7 +76,7 @@ TEST(VoStateLifecycle, RecoveryAttemptThresholds) {
 CLIENT* const kClient = reinterpret_cast<CLIENT*>(0x1000);  // never called through
 
 class VoStateStartTest : public ::testing::Test {
-protected:
+  protected:
     // Flags set to the opposite of what start() would make of them.
     void arrangeSentinels() {
         op.setConcluded(false);
@@ -158,7 +163,7 @@ TEST_F(VoStateStartTest, StreamOutcomes) {
 
 // The base conclusion of the stream, seen through a subclass that keeps it.
 class BaseConcludeOp : public FakeOp {
-public:
+  public:
     using FakeOp::FakeOp;
     void concludeDbladeIncrCopy(CLIENT* c) override { VoState::concludeDbladeIncrCopy(c); }
 };
@@ -167,20 +172,19 @@ public:
 
 // One status (or a dropped connection) per incremental-copy procedure.
 class IncrCopyTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         for (unsigned long proc : {INCRCOPYPAUSE, INCRCOPYRESUME, INCRCOPYCONCLUDE}) {
-            server.on<u_quad_t, u_int>(proc, xdr_u_quad_t, xdr_u_int,
-                                       [this, proc](u_quad_t& opid, u_int& status) {
-                                           std::lock_guard<std::mutex> g(m);
-                                           seenOpid = opid;
-                                           status = statusOf[proc];
-                                           return closeOf[proc] ? FakeRpcServer::Close
-                                                                : FakeRpcServer::Reply;
-                                       });
+            server.on<u_quad_t, u_int>(
+                proc, xdr_u_quad_t, xdr_u_int, [this, proc](u_quad_t& opid, u_int& status) {
+                    std::lock_guard<std::mutex> g(m);
+                    seenOpid = opid;
+                    status = statusOf[proc];
+                    return closeOf[proc] ? FakeRpcServer::Close : FakeRpcServer::Reply;
+                });
         }
-        ASSERT_EQ(0u, client.clnttcp_create("127.0.0.1", DBLADE_INCRCOPY_PROG,
-                                           DBLADE_INCRCOPY_VERS));
+        ASSERT_EQ(0u,
+                  client.clnttcp_create("127.0.0.1", DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS));
     }
     void answer(unsigned long proc, u_int status, bool close = false) {
         std::lock_guard<std::mutex> g(m);
@@ -221,8 +225,8 @@ TEST_F(IncrCopyTest, PauseAndResumeFoldTheirOutcomeIntoTheReply) {
         FakeOp op(0x123456789ULL, VoRec::VODB_VOLOP_COPY, 1, 1);
         answer(c.resume ? INCRCOPYRESUME : INCRCOPYPAUSE, c.status, c.close);
         VoRPCClient fresh;  // a closed connection is not reused
-        ASSERT_EQ(0u, fresh.clnttcp_create("127.0.0.1", DBLADE_INCRCOPY_PROG,
-                                          DBLADE_INCRCOPY_VERS));
+        ASSERT_EQ(0u,
+                  fresh.clnttcp_create("127.0.0.1", DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS));
         VoOut out{voErrNoSuchOp, voErrVodCancel, 77};
         if (c.resume)
             op.resume(fresh, &out);
@@ -266,17 +270,16 @@ TEST_F(IncrCopyTest, ConclusionWaitsWhileTheStreamRunsAndHappensOnce) {
 }
 
 class DbladeVolTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
-        server.on<VolGetattrIn, VolGetattrOut_t>(
-            VOLGETATTR, xdr_VolGetattrIn, xdr_VolGetattrOut_t,
-            [this](VolGetattrIn&, VolGetattrOut_t& out) {
-                out.returnCode = status;
-                out.return_volattrs.flags = flags;
-                out.return_volattrs.dataVersion = 4242;
-                out.return_volattrs.volname = empty;
-                out.return_volattrs.mountedatvolname = empty;
-            });
+        server.on<VolGetattrIn, VolGetattrOut_t>(VOLGETATTR, xdr_VolGetattrIn, xdr_VolGetattrOut_t,
+                                                 [this](VolGetattrIn&, VolGetattrOut_t& out) {
+                                                     out.returnCode = status;
+                                                     out.return_volattrs.flags = flags;
+                                                     out.return_volattrs.dataVersion = 4242;
+                                                     out.return_volattrs.volname = empty;
+                                                     out.return_volattrs.mountedatvolname = empty;
+                                                 });
         ASSERT_EQ(0u, client.clnttcp_create("127.0.0.1", DBLADE_VOL_PROG, DBLADE_VOL_VERS));
     }
 
@@ -293,10 +296,8 @@ TEST_F(DbladeVolTest, DataVersionIsRefusedWhileTheVolumeIsBusy) {
         voErrFunc func;
         unsigned long long dver;
     } cases[] = {
-        {0, 0x1, 0, voErrFuncSuccess, 4242},
-        {0, 0x8 | 0x4, 288, voErrDbladeVolGetAttr, 0},
-        {0, 0x800, 280, voErrDbladeVolGetAttr, 0},
-        {16, 0, 16, voErrDbladeVolGetAttr, 0},
+        {0, 0x1, 0, voErrFuncSuccess, 4242},       {0, 0x8 | 0x4, 288, voErrDbladeVolGetAttr, 0},
+        {0, 0x800, 280, voErrDbladeVolGetAttr, 0}, {16, 0, 16, voErrDbladeVolGetAttr, 0},
         {21, 0, 21, voErrDbladeVolGetAttr, 0},
     };
     unsigned char lid[16] = {1};
@@ -320,7 +321,7 @@ TEST_F(DbladeVolTest, DataVersionIsRefusedWhileTheVolumeIsBusy) {
 // setVfsType: refused while a recorded operation uses the volume; else the
 // D-blade first, then the VLDB.
 class SetVfsTypeTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         vldb.onVoid<vodb_opid_lookup_result>(
             VODB_OPID_LOOKUP, xdr_vodb_opid_lookup_result,
@@ -331,17 +332,16 @@ protected:
                                             r.rec.rec_len = static_cast<u_int>(recs.size());
                                             r.rec.rec_val = recs.data();
                                         });
-        vldb.on<vldb_record_modify_input, int>(
-            VLDB_RECORD_MODIFY, xdr_vldb_record_modify_input, xdr_int,
-            [this](vldb_record_modify_input& in, int& status) {
-                modifiedType = in.newrec.vfstype;
-                modifyMask = in.input_mask;
-                status = 0;
-            });
-        vol.on<VolSetattrIn, VolSetattrOut_t>(VOLSETATTR, xdr_VolSetattrIn, xdr_VolSetattrOut_t,
-                                              [this](VolSetattrIn&, VolSetattrOut_t& out) {
-                                                  out.returnCode = dbladeStatus;
-                                              });
+        vldb.on<vldb_record_modify_input, int>(VLDB_RECORD_MODIFY, xdr_vldb_record_modify_input,
+                                               xdr_int,
+                                               [this](vldb_record_modify_input& in, int& status) {
+                                                   modifiedType = in.newrec.vfstype;
+                                                   modifyMask = in.input_mask;
+                                                   status = 0;
+                                               });
+        vol.on<VolSetattrIn, VolSetattrOut_t>(
+            VOLSETATTR, xdr_VolSetattrIn, xdr_VolSetattrOut_t,
+            [this](VolSetattrIn&, VolSetattrOut_t& out) { out.returnCode = dbladeStatus; });
         ASSERT_EQ(0u, vldbClient.clnttcp_create("127.0.0.1", VLDB_PROG, VLDB_VERS));
         ASSERT_EQ(0u, volClient.clnttcp_create("127.0.0.1", DBLADE_VOL_PROG, DBLADE_VOL_VERS));
         memset(lid, 7, sizeof lid);

@@ -11,7 +11,7 @@
 namespace {
 
 class VoStateListTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         fakeNow() = 1000000;
         VoState::setClockForTest(fakeClock);
@@ -59,15 +59,17 @@ TEST_P(SleepTimeTest, IsTheLeastTimeUntilAnOperationIsDue) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Registry, SleepTimeTest,
-    ::testing::Values(SleepCase{"Empty", {}, 300}, SleepCase{"AllCheckedTenAgo", {10, 10}, 20},
-                      SleepCase{"NeverChecked", {-1}, 30},
-                      SleepCase{"CheckedExactlyThirtyAgo", {30}, 0},
-                      SleepCase{"OneOverdueAmongFresh", {1, 45, 2}, 0},
-                      SleepCase{"LeastRemainingWins", {5, 25, -1}, 5},
-                      SleepCase{"JustChecked", {0}, 30}),
-    [](const ::testing::TestParamInfo<SleepCase>& i) { return std::string(i.param.name); });
+INSTANTIATE_TEST_SUITE_P(Registry, SleepTimeTest,
+                         ::testing::Values(SleepCase{"Empty", {}, 300},
+                                           SleepCase{"AllCheckedTenAgo", {10, 10}, 20},
+                                           SleepCase{"NeverChecked", {-1}, 30},
+                                           SleepCase{"CheckedExactlyThirtyAgo", {30}, 0},
+                                           SleepCase{"OneOverdueAmongFresh", {1, 45, 2}, 0},
+                                           SleepCase{"LeastRemainingWins", {5, 25, -1}, 5},
+                                           SleepCase{"JustChecked", {0}, 30}),
+                         [](const ::testing::TestParamInfo<SleepCase>& i) {
+                             return std::string(i.param.name);
+                         });
 
 unsigned brokenClock() { return 0; }
 
@@ -232,7 +234,7 @@ TEST_F(VoStateListTest, NewOperationOnTheSameVolumeReleasesAFinishedOneKeptForIt
 // ---- Status checks ----
 
 class CheckForCompletedOpsTest : public VoStateListTest {
-protected:
+  protected:
     void SetUp() override {
         VoStateListTest::SetUp();
         ensurePool(1);
@@ -297,7 +299,8 @@ TEST_F(CheckForCompletedOpsTest, ACompletionNoticeIsHandedToAWorkerOnce) {
     op->setRunning(true);  // the worker's conclusion will not end it
     VoServer::runOpComplete(op);
     VoServer::runOpComplete(op);  // dropped: the job is queued or running
-    ASSERT_TRUE(waitFor([&] { return op->concludeIncrCalls == 1 && !op->isJobAssignedToThread(); }));
+    ASSERT_TRUE(
+        waitFor([&] { return op->concludeIncrCalls == 1 && !op->isJobAssignedToThread(); }));
     EXPECT_EQ(op->getJobState(), VO_JOB_OP_COMPLETE);
     VoServer::runOpComplete(op);  // dropped: one notice is already being handled
     EXPECT_FALSE(op->isJobAssignedToThread());

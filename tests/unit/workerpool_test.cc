@@ -1,5 +1,3 @@
-#include "workerThreadPool.h"
-
 #include <gtest/gtest.h>
 
 #include <condition_variable>
@@ -10,6 +8,7 @@
 
 #include "fake_vostate.h"
 #include "votrace.h"
+#include "workerThreadPool.h"
 
 namespace {
 
@@ -17,7 +16,7 @@ namespace {
 // the one-worker test needs a process of its own or to run first (ctest runs
 // every test in a process of its own).
 class WorkerPoolTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         fakeNow() = 2000000;
         VoState::setClockForTest(fakeClock);
