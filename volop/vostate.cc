@@ -186,20 +186,36 @@ unsigned VoState::getErrorCodeForOpType(int opType) {
 
 // ---- Shared steps. ----
 
-unsigned VoState::prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
-    VoTrace::Depth depth;
+unsigned VoState::refuseMissingClients(voErrRc hiLvl, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
+    unsigned missing = 0;
     if (clntVldb == nullptr) {
         VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
-        setErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT);
-        setHiLvlErr(voErrValidate);
-        return VOD_ERR_NO_VLDB_CLIENT;
-    }
-    if (clntSrcDbladeVol == nullptr) {
+        missing = VOD_ERR_NO_VLDB_CLIENT;
+    } else if (clntSrcDbladeVol == nullptr) {
         VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
-        setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
-        setHiLvlErr(voErrValidate);
-        return VOD_ERR_NO_DBLADE_CLIENT;
+        missing = VOD_ERR_NO_DBLADE_CLIENT;
     }
+    if (missing != 0) {
+        setErr(voErrVodSanityCheck, missing);
+        setHiLvlErr(hiLvl);
+    }
+    return missing;
+}
+
+unsigned VoState::refuseMissingClients(voErrRc hiLvl, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                                       CLIENT* clntSrcDbladeIncrCopy) {
+    if (unsigned missing = refuseMissingClients(hiLvl, clntVldb, clntSrcDbladeVol)) return missing;
+    if (clntSrcDbladeIncrCopy != nullptr) return 0;
+    VO_TR(vo_vod, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+    setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
+    setHiLvlErr(hiLvl);
+    return VOD_ERR_NO_DBLADE_CLIENT;
+}
+
+unsigned VoState::prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
+    VoTrace::Depth depth;
+    if (unsigned missing = refuseMissingClients(voErrValidate, clntVldb, clntSrcDbladeVol))
+        return missing;
     VO_TR(vo_vod, vo_debug, "check src vfs exist\n");
     if (isSrcExist(clntVldb, clntSrcDbladeVol) != 0) {
         VO_TR(vo_vod, vo_warn, "cannot find src vfs %d\n", _srcRec.vid());
@@ -230,24 +246,9 @@ unsigned VoState::prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
 
 unsigned VoState::start(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
-    if (clntVldb == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
-        setErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT);
-        setHiLvlErr(voErrMakeVFS);
-        return VOD_ERR_NO_VLDB_CLIENT;
-    }
-    if (clntSrcDbladeVol == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
-        setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
-        setHiLvlErr(voErrMakeVFS);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
-    if (clntSrcDbladeIncrCopy == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeIncrCopy=0\n");
-        setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
-        setHiLvlErr(voErrMakeVFS);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
+    if (unsigned missing =
+            refuseMissingClients(voErrMakeVFS, clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy))
+        return missing;
 
     // Until the stream runs, the operation looks ended: a crash or failure
     // while making volumes leaves one the registry concludes instead of
@@ -278,51 +279,60 @@ unsigned VoState::start(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, CLIENT* clnt
 
 // ---- The D-blade stream. ----
 
-void VoState::pause(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
+namespace {
+
+// Pausing and resuming a stream differ only in the procedure and its names.
+struct StreamControl {
+    clnt_stat (*stub)(u_quad_t*, u_int*, CLIENT*);
+    voErrFunc func;
+    const char* proc;  // in the status trace
+    const char* done;  // in the success trace
+};
+const StreamControl kPause = {incrcopypause_1, voErrDbladeIncrCopyPause, "incrcopypause_1",
+                              "paused"};
+const StreamControl kResume = {incrcopyresume_1, voErrDbladeIncrCopyResume, "incrcopyresume_1",
+                               "resumed"};
+
+void controlStream(const StreamControl& c, const char* fn, unsigned long long opid, CLIENT* clnt,
+                   VoOut* out) {
     VoTrace::Depth depth;
-    if (clntSrcDbladeIncrCopy == nullptr) {
+    if (clnt == nullptr) {
         VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
         *out = VoOut{voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT};
         return;
     }
-    u_quad_t opid = _opid;
+    u_quad_t id = opid;
     u_int status = 0;
-    clnt_stat st = incrcopypause_1(&opid, &status, clntSrcDbladeIncrCopy);
+    clnt_stat st = c.stub(&id, &status, clnt);
     if (st != RPC_SUCCESS) {
-        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopypause_1 failed: %s\n", _opid,
-              clnt_sperrno(st));
-        *out = VoOut{voErrRpcFailure, voErrDbladeIncrCopyPauseRpc, static_cast<u_int>(st)};
+        // Both name the pause procedure in this line.
+        if (VoTrace::wants(VoTrace::vo_incrcopy, VoTrace::vo_warn))
+            VoTrace::tr(VoTrace::vo_incrcopy, VoTrace::vo_warn,
+                        "%s %d opid=%lld incrcopypause_1 failed: %s\n", fn, __LINE__, opid,
+                        clnt_sperrno(st));
+        VoErr e = VoRpcCalls::foldErr(c.func, st, 0);
+        *out = VoOut{voErrRpcFailure, e.func(), e.funcrc()};
     } else if (status != 0) {
-        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopypause_1 err=%#X\n", _opid, status);
-        *out = VoOut{VoErrDblade, voErrDbladeIncrCopyPause, status};
+        if (VoTrace::wants(VoTrace::vo_incrcopy, VoTrace::vo_warn))
+            VoTrace::tr(VoTrace::vo_incrcopy, VoTrace::vo_warn, "%s %d opid=%lld %s err=%#X\n", fn,
+                        __LINE__, opid, c.proc, status);
+        *out = VoOut{VoErrDblade, c.func, status};
     } else {
         *out = VoOut{voErrRcSuccess, voErrFuncSuccess, 0};
-        VO_TR(vo_incrcopy, vo_audit, "opid=%lld paused\n", _opid);
+        if (VoTrace::wants(VoTrace::vo_incrcopy, VoTrace::vo_audit))
+            VoTrace::tr(VoTrace::vo_incrcopy, VoTrace::vo_audit, "%s %d opid=%lld %s\n", fn,
+                        __LINE__, opid, c.done);
     }
 }
 
+}  // namespace
+
+void VoState::pause(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
+    controlStream(kPause, __func__, _opid, clntSrcDbladeIncrCopy, out);
+}
+
 void VoState::resume(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
-    VoTrace::Depth depth;
-    if (clntSrcDbladeIncrCopy == nullptr) {
-        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
-        *out = VoOut{voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT};
-        return;
-    }
-    u_quad_t opid = _opid;
-    u_int status = 0;
-    clnt_stat st = incrcopyresume_1(&opid, &status, clntSrcDbladeIncrCopy);
-    if (st != RPC_SUCCESS) {
-        // The transport failure of a resume is traced with pause's text.
-        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopypause_1 failed: %s\n", _opid,
-              clnt_sperrno(st));
-        *out = VoOut{voErrRpcFailure, voErrDbladeIncrCopyResumeRpc, static_cast<u_int>(st)};
-    } else if (status != 0) {
-        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopyresume_1 err=%#X\n", _opid, status);
-        *out = VoOut{VoErrDblade, voErrDbladeIncrCopyResume, status};
-    } else {
-        *out = VoOut{voErrRcSuccess, voErrFuncSuccess, 0};
-        VO_TR(vo_incrcopy, vo_audit, "opid=%lld resumed\n", _opid);
-    }
+    controlStream(kResume, __func__, _opid, clntSrcDbladeIncrCopy, out);
 }
 
 void VoState::concludeDbladeIncrCopy(CLIENT* clntSrcDbladeIncrCopy) {

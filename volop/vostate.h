@@ -277,6 +277,13 @@ class VoState {
     void setSrcIsRoot(unsigned r) { _srcIsRoot = r; }
     unsigned short getExportRuleset() const { return _exportRuleset; }
     void setExportRuleset(unsigned short r) { _exportRuleset = r; }
+    // The clients a step needs, checked in this order: the first missing one
+    // is traced ("clntVldb=0", ...) and recorded as (voErrVodSanityCheck,
+    // 5003 for the VLDB, 5004 for a D-blade) with the high-level code hiLvl,
+    // and that code is returned; 0 when all are there.
+    unsigned refuseMissingClients(voErrRc hiLvl, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
+    unsigned refuseMissingClients(voErrRc hiLvl, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                                  CLIENT* clntSrcDbladeIncrCopy);
     // Makes the next VODB cache refresh re-read the records. Takes the VODB
     // cache lock: the caller must not hold a VodbCacheLock.
     static void forceNextRefreshVodbCache();

@@ -12,6 +12,15 @@
 
 VoStateList voStateList;
 
+namespace {
+
+[[noreturn]] void fatal(const char* what, int rc) {
+    VO_TR_RAW(vo_vod, vo_fatal, "%s = %d, %s\n", what, rc, strerror(rc));
+    exit(1);
+}
+
+}  // namespace
+
 VoStateRef::~VoStateRef() {
     if (_list != nullptr) _list->releaseRef(*this);
 }
@@ -20,46 +29,26 @@ VoState* VoStateRef::operator*() const { return _list != nullptr ? *_it : nullpt
 
 VoStateList::VoStateList() {
     int rc = pthread_mutex_init(&voStateLock, nullptr);
-    if (rc != 0) {
-        VO_TR_RAW(vo_vod, vo_fatal, "mutex lock init error = %d, %s\n", rc, strerror(rc));
-        exit(1);
-    }
+    if (rc != 0) fatal("mutex lock init error", rc);
 }
 
 VoStateList::~VoStateList() {
     int rc = pthread_mutex_destroy(&voStateLock);
-    if (rc != 0) {
-        VO_TR_RAW(vo_vod, vo_fatal, "mutex lock destroy error = %d, %s\n", rc, strerror(rc));
-        exit(1);
-    }
+    if (rc != 0) fatal("mutex lock destroy error", rc);
 }
 
 // Two spellings of the same failure are in operators' log filters; the
 // housekeeping entry points use the capitalised one.
 void VoStateList::lock(bool capitalE) {
     int rc = pthread_mutex_lock(&voStateLock);
-    if (rc != 0) {
-        if (capitalE)
-            VO_TR_RAW(vo_vod, vo_fatal, "mutex lock voStateLock Error = %d, %s\n", rc,
-                      strerror(rc));
-        else
-            VO_TR_RAW(vo_vod, vo_fatal, "mutex lock voStateLock error = %d, %s\n", rc,
-                      strerror(rc));
-        exit(1);
-    }
+    if (rc != 0)
+        fatal(capitalE ? "mutex lock voStateLock Error" : "mutex lock voStateLock error", rc);
 }
 
 void VoStateList::unlock(bool capitalE) {
     int rc = pthread_mutex_unlock(&voStateLock);
-    if (rc != 0) {
-        if (capitalE)
-            VO_TR_RAW(vo_vod, vo_fatal, "mutex unlock voStateLock Error = %d, %s\n", rc,
-                      strerror(rc));
-        else
-            VO_TR_RAW(vo_vod, vo_fatal, "mutex unlock voStateLock error = %d, %s\n", rc,
-                      strerror(rc));
-        exit(1);
-    }
+    if (rc != 0)
+        fatal(capitalE ? "mutex unlock voStateLock Error" : "mutex unlock voStateLock error", rc);
 }
 
 void VoStateList::incrementRefCount(VoState* op) { op->_refCount++; }
@@ -78,7 +67,8 @@ void VoStateList::addNewOp(VoState* pNewState, unsigned startResponseCode) {
     unlock(false);
 }
 
-VoState* VoStateList::findVoState(unsigned long long opid, VoStateRef& it) {
+template <class Match>
+VoState* VoStateList::findFirst(Match match, VoStateRef& it) {
     VoState* found = nullptr;
     lock(false);
     VO_TR(vo_vod, vo_debug, "_voStates.size=%d\n", static_cast<int>(_voStates.size()));
@@ -86,85 +76,66 @@ VoState* VoStateList::findVoState(unsigned long long opid, VoStateRef& it) {
         VoState* op = *pos;
         VO_TR(vo_vod, vo_detail, "*ppVoState=0x%p (*ppVoState)->getOpid() = %lld\n",
               static_cast<void*>(op), op->getOpid());
-        if (op->isUsing(opid)) {
+        if (match(op)) {
             take(op, pos, it);
             found = op;
             break;
         }
     }
-    if (found == nullptr) VO_TR(vo_vod, vo_debug, "Cannot find a VoState with opid=%lld\n", opid);
     unlock(false);
     return found;
 }
 
+VoState* VoStateList::findVoState(unsigned long long opid, VoStateRef& it) {
+    VoState* op = findFirst([opid](VoState* o) { return o->isUsing(opid); }, it);
+    if (op == nullptr) VO_TR(vo_vod, vo_debug, "Cannot find a VoState with opid=%lld\n", opid);
+    return op;
+}
+
 VoState* VoStateList::findMoveOp(unsigned vidSrc, const unsigned char* lidSrc, VoStateRef& it) {
-    VoState* found = nullptr;
-    lock(false);
-    VO_TR(vo_vod, vo_debug, "_voStates.size=%d\n", static_cast<int>(_voStates.size()));
-    for (auto pos = _voStates.begin(); pos != _voStates.end(); ++pos) {
-        VoState* op = *pos;
-        VO_TR(vo_vod, vo_detail, "*ppVoState=0x%p (*ppVoState)->getOpid() = %lld\n",
-              static_cast<void*>(op), op->getOpid());
-        if (op->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_MOVE, VoRec::VODB_ROLE_SRC) ||
-            op->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_FINALMOVE, VoRec::VODB_ROLE_SRC)) {
-            take(op, pos, it);
-            found = op;
-            VO_TR(vo_vod, vo_debug, "found VoMoveState 0x%p opid=%lld\n", static_cast<void*>(op),
-                  op->getOpid());
-            break;
-        }
-    }
-    if (found == nullptr)
+    VoState* op = findFirst(
+        [&](VoState* o) {
+            return o->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_MOVE, VoRec::VODB_ROLE_SRC) ||
+                   o->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_FINALMOVE, VoRec::VODB_ROLE_SRC);
+        },
+        it);
+    if (op != nullptr)
+        VO_TR(vo_vod, vo_debug, "found VoMoveState 0x%p opid=%lld\n", static_cast<void*>(op),
+              op->getOpid());
+    else
         VO_TR(vo_vod, vo_debug, "Cannot find a VoMoveState with vidSrc=%d\n", vidSrc);
-    unlock(false);
-    return found;
+    return op;
 }
 
 VoState* VoStateList::findCopyOp(unsigned vidSrc, const unsigned char* lidSrc, unsigned vidSink,
                                  const unsigned char* lidSink, VoStateRef& it) {
-    VoState* found = nullptr;
-    lock(false);
-    VO_TR(vo_vod, vo_debug, "_voStates.size=%d\n", static_cast<int>(_voStates.size()));
-    for (auto pos = _voStates.begin(); pos != _voStates.end(); ++pos) {
-        VoState* op = *pos;
-        VO_TR(vo_vod, vo_detail, "*ppVoState=0x%p (*ppVoState)->getOpid() = %lld\n",
-              static_cast<void*>(op), op->getOpid());
-        if (op->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_COPY, VoRec::VODB_ROLE_SRC) &&
-            op->isUsing(vidSink, lidSink, VoRec::VODB_VOLOP_COPY, VoRec::VODB_ROLE_SINK)) {
-            take(op, pos, it);
-            found = op;
-            VO_TR(vo_vod, vo_debug, "found VoCopyState 0x%p opid=%lld\n", static_cast<void*>(op),
-                  op->getOpid());
-            break;
-        }
-    }
-    if (found == nullptr)
+    VoState* op = findFirst(
+        [&](VoState* o) {
+            return o->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_COPY, VoRec::VODB_ROLE_SRC) &&
+                   o->isUsing(vidSink, lidSink, VoRec::VODB_VOLOP_COPY, VoRec::VODB_ROLE_SINK);
+        },
+        it);
+    if (op != nullptr)
+        VO_TR(vo_vod, vo_debug, "found VoCopyState 0x%p opid=%lld\n", static_cast<void*>(op),
+              op->getOpid());
+    else
         VO_TR(vo_vod, vo_debug, "Cannot find a VoCopyState with vidSrc=%d vidSink=%d\n", vidSrc,
               vidSink);
-    unlock(false);
-    return found;
+    return op;
 }
 
 VoState* VoStateList::findMirrorOp(unsigned vidSrc, const unsigned char* lidSrc, VoStateRef& it) {
-    VoState* found = nullptr;
-    lock(false);
-    VO_TR(vo_vod, vo_debug, "_voStates.size=%d\n", static_cast<int>(_voStates.size()));
-    for (auto pos = _voStates.begin(); pos != _voStates.end(); ++pos) {
-        VoState* op = *pos;
-        VO_TR(vo_vod, vo_detail, "*ppVoState=0x%p (*ppVoState)->getOpid() = %lld\n",
-              static_cast<void*>(op), op->getOpid());
-        if (op->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_MIRROR, VoRec::VODB_ROLE_SRC)) {
-            take(op, pos, it);
-            found = op;
-            VO_TR(vo_vod, vo_debug, "found VoMirrorState 0x%p opid=%lld\n", static_cast<void*>(op),
-                  op->getOpid());
-            break;
-        }
-    }
-    if (found == nullptr)
+    VoState* op = findFirst(
+        [&](VoState* o) {
+            return o->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_MIRROR, VoRec::VODB_ROLE_SRC);
+        },
+        it);
+    if (op != nullptr)
+        VO_TR(vo_vod, vo_debug, "found VoMirrorState 0x%p opid=%lld\n", static_cast<void*>(op),
+              op->getOpid());
+    else
         VO_TR(vo_vod, vo_debug, "Cannot find a VoMirrorState with vidSrc=%d\n", vidSrc);
-    unlock(false);
-    return found;
+    return op;
 }
 
 void VoStateList::releaseRef(VoStateRef& it) {

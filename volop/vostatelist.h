@@ -136,6 +136,10 @@ class VoStateList {
     // Called with voStateLock held.
     void incrementRefCount(VoState* op);
     void iteratorNoLock(Visitor fn, void* arg);
+    // The first listed operation that match() accepts, with a reference
+    // taken through it; null when none. Takes voStateLock.
+    template <class Match>
+    VoState* findFirst(Match match, VoStateRef& it);
     void take(VoState* op, std::list<VoState*>::iterator pos, VoStateRef& it);
 
     // Guarded by voStateLock; iterators stay valid across erasure of others.
