@@ -1,0 +1,122 @@
+// The delete as a recorded operation: a step that fails or a daemon that dies
+// between the D-blade's delete and the VLDB's leaves the operation in the
+// VODB, and recovery (at the registry's next look, or after a restart)
+// finishes it. Afterwards the volume, its VLDB record and the VODB record
+// are all gone.
+#include <gtest/gtest.h>
+#include <rpc/rpc.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "admin_fixture.h"
+
+namespace vodtest {
+namespace {
+
+// Recovery looks at an operation at most every 30 seconds.
+constexpr double kRecoverySec = 75;
+
+class DeleteTest : public AdminTest {
+ protected:
+    bool hasVolume(uint32_t vfsid) {
+        for (const auto& k : volumeKeys())
+            if (k.second == vfsid) return true;
+        return false;
+    }
+    bool hasVldbRecord(uint32_t vfsid) {
+        for (const auto& k : vldbKeys())
+            if (k.second == vfsid) return true;
+        return false;
+    }
+    // The one VODB record, which must be the delete of vfsid.
+    void expectOneDeleteRecorded(uint32_t vfsid) {
+        auto recs = vodbRecords();
+        ASSERT_EQ(recs.size(), 1u) << recs.dump();
+        EXPECT_EQ(recs[0]["optypeName"], "del");
+        EXPECT_EQ(recs[0]["roleName"], "src");
+        EXPECT_EQ(recs[0]["vfsid"], vfsid);
+    }
+};
+
+TEST_F(DeleteTest, DbladeFailureKeepsEveryRecordUntilRecoveryDeletes) {
+    const uint32_t vol = makeVolume("doomed", "lp1a");
+    fault({"status", "voldelete", "5"});
+    VoOut out = vodelete(vol, "lp1a");
+    EXPECT_EQ(out.rc, VoErrDblade);
+    EXPECT_EQ(out.func, voErrDbladeVolDelete);
+    EXPECT_EQ(out.funcrc, 5u);
+    // Nothing went: the volume, its record, and the operation to finish it.
+    EXPECT_TRUE(hasVolume(vol));
+    EXPECT_TRUE(hasVldbRecord(vol));
+    expectOneDeleteRecorded(vol);
+    EXPECT_TRUE(node.waitForTrace("failed to clean up.", 5));
+
+    // The registry hands the operation to recovery, which runs the delete again.
+    ASSERT_TRUE(waitVodbCount(0, kRecoverySec));
+    EXPECT_TRUE(node.waitForTrace("call recoverFromCrash", 1));
+    EXPECT_FALSE(hasVolume(vol));
+    EXPECT_FALSE(hasVldbRecord(vol));
+}
+
+TEST_F(DeleteTest, VldbFailureAfterTheDbladeDeletedIsFinishedAfterARestart) {
+    const uint32_t vol = makeVolume("halfway", "lp2a");
+    fault({"status", "vldb_delete_record", "133"});
+    VoOut out = vodelete(vol, "lp2a");
+    EXPECT_EQ(out.rc, VoErrVldb);
+    EXPECT_EQ(out.func, voErrVldbDeleteRecord);
+    EXPECT_EQ(out.funcrc, 133u);
+    EXPECT_FALSE(hasVolume(vol));
+    EXPECT_TRUE(hasVldbRecord(vol));
+    expectOneDeleteRecorded(vol);
+
+    // A new vod knows the delete only from the VODB: it rebuilds it and runs
+    // it again; the D-blade's "no such volume" lets the first step pass.
+    restartVod();
+    ASSERT_TRUE(waitVodbCount(0, 20));
+    EXPECT_TRUE(node.waitForTrace("resurrect DEL _opid", 1));
+    EXPECT_TRUE(node.waitForTrace("TARN_ERR_LPMMISMATCH", 1));
+    EXPECT_FALSE(hasVldbRecord(vol));
+}
+
+TEST_F(DeleteTest, KilledWhileTheVldbRecordDeleteIsUnderwayIsFinishedAfterARestart) {
+    const uint32_t vol = makeVolume("killed", "lp1b");
+    u_char lid[16];
+    lpBytes("lp1b", lid);
+    fault({"hold", "vldb_delete_record"});
+
+    // The delete blocks vod's loop at the held call; its caller waits aside.
+    std::atomic<bool> answered{false};
+    std::thread caller([&] {
+        timeval tv{60, 0};
+        CLIENT* c = clnt_create_timed("127.0.0.1", VOPROG, VOVERS, "tcp", &tv);
+        if (c == nullptr) return;
+        clnt_control(c, CLSET_TIMEOUT, reinterpret_cast<char*>(&tv));
+        VoIn in;
+        in.vidSrc = vol;
+        std::memcpy(in.lidSrc, lid, sizeof lid);
+        VoOut out;
+        answered = vodelete_1(&in, &out, c) == RPC_SUCCESS;
+        clnt_destroy(c);
+    });
+    EXPECT_EQ(node.simctl({"fault", "wait-held", "vldb_delete_record", "30"}).status, 0);
+    // Killed after the D-blade deleted the volume, before the VLDB record went.
+    node.killVod(SIGKILL);
+    caller.join();
+    EXPECT_FALSE(answered);
+    fault({"release", "vldb_delete_record", "all", "drop"});
+    fault({"clear"});
+    EXPECT_FALSE(hasVolume(vol));
+    EXPECT_TRUE(hasVldbRecord(vol));
+    expectOneDeleteRecorded(vol);
+
+    startVod();
+    ASSERT_TRUE(waitVodbCount(0, 20));
+    EXPECT_FALSE(hasVldbRecord(vol));
+    EXPECT_FALSE(hasVolume(vol));
+}
+
+}  // namespace
+}  // namespace vodtest
