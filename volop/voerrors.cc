@@ -133,6 +133,14 @@ const char* getMessageFromCatalog(int catalog, const char* keyFormat, unsigned v
     const arrayResourceBundle* rb = resourceBundleTable[catalog];
     if (rb == nullptr) return nullptr;
 
+    // A format without a conversion names one fixed key (the catch-all row):
+    // nothing to index by number, so scan for it.
+    if (strchr(keyFormat, '%') == nullptr) {
+        for (unsigned i = 0; i < rb->table_size_; ++i)
+            if (strcmp(rb->resource_table_[i][RB_KEY], keyFormat) == 0)
+                return rb->resource_table_[i][RB_MESSAGE];
+        return nullptr;
+    }
     const CatalogIndex& idx = catalogIndex(catalog, rb, keyFormat);
     auto row = idx.find(value);
     return row == idx.end() ? nullptr : row->second;
