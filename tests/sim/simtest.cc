@@ -33,10 +33,6 @@ const unsigned char kLp2b[16] = {0x02, 0x0B};
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double secondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
-
 std::vector<char*> argvOf(const std::string& path, const std::vector<std::string>& args) {
   std::vector<char*> v{const_cast<char*>(path.c_str())};
   for (const std::string& a : args) v.push_back(const_cast<char*>(a.c_str()));
@@ -46,15 +42,16 @@ std::vector<char*> argvOf(const std::string& path, const std::vector<std::string
 
 // Waits up to timeoutSec for pid; its status as RunResult::status, or -1.
 int waitFor(pid_t pid, double timeoutSec) {
-  auto start = Clock::now();
-  for (;;) {
-    int st = 0;
-    pid_t r = waitpid(pid, &st, WNOHANG);
-    if (r == pid) return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-    if (r < 0 && errno != EINTR) return -1;
-    if (secondsSince(start) > timeoutSec) return -1;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  int result = -1;
+  pollUntil(
+      [&] {
+        int st = 0;
+        pid_t r = waitpid(pid, &st, WNOHANG);
+        if (r == pid) result = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+        return r == pid || (r < 0 && errno != EINTR);
+      },
+      timeoutSec, 0.01);
+  return result;
 }
 
 bool nullCall(rpcprog_t prog, rpcvers_t vers) {
@@ -68,70 +65,6 @@ bool nullCall(rpcprog_t prog, rpcvers_t vers) {
 }
 
 }  // namespace
-
-bool pollUntil(const std::function<bool()>& cond, double timeoutSec, double stepSec) {
-  auto start = Clock::now();
-  for (;;) {
-    if (cond()) return true;
-    if (secondsSince(start) > timeoutSec) return cond();
-    std::this_thread::sleep_for(std::chrono::duration<double>(stepSec));
-  }
-}
-
-RunResult runProgram(const std::string& path, const std::vector<std::string>& args, double timeoutSec) {
-  RunResult r;
-  int out[2], err[2];
-  if (pipe2(out, O_CLOEXEC) != 0) return r;
-  if (pipe2(err, O_CLOEXEC) != 0) {
-    close(out[0]), close(out[1]);
-    return r;
-  }
-  std::vector<char*> argv = argvOf(path, args);
-  pid_t pid = fork();
-  if (pid == 0) {
-    int devnull = open("/dev/null", O_RDONLY);
-    dup2(devnull, 0);
-    dup2(out[1], 1);
-    dup2(err[1], 2);
-    execv(path.c_str(), argv.data());
-    _exit(127);
-  }
-  close(out[1]);
-  close(err[1]);
-  if (pid < 0) {
-    close(out[0]), close(err[0]);
-    return r;
-  }
-  auto start = Clock::now();
-  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  int open = 2;
-  bool killed = false;
-  while (open > 0) {
-    int n = poll(fds, 2, 100);
-    if (n < 0 && errno != EINTR) break;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-      char buf[4096];
-      ssize_t got = read(fds[i].fd, buf, sizeof buf);
-      if (got > 0) {
-        (i == 0 ? r.out : r.err).append(buf, static_cast<size_t>(got));
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open;
-      }
-    }
-    if (!killed && secondsSince(start) > timeoutSec) {
-      ::kill(pid, SIGKILL);
-      killed = true;
-    }
-  }
-  for (pollfd& p : fds)
-    if (p.fd >= 0) close(p.fd);
-  int st = waitFor(pid, 10);
-  r.status = killed ? -1 : st;
-  return r;
-}
 
 bool SimProcess::start(std::vector<std::string> extraArgs) {
   _args = {"--dir", _dir + "/data", "--control", _dir + "/control.sock"};

@@ -1,6 +1,7 @@
 // Test fixture for the simulated node: every test gets a fresh vodsim (its own data dir)
-// inside the private sandbox that sim_main.cc sets up (network, mount and pid namespaces
-// with their own rpcbind), RPC clients to its programs, and vodsimctl.
+// inside the node sandbox of the integration tests (network, mount and pid namespaces
+// with their own rpcbind; sim_main.cc enters it), RPC clients to its programs, and
+// vodsimctl.
 //
 // Nothing here is thread-safe except where said: one test thread drives a SimProcess.
 #ifndef TESTS_SIM_SIMTEST_H
@@ -16,23 +17,16 @@
 #include <string>
 #include <vector>
 
+#include "node.h"
+
 namespace simtest {
 
-// Set up by main (sim_main.cc) before the tests run.
-bool sandboxed();
-const std::string& whyNotSandboxed();
-
-// Calls cond every stepSec until it returns true or timeoutSec have passed; returns the
-// last value of cond.
-bool pollUntil(const std::function<bool()>& cond, double timeoutSec, double stepSec = 0.02);
-
-struct RunResult {
-  int status = -1;  // exit status, 128 + signal, or -1 when killed after the time-out
-  std::string out, err;
-};
-
-// Runs a program to completion with its output captured.  Safe from any thread.
-RunResult runProgram(const std::string& path, const std::vector<std::string>& args, double timeoutSec = 60);
+// The node sandbox, pollUntil and runProgram are the integration tests' own.
+using vodtest::pollUntil;
+using vodtest::runProgram;
+using vodtest::RunResult;
+inline bool sandboxed() { return vodtest::Node::sandboxed(); }
+inline const std::string& whyNotSandboxed() { return vodtest::Node::whyNotSandboxed(); }
 
 // The default layout's LP ids: D-blade byte, LP letter byte (0A, 0B), zeros.
 extern const unsigned char kLp1a[16], kLp1b[16], kLp2a[16], kLp2b[16];
