@@ -271,6 +271,7 @@ unsigned VoDelState::del(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VoErr r = deleteVodbRec(clntVldb);
     if (r != 0) {
         VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, static_cast<unsigned>(r));
+        setAllErr(r);
         return r;
     }
     return 0;
@@ -341,6 +342,7 @@ unsigned VoDelState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol
         VoErr r = deleteVodbRec(clntVldb);
         if (r != 0) {
             VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, static_cast<unsigned>(r));
+            setAllErr(r);
             return r;
         }
         setMgmtGotLastProgress();
