@@ -47,7 +47,8 @@ class SimNode {
   std::vector<SimLp> lps;
   std::vector<SimVserver> vservers;
 
-  // Lookups over the layout; the caller holds lock().  Null when there is none.
+  // Lookups over the layout; the caller holds lock().  Null when there is none.  The
+  // pointer is good only while the lock is held: lp-create may add LPs.
   SimLp* findLp(const unsigned char uuid[16]);
   SimLp* findLpByName(const std::string& name);
   const SimDblade* findDblade(uint16_t did) const;
