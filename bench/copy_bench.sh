@@ -94,14 +94,15 @@ wait_for 20 "$voctl" ping ||
 
 printf 'copy lp1a (D-blade 1) -> lp2a (D-blade 2); median of %s; voctl polls every %s s\n' \
     "$rounds" "$interval"
-printf '%8s %6s %15s %11s %17s\n' size files "end-to-end ms" "stream ms" "vod overhead ms"
+printf '%8s %6s %15s %11s %17s %10s %13s\n' size files "end-to-end ms" "stream ms" \
+    "vod overhead ms" "set-up ms" "conclusion ms"
 for mib in $sizes; do
     files=$((mib * 4))
     vfs=$("$voctl" --json create "bench$mib" lp1a vs1 | sed -n 's/.*"vfsid":\([0-9]*\).*/\1/p')
     [[ -n $vfs ]] || { echo "copy_bench: cannot create a $mib MiB volume" >&2; continue; }
     "$simctl" --control "$sock" vol-fill "$vfs" lp1a --files "$files" --size 262144 >/dev/null
     sum=$("$simctl" --control "$sock" vol-checksum "$vfs" lp1a)
-    e2e=() stream=() overhead=()
+    e2e=() stream=() overhead=() setup=() conclusion=()
     for ((r = 1; r <= rounds; r++)); do
         "$timer" "$sock" 300 >"$work/timer" &
         timer_pid=$!
@@ -117,6 +118,8 @@ for mib in $sizes; do
         t1=$(date +%s%N)
         wait "$timer_pid" || true
         ms=$(sed -n 's/^opid=[0-9]* ms=\([0-9.]*\).*/\1/p' "$work/timer")
+        s0=$(sed -n 's/.* start_ns=\([0-9]*\).*/\1/p' "$work/timer")
+        s1=$(sed -n 's/.* end_ns=\([0-9]*\).*/\1/p' "$work/timer")
         sink=$(head -n1 "$work/copy.out" | sed -n 's/.*"sinkVfsid":\([0-9]*\).*/\1/p')
         if [[ -n $sink && $("$simctl" --control "$sock" vol-checksum "$sink" lp2a) != "$sum" ]]; then
             echo "copy_bench: the $mib MiB copy differs from its source" >&2
@@ -126,10 +129,15 @@ for mib in $sizes; do
         if [[ -n $ms ]]; then
             stream+=("$ms")
             overhead+=("$(awk -v a="$total" -v b="$ms" 'BEGIN { printf "%.1f", a - b }')")
+            setup+=("$(ms_between "$t0" "$s0")")
+            conclusion+=("$(ms_between "$s1" "$t1")")
         fi
     done
-    printf '%4s MiB %6d %15s %11s %17s\n' "$mib" "$files" "$(median "${e2e[@]}")" \
-        "$(median "${stream[@]}")" "$(median "${overhead[@]}")"
+    printf '%4s MiB %6d %15s %11s %17s %10s %13s\n' "$mib" "$files" "$(median "${e2e[@]}")" \
+        "$(median "${stream[@]}")" "$(median "${overhead[@]}")" "$(median "${setup[@]}")" \
+        "$(median "${conclusion[@]}")"
 done
-echo "(overhead: end-to-end minus streaming; it includes voctl's start-up and up to one poll interval)"
+echo "(per copy, overhead = end-to-end - stream = set-up + conclusion; set-up runs from voctl's start to the"
+echo " stream's first sighting and includes voctl's own start-up; conclusion runs from the stream's"
+echo " end to voctl's exit and includes up to one poll interval)"
 echo "load average: $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) cores"

@@ -4,10 +4,12 @@
 // usage: stream_timer SOCKET [TIMEOUT_SEC]
 //
 // Prints "ready" once it knows the streams that exist already, then watches
-// for a new one and prints "opid=N ms=T" when that stream reports itself done
-// (T from the first poll that saw it to the first that saw it done; the polls
-// are 1 ms apart, so T is good to about 2 ms). "opid=N ms=T gone" means the
-// stream was forgotten before it was seen done: T is then an upper bound.
+// for a new one and prints "opid=N ms=T start_ns=A end_ns=B" when that stream
+// reports itself done: T from the first poll that saw it to the first that saw
+// it done, A and B those two moments on the wall clock (ns since the epoch, as
+// date +%s%N prints them). The polls are 1 ms apart, so T is good to about
+// 2 ms. A trailing "gone" means the stream was forgotten before it was seen
+// done: T is then an upper bound.
 // Exit status 1 when no stream came within TIMEOUT_SEC (default 120).
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -65,6 +67,12 @@ double msSince(Clock::time_point t) {
     return std::chrono::duration<double, std::milli>(Clock::now() - t).count();
 }
 
+long long wallNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -98,11 +106,13 @@ int main(int argc, char** argv) {
         if (opid == 0) std::this_thread::sleep_for(poll);
     }
     const Clock::time_point seen = Clock::now();
+    const long long seenNs = wallNs();
     const std::string show = "stream-show\t" + std::to_string(opid);
     for (;;) {
         bool present = ask(sock, show, &text);
         if (!present || text.find("status=done") != std::string::npos) {
-            std::printf("opid=%llu ms=%.1f%s\n", opid, msSince(seen), present ? "" : " gone");
+            std::printf("opid=%llu ms=%.1f start_ns=%lld end_ns=%lld%s\n", opid, msSince(seen),
+                        seenNs, wallNs(), present ? "" : " gone");
             return 0;
         }
         if (msSince(seen) > timeoutMs) {

@@ -561,7 +561,7 @@ const CommandRegistrar copyReg(
                      "start the copy, print the new volume's id and return");
         sub.add_option("--interval", a->intervalSec, "seconds between progress polls")
             ->capture_default_str()
-            ->check(CLI::Range(0.05, 3600.0));
+            ->check(CLI::Range(0.01, 3600.0));
         sub.footer(
             "The source stays on line: a read-write source is copied from a clone that is\n"
             "removed afterwards. Until the copy ends a progress bar shows megabytes, vnodes,\n"
