@@ -119,10 +119,13 @@ VoCopyState::VoCopyState() : _sinkRec(), _opSrcRec() { memset(&_pgrs, 0, sizeof 
 VoCopyState::~VoCopyState() {}
 
 void VoCopyState::dbgDump() {
-    VO_TR(vo_vod, vo_event, "VoCopyState opid=%lld sink name=%s\n", _opid, _sinkName.c_str());
+    // The worker sets the sink's D-blade id under the lock while it makes the sink.
+    getLock();
+    VO_TR(vo_vod, vo_event, "VoCopyState opid=%lld\n", _opid);
     _srcRec.dbgDump();
     _sinkRec.dbgDump();
     _opSrcRec.dbgDump();
+    releaseLock();
 }
 
 // ---- The error triple. ----
@@ -380,9 +383,10 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
         // its part in the copy; it goes again when the copy ends.
         VO_TR(vo_vod, vo_audit, "opid=%lld call vldbCreateRecord for op src vfsid=%d\n", opid,
               opSrcVid);
-        _opSrcRec.genVname(nullptr);
+        VoRec named(_opSrcRec);
+        named.genVname(nullptr);
         timeval t = now();
-        err = vldbCreateRecord(clntVldb, opSrcVid, srcLid, _opSrcRec.getVname(), getFamily(),
+        err = vldbCreateRecord(clntVldb, opSrcVid, srcLid, named.getVname(), getFamily(),
                                CLONE, 0, t.tv_sec, t.tv_usec, 0, _srcRec.dver(),
                                getExportRuleset(), APP_VOD);
         if (err != 0) {
@@ -417,7 +421,11 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
 
     VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient\n", opid);
     VoRPCClient sinkVol;
-    err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, &_sinkRec);
+    VoRec sinkDblade;  // learns the D-blade id the stream names
+    err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, &sinkDblade);
+    getLock();
+    _sinkRec.setDid(sinkDblade.getDid());
+    releaseLock();
     if (err != 0) {
         VO_TR(vo_sinkvol, vo_warn,
               "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
@@ -427,13 +435,14 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
         return err;
     }
 
-    if (_sinkName.size() > static_cast<size_t>(VoRec::VNAME_MAX)) {
+    // _sinkRec already holds the name cut to VNAME_MAX (VoRec::setVname).
+    std::string name = _sinkName;
+    if (name.size() > static_cast<size_t>(VoRec::VNAME_MAX)) {
         // Deliberately a truncation, not a failure.
         VO_TR(vo_sinkvol, vo_warn, "opid=%lld sink=%d volname is too long (%d) Truncate it for now\n",
-              opid, sinkVid, static_cast<int>(_sinkName.size()));
-        _sinkName.resize(VoRec::VNAME_MAX);
+              opid, sinkVid, static_cast<int>(name.size()));
+        name.resize(VoRec::VNAME_MAX);
     }
-    _sinkRec.setVname(_sinkName.c_str());
 
     // The sink is made with every attribute it keeps: the name given, and the
     // source's quotas, mounted-at fields and virtual server. Its creation time
@@ -450,7 +459,7 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
                   kSetMountedAtParentUnique | kSetVirtualServer;
         set.attrs.minQuota = src.minQuota;
         set.attrs.maxQuota = src.maxQuota;
-        set.attrs.volname = &_sinkName[0];
+        set.attrs.volname = &name[0];
         copy_mountedat_attr(set.attrs, src);
         char empty[] = "";
         if (set.attrs.mountedatvolname == nullptr) set.attrs.mountedatvolname = empty;
@@ -496,8 +505,8 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     // source's virtual server, export rules and owner.
     VO_TR(vo_vldb, vo_audit, "opid=%lld call vldbCreateRecord for sink %d\n", opid, sinkVid);
     timeval t = now();
-    err = vldbCreateRecord(clntVldb, sinkVid, _sinkRec.lid(), _sinkName.c_str(),
-                           _sinkName.c_str(), isSrcRW() ? RW_VFS : RO_VFS, 0, t.tv_sec,
+    err = vldbCreateRecord(clntVldb, sinkVid, _sinkRec.lid(), name.c_str(), name.c_str(),
+                           isSrcRW() ? RW_VFS : RO_VFS, 0, t.tv_sec,
                            t.tv_usec, srcVldb.vserver, src.dataVersion, srcVldb.exportRuleset,
                            srcVldb.appId);
     if (err != 0) {
@@ -799,7 +808,7 @@ unsigned VoCopyState::concludeCopy(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, C
     } else {
         VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient\n", opid);
         VoRPCClient sinkVol;
-        VoErr err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, &_sinkRec);
+        VoErr err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, nullptr);
         if (err != 0) {
             VO_TR(vo_sinkvol, vo_warn,
                   "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
@@ -869,7 +878,7 @@ unsigned VoCopyState::deleteSink(CLIENT* clntVldb) {
     if (vid == 0) return 0;  // never allocated: nothing was made
     VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient\n", opid);
     VoRPCClient sinkVol;
-    VoErr err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, &_sinkRec);
+    VoErr err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, nullptr);
     if (err != 0) {
         VO_TR(vo_sinkvol, vo_warn,
               "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
@@ -984,7 +993,7 @@ unsigned VoCopyState::determineRecoveryStrategy(CLIENT* clntVldb, VoRec& sink) {
     VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient LP=" VO_LP_FMT "\n", opid,
           VO_LP_ARGS(lid));
     VoRPCClient sinkVol;
-    VoErr err = mkDbladeClient(clntVldb, lid, &sinkVol, &sink);
+    VoErr err = mkDbladeClient(clntVldb, lid, &sinkVol, nullptr);
     if (err != 0) {
         VO_TR(vo_sinkvol, vo_warn,
               "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT

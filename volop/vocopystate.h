@@ -14,10 +14,12 @@
 //
 // Threads: the service thread runs addStream, prepare, the management
 // progress and cancel (under the operation lock, held by the handler); one
-// worker at a time runs the remaining steps. _pgrs is written only by the
-// client-only progress, which runs while the stream is marked running; the
-// worker's conclude reads it under the operation lock. The error triple has a
-// leaf lock of its own.
+// worker at a time runs the remaining steps. The records do not change once
+// the copy is registered, but for the sink's D-blade id, which mkOpSrcSink
+// sets under the operation lock (dbgDump reads it so). _pgrs is written only
+// by the client-only progress, which runs while the stream is marked running;
+// the worker's conclude reads it under the operation lock. The error triple
+// has a leaf lock of its own.
 #ifndef VOLOP_VOCOPYSTATE_H
 #define VOLOP_VOCOPYSTATE_H
 
@@ -41,7 +43,7 @@ public:
 
     using VoState::isUsing;  // the opid form stays visible beside the ones below
 
-    // Traces the three records.
+    // Traces the three records. Takes the operation lock.
     void dbgDump() override;
 
     void getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) override;
@@ -126,7 +128,7 @@ public:
 
     // Sets _rollForward: forward exactly when the sink exists on its D-blade
     // at the data version its VLDB record expects. 0 when decided, else the
-    // error (the caller rolls back). sink learns its D-blade id.
+    // error (the caller rolls back).
     unsigned determineRecoveryStrategy(CLIENT* clntVldb, VoRec& sink);
 
     // Which of the five tests of a successful stream p fails, 1 to 5 in the
@@ -152,8 +154,8 @@ protected:
     VoCopyPgrsOut _pgrs;
 
 private:
-    // The sink's name as requested; mkOpSrcSink cuts a longer one to
-    // VoRec::VNAME_MAX.
+    // The sink's name as requested; mkOpSrcSink names the sink with at most
+    // VoRec::VNAME_MAX characters of it. Set by addStream only.
     std::string _sinkName;
     // Leaf lock over _err.
     std::mutex _errLock;
