@@ -37,14 +37,14 @@ struct CrashPoint {
     bool rollsForward;
 };
 
-class CopyCrash : public CopyTest, public ::testing::WithParamInterface<CrashPoint> {
+class CopyCrash : public CopyNodeTest, public ::testing::WithParamInterface<CrashPoint> {
  public:
     // For the crash points' own steps.
-    using CopyTest::cancel;
-    using CopyTest::hold;
-    using CopyTest::speed;
-    using CopyTest::waitAnyHeld;
-    using CopyTest::waitHeld;
+    using CopyNodeTest::cancel;
+    using CopyNodeTest::hold;
+    using CopyNodeTest::speed;
+    using CopyNodeTest::waitAnyHeld;
+    using CopyNodeTest::waitHeld;
     bool restartSimulator() { return node.restartSim(); }
 
     uint32_t src = 0;
@@ -81,6 +81,9 @@ class CopyCrash : public CopyTest, public ::testing::WithParamInterface<CrashPoi
         for (const char* p : procs) ASSERT_TRUE(advanceTo(p)) << "vod never called " << p;
     }
 };
+
+// Test output names the point, not the bytes of its record.
+void PrintTo(const CrashPoint& p, std::ostream* os) { *os << p.name; }
 
 const CrashPoint kPoints[] = {
     {"AfterTheVodbRecordsWereWritten",
@@ -174,7 +177,7 @@ INSTANTIATE_TEST_SUITE_P(KilledAt, CopyCrash, ::testing::ValuesIn(kPoints),
 // The tool waiting on a copy rides out a restart of vod: it reconnects, and
 // when the rebuilt copy can no longer show stream counters it learns the
 // outcome from whether the sink is registered.
-TEST_F(CopyTest, VoctlFollowsACopyAcrossARestartOfVod) {
+TEST_F(CopyNodeTest, VoctlFollowsACopyAcrossARestartOfVod) {
     uint32_t src = makeVolume("survivor", "lp1a", 16, 64 * 1024);
     ASSERT_NE(src, 0u);
     const std::string srcSum = checksum(src, "lp1a");

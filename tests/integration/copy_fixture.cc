@@ -78,7 +78,7 @@ bool isStreamingWithProgress(const VoCopyPgrsOut& r) {
 
 bool isRollingBack(const VoCopyPgrsOut& r) { return r.rc == voErrRollBackOp; }
 
-void CopyTest::SetUp() {
+void CopyNodeTest::SetUp() {
     NodeTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
     ASSERT_TRUE(node.startSim()) << "the simulator did not start";
@@ -89,19 +89,19 @@ void CopyTest::SetUp() {
     ASSERT_GE(_lps.size(), 4u) << "the default layout has four LPs";
 }
 
-std::string CopyTest::sim(const std::vector<std::string>& args) {
+std::string CopyNodeTest::sim(const std::vector<std::string>& args) {
     Node::Result r = node.simctl(args);
     EXPECT_EQ(r.status, 0) << "vodsimctl " << joined(args) << ": " << r.err;
     return r.out;
 }
 
-nlohmann::json CopyTest::vldb() { return nlohmann::json::parse(sim({"vldb", "--json"})); }
+nlohmann::json CopyNodeTest::vldb() { return nlohmann::json::parse(sim({"vldb", "--json"})); }
 
-nlohmann::json CopyTest::vodbRecords() {
+nlohmann::json CopyNodeTest::vodbRecords() {
     return nlohmann::json::parse(sim({"vodb", "--json"}))["records"];
 }
 
-std::vector<DbladeVolume> CopyTest::volumes() {
+std::vector<DbladeVolume> CopyNodeTest::volumes() {
     std::vector<DbladeVolume> out;
     std::istringstream in(sim({"vol-list"}));
     std::string line;
@@ -110,29 +110,29 @@ std::vector<DbladeVolume> CopyTest::volumes() {
     return out;
 }
 
-std::string CopyTest::checksum(uint32_t vfsid, const std::string& lp) {
+std::string CopyNodeTest::checksum(uint32_t vfsid, const std::string& lp) {
     return trimmed(sim({"vol-checksum", std::to_string(vfsid), lp}));
 }
 
-uint64_t CopyTest::callCount(const std::string& proc) {
+uint64_t CopyNodeTest::callCount(const std::string& proc) {
     return std::stoull(trimmed(sim({"calls", proc})));
 }
 
-nlohmann::json CopyTest::vldbRecord(uint32_t vfsid, const std::string& lp) {
+nlohmann::json CopyNodeTest::vldbRecord(uint32_t vfsid, const std::string& lp) {
     for (const auto& r : vldb())
         if (r["vfsid"] == vfsid && r["lp"] == lp) return r;
     return nullptr;
 }
 
-void CopyTest::hold(const std::string& proc, unsigned count) {
+void CopyNodeTest::hold(const std::string& proc, unsigned count) {
     sim({"fault", "hold", proc, std::to_string(count)});
 }
 
-bool CopyTest::waitHeld(const std::string& proc, unsigned timeoutSec) {
+bool CopyNodeTest::waitHeld(const std::string& proc, unsigned timeoutSec) {
     return node.simctl({"fault", "wait-held", proc, std::to_string(timeoutSec)}).status == 0;
 }
 
-std::string CopyTest::waitAnyHeld(const std::vector<std::string>& procs, double timeoutSec) {
+std::string CopyNodeTest::waitAnyHeld(const std::vector<std::string>& procs, double timeoutSec) {
     std::string found;
     pollUntil(
         [&] {
@@ -151,13 +151,13 @@ std::string CopyTest::waitAnyHeld(const std::vector<std::string>& procs, double 
     return found;
 }
 
-void CopyTest::release(const std::string& proc, bool drop) {
+void CopyNodeTest::release(const std::string& proc, bool drop) {
     std::vector<std::string> args = {"fault", "release", proc, "all"};
     if (drop) args.push_back("drop");
     node.simctl(args);  // "no call is held" is no failure here
 }
 
-bool CopyTest::advanceTo(const std::string& proc) {
+bool CopyNodeTest::advanceTo(const std::string& proc) {
     hold(proc);
     std::string list = node.simctl({"fault", "list"}).out;
     std::istringstream in(list);
@@ -170,9 +170,9 @@ bool CopyTest::advanceTo(const std::string& proc) {
     return waitHeld(proc);
 }
 
-void CopyTest::speed(unsigned kibps) { sim({"stream-speed", std::to_string(kibps)}); }
+void CopyNodeTest::speed(unsigned kibps) { sim({"stream-speed", std::to_string(kibps)}); }
 
-uint32_t CopyTest::makeVolume(const std::string& name, const std::string& lp, unsigned files,
+uint32_t CopyNodeTest::makeVolume(const std::string& name, const std::string& lp, unsigned files,
                               unsigned fileSize) {
     CreateVfsIn in{};
     std::string vserver = "vs1";
@@ -187,7 +187,7 @@ uint32_t CopyTest::makeVolume(const std::string& name, const std::string& lp, un
     return out.code == 0 ? out.vfsId : 0;
 }
 
-void CopyTest::setReadOnly(uint32_t vfsid, const std::string& lp) {
+void CopyNodeTest::setReadOnly(uint32_t vfsid, const std::string& lp) {
     VoIn in{};
     in.vidSrc = vfsid;
     lpBytes(lp, in.lidSrc);
@@ -195,12 +195,12 @@ void CopyTest::setReadOnly(uint32_t vfsid, const std::string& lp) {
     EXPECT_EQ(out.rc, voErrRcSuccess) << "vosetro func=" << out.func << " funcrc=" << out.funcrc;
 }
 
-CLIENT* CopyTest::vo() {
+CLIENT* CopyNodeTest::vo() {
     if (_vo == nullptr) _vo = node.client(30);
     return _vo;
 }
 
-VoVidOut CopyTest::startCopy(uint32_t srcVid, const std::string& srcLp, const std::string& sinkLp,
+VoVidOut CopyNodeTest::startCopy(uint32_t srcVid, const std::string& srcLp, const std::string& sinkLp,
                              const std::string& name) {
     VoLidVnameIn in{};
     in.vidSrc = srcVid;
@@ -210,7 +210,7 @@ VoVidOut CopyTest::startCopy(uint32_t srcVid, const std::string& srcLp, const st
     return callVo(vo(), vocopy_1, &in, xdrProc(xdr_VoVidOut), "vocopy");
 }
 
-CopyKey CopyTest::copyOf(uint32_t srcVid, const std::string& srcLp, const std::string& sinkLp,
+CopyKey CopyNodeTest::copyOf(uint32_t srcVid, const std::string& srcLp, const std::string& sinkLp,
                          const std::string& name) {
     VoVidOut out = startCopy(srcVid, srcLp, sinkLp, name);
     EXPECT_EQ(out.rc, voErrRcSuccess) << "vocopy refused: func=" << out.func
@@ -219,7 +219,7 @@ CopyKey CopyTest::copyOf(uint32_t srcVid, const std::string& srcLp, const std::s
     return {srcVid, srcLp, out.rc == voErrRcSuccess ? out.vid : 0, sinkLp};
 }
 
-VoVidLidIn CopyTest::wire(const CopyKey& key) {
+VoVidLidIn CopyNodeTest::wire(const CopyKey& key) {
     VoVidLidIn in{};
     in.vidSrc = key.srcVid;
     lpBytes(key.srcLp, in.lidSrc);
@@ -228,22 +228,22 @@ VoVidLidIn CopyTest::wire(const CopyKey& key) {
     return in;
 }
 
-VoCopyPgrsOut CopyTest::progress(const CopyKey& key) {
+VoCopyPgrsOut CopyNodeTest::progress(const CopyKey& key) {
     VoVidLidIn in = wire(key);
     return callVo(vo(), vocopypgrs_1, &in, xdrProc(xdr_VoCopyPgrsOut), "vocopypgrs");
 }
 
-VoOut CopyTest::control(clnt_stat (*stub)(VoVidLidIn*, VoOut*, CLIENT*), const CopyKey& key,
+VoOut CopyNodeTest::control(clnt_stat (*stub)(VoVidLidIn*, VoOut*, CLIENT*), const CopyKey& key,
                         const char* what) {
     VoVidLidIn in = wire(key);
     return callVo(vo(), stub, &in, xdrProc(xdr_VoOut), what);
 }
 
-VoOut CopyTest::cancel(const CopyKey& key) { return control(vocopycancel_1, key, "vocopycancel"); }
-VoOut CopyTest::pause(const CopyKey& key) { return control(vocopypause_1, key, "vocopypause"); }
-VoOut CopyTest::resume(const CopyKey& key) { return control(vocopyresume_1, key, "vocopyresume"); }
+VoOut CopyNodeTest::cancel(const CopyKey& key) { return control(vocopycancel_1, key, "vocopycancel"); }
+VoOut CopyNodeTest::pause(const CopyKey& key) { return control(vocopypause_1, key, "vocopypause"); }
+VoOut CopyNodeTest::resume(const CopyKey& key) { return control(vocopyresume_1, key, "vocopyresume"); }
 
-bool CopyTest::waitForReport(const CopyKey& key, bool (*pred)(const VoCopyPgrsOut&),
+bool CopyNodeTest::waitForReport(const CopyKey& key, bool (*pred)(const VoCopyPgrsOut&),
                              double timeoutSec, VoCopyPgrsOut* last, std::vector<int>* rcs) {
     return pollUntil(
         [&] {
@@ -254,7 +254,7 @@ bool CopyTest::waitForReport(const CopyKey& key, bool (*pred)(const VoCopyPgrsOu
         timeoutSec, kPollStepSec);
 }
 
-VoCopyPgrsOut CopyTest::waitForEnd(const CopyKey& key, double timeoutSec, std::vector<int>* rcs) {
+VoCopyPgrsOut CopyNodeTest::waitForEnd(const CopyKey& key, double timeoutSec, std::vector<int>* rcs) {
     VoCopyPgrsOut last{};
     bool ended = waitForReport(
         key,
@@ -267,27 +267,27 @@ VoCopyPgrsOut CopyTest::waitForEnd(const CopyKey& key, double timeoutSec, std::v
     return last;
 }
 
-void CopyTest::restartVod() {
+void CopyNodeTest::restartVod() {
     _vo = nullptr;
     ASSERT_TRUE(node.restartVod()) << "vod did not come back";
 }
 
-void CopyTest::killVod() {
+void CopyNodeTest::killVod() {
     _vo = nullptr;
     node.killVod(SIGKILL);
 }
 
-bool CopyTest::waitVodbEmpty(double timeoutSec) {
+bool CopyNodeTest::waitVodbEmpty(double timeoutSec) {
     return pollUntil([&] { return vodbRecords().empty(); }, timeoutSec, 0.2);
 }
 
-std::set<VolumeId> CopyTest::volumeIds() {
+std::set<VolumeId> CopyNodeTest::volumeIds() {
     std::set<VolumeId> ids;
     for (const auto& v : volumes()) ids.insert({v.lp, v.vfsid});
     return ids;
 }
 
-void CopyTest::expectSettled(const std::set<VolumeId>& expected) {
+void CopyNodeTest::expectSettled(const std::set<VolumeId>& expected) {
     EXPECT_TRUE(vodbRecords().empty()) << "VODB records left:\n" << sim({"vodb"});
     std::set<VolumeId> onDblades;
     for (const auto& v : volumes()) {
@@ -303,7 +303,7 @@ void CopyTest::expectSettled(const std::set<VolumeId>& expected) {
                                  << sim({"vldb"}) << sim({"vol-list"});
 }
 
-void CopyTest::lpBytes(const std::string& lp, u_char out[16]) {
+void CopyNodeTest::lpBytes(const std::string& lp, u_char out[16]) {
     for (const auto& [name, hex] : _lps) {
         if (name != lp) continue;
         auto id = voctl::parseLpId(hex);

@@ -39,7 +39,7 @@ struct CopyKey {
     std::string sinkLp;
 };
 
-class CopyTest : public NodeTest {
+class CopyNodeTest : public NodeTest {
  protected:
     void SetUp() override;  // simulator, then vod in the foreground (-d)
 

@@ -170,7 +170,7 @@ void expectSinkRecordLikeSource(const json& src, const json& sink, const std::st
     EXPECT_EQ(sink["vserver"], src["vserver"]) << "virtual server";
 }
 
-TEST_F(CopyTest, ReadWriteSourceIsCopiedThroughACloneThatIsRemovedAfterwards) {
+TEST_F(CopyNodeTest, ReadWriteSourceIsCopiedThroughACloneThatIsRemovedAfterwards) {
     uint32_t src = makeVolume("rwsource", "lp1a", 24, 48 * 1024);
     ASSERT_NE(src, 0u);
     sim({"vol-write", std::to_string(src), "lp1a", "docs/readme.txt", "--text", "kept as is"});
@@ -214,7 +214,7 @@ TEST_F(CopyTest, ReadWriteSourceIsCopiedThroughACloneThatIsRemovedAfterwards) {
     expectSettled(before);  // the clone is gone from the D-blade and the VLDB
 }
 
-TEST_F(CopyTest, ReadOnlySourceFeedsTwoCopiesAtOnceWithoutAClone) {
+TEST_F(CopyNodeTest, ReadOnlySourceFeedsTwoCopiesAtOnceWithoutAClone) {
     uint32_t src = makeVolume("rosource", "lp1b", 16, 64 * 1024);
     ASSERT_NE(src, 0u);
     setReadOnly(src, "lp1b");
@@ -253,7 +253,7 @@ TEST_F(CopyTest, ReadOnlySourceFeedsTwoCopiesAtOnceWithoutAClone) {
     expectSettled(before);
 }
 
-TEST_F(CopyTest, CancelMidStreamRollsBackAndRemovesSinkAndClone) {
+TEST_F(CopyNodeTest, CancelMidStreamRollsBackAndRemovesSinkAndClone) {
     uint32_t src = makeVolume("tocancel", "lp1a", 32, 64 * 1024);
     ASSERT_NE(src, 0u);
     const std::string srcSum = checksum(src, "lp1a");
@@ -288,7 +288,7 @@ TEST_F(CopyTest, CancelMidStreamRollsBackAndRemovesSinkAndClone) {
     expectSettled(before);
 }
 
-TEST_F(CopyTest, PauseStopsTheStreamAndResumeFinishesIt) {
+TEST_F(CopyNodeTest, PauseStopsTheStreamAndResumeFinishesIt) {
     uint32_t src = makeVolume("topause", "lp2a", 32, 64 * 1024);
     ASSERT_NE(src, 0u);
     const std::string srcSum = checksum(src, "lp2a");
@@ -339,7 +339,7 @@ TEST_F(CopyTest, PauseStopsTheStreamAndResumeFinishesIt) {
 
 // An empty source has nothing the new sink lacks: the D-blade reports the
 // sink already up to date, which is a success.
-TEST_F(CopyTest, SinkAlreadyUpToDateCountsAsSuccess) {
+TEST_F(CopyNodeTest, SinkAlreadyUpToDateCountsAsSuccess) {
     uint32_t src = makeVolume("emptysource", "lp1a", 0, 0);
     ASSERT_NE(src, 0u);
     std::set<VolumeId> before = volumeIds();
@@ -357,7 +357,7 @@ TEST_F(CopyTest, SinkAlreadyUpToDateCountsAsSuccess) {
 
 // A sink LP too small for the data makes the sink's side of the stream fail;
 // the copy must roll back, and voctl must say why.
-TEST_F(CopyTest, FailedSinkCompletionRollsBack) {
+TEST_F(CopyNodeTest, FailedSinkCompletionRollsBack) {
     sim({"lp-create", "tiny", "2", "1"});
     uint32_t src = makeVolume("toobig", "lp1a", 12, 256 * 1024);
     ASSERT_NE(src, 0u);
@@ -381,7 +381,7 @@ TEST_F(CopyTest, FailedSinkCompletionRollsBack) {
     expectSettled(before);
 }
 
-TEST_F(CopyTest, CopyOfTheSinkOfAnotherCopyIsRefusedWithTheCopyCode) {
+TEST_F(CopyNodeTest, CopyOfTheSinkOfAnotherCopyIsRefusedWithTheCopyCode) {
     uint32_t src = makeVolume("first", "lp1a", 16, 64 * 1024);
     ASSERT_NE(src, 0u);
     std::set<VolumeId> before = volumeIds();
@@ -422,7 +422,7 @@ TEST_F(CopyTest, CopyOfTheSinkOfAnotherCopyIsRefusedWithTheCopyCode) {
     expectSettled(before);
 }
 
-TEST_F(CopyTest, CopyOfAVolumeBeingDeletedIsRefusedWithTheDeleteCode) {
+TEST_F(CopyNodeTest, CopyOfAVolumeBeingDeletedIsRefusedWithTheDeleteCode) {
     uint32_t src = makeVolume("doomed", "lp1b", 4, 4096);
     ASSERT_NE(src, 0u);
     // The D-blade refuses to delete it, so the delete stays recorded, pending.
