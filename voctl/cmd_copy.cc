@@ -30,6 +30,8 @@ constexpr size_t kMaxVolumeName = 128;
 // How long a waiting copy keeps trying to reach a vod that stopped answering:
 // long enough for vod to be restarted and to rebuild the copy from its records.
 constexpr double kReconnectWindowSec = 180;
+// And how often it tries meanwhile, whatever the poll interval.
+constexpr double kReconnectStepSec = 0.5;
 
 // The low half of vod's code for a name the VLDB has no record of.
 constexpr unsigned kVldbNoRecord = 30400 + 119;
@@ -247,137 +249,170 @@ void sleepFor(double sec) {
     std::this_thread::sleep_for(std::chrono::duration<double>(sec));
 }
 
-// Polls until the final report and says how the copy ended: 0 copied, 1
-// failed or unknown, 3 when vod stayed out of reach.
-int follow(Context& ctx, std::unique_ptr<VoClient> c, const CopyKey& key,
-           const FollowOptions& fo) {
-    const bool json = ctx.out.json();
-    const bool terminal = !json && isatty(STDOUT_FILENO) != 0;
-    Notes notes(terminal);
-    ProgressBar bar(stdout, terminal, "copy");
-    const double startSec = ProgressBar::now();
-    bool streamed = false;       // a report with stream counters was seen
-    bool barShown = false;
-    std::string lastNote;
-    double lostSince = -1;
-    VoCopyPgrsOut last{};        // the last report with stream counters
-    XdrResult<VoCopyPgrsOut> endReport(xdr_VoCopyPgrsOut);
-    CopyPhase endPhase = CopyPhase::Gone;
+// Follows one copy from its start to its final report: polls, shows the
+// progress, rides out a vod that stops answering for a while, and reports how
+// the copy ended.
+class CopyFollower {
+ public:
+    CopyFollower(Context& ctx, std::unique_ptr<VoClient> c, const CopyKey& key, FollowOptions fo)
+        : _ctx(ctx),
+          _c(std::move(c)),
+          _key(key),
+          _fo(std::move(fo)),
+          _json(ctx.out.json()),
+          _notes(!_json && isatty(STDOUT_FILENO) != 0),
+          _bar(stdout, !_json && isatty(STDOUT_FILENO) != 0, "copy"),
+          _endReport(xdr_VoCopyPgrsOut) {}
 
-    for (;;) {
-        std::string why;
-        if (!c) {
-            c = std::make_unique<VoClient>(ctx.opts.host, ctx.opts.timeoutSec);
-            if (!c->connected()) {
-                why = c->createError();
-                c.reset();
-            }
-        }
-        XdrResult<VoCopyPgrsOut> r(xdr_VoCopyPgrsOut);
-        if (!c || !pollCopy(*c, key, &r, &why)) {
-            if (c) why = c->callError();
-            c.reset();
-            double now = ProgressBar::now();
-            if (lostSince < 0) {
-                lostSince = now;
-                if (!json) notes.say("lost contact with vod (" + why + "); retrying");
-            } else if (now - lostSince > kReconnectWindowSec) {
-                return ctx.out.failure(kExitUnreachable,
-                                       "gave up waiting for vod to answer: " + why +
-                                           "; the copy may still be running");
-            }
-            sleepFor(fo.intervalSec);
-            continue;
-        }
-        if (lostSince >= 0) {
-            lostSince = -1;
-            if (!json) notes.say("vod answers again");
-        }
+    // 0 copied, 1 failed or unknown, 3 when vod stayed out of reach.
+    int run() {
+        const double startSec = ProgressBar::now();
+        if (int rc = waitForEnd(); rc != kExitOk) return rc;
+        std::string detail;
+        CopyOutcome outcome = decideOutcome(&detail);
+        report(outcome, detail, ProgressBar::now() - startSec);
+        return outcome == CopyOutcome::Copied ? kExitOk : kExitVodFailure;
+    }
 
-        CopyPhase phase = classifyCopyReport(*r);
-        if (phase == CopyPhase::Final || phase == CopyPhase::Gone) {
-            endPhase = phase;
-            std::swap(*endReport, *r);
-            break;
-        }
-        if (hasStreamCounters(*r)) {
-            streamed = true;
-            last = *r;  // plain values only: the record owns no heap memory
-        }
-        if (json) {
-            nlohmann::json obj = reportJson(*r, phase);
-            obj["event"] = "progress";
-            ctx.out.result(obj, "");
-        } else {
-            std::string note = phase == CopyPhase::PollFailed
-                                   ? "vod could not poll the stream: " +
-                                         tripleText(c.get(), r->rc, r->func, r->funcrc)
-                                   : phaseNote(phase, streamed);
-            if (!note.empty() && note != lastNote) notes.say(note);
-            lastNote = note;
+ private:
+    // Polls until the final report, or until vod no longer knows the copy.
+    int waitForEnd() {
+        double lostSince = -1;
+        std::string lastNote;
+        for (;;) {
+            std::string why;
+            XdrResult<VoCopyPgrsOut> r(xdr_VoCopyPgrsOut);
+            if (!poll(&r, &why)) {
+                double now = ProgressBar::now();
+                if (lostSince < 0) {
+                    lostSince = now;
+                    if (!_json) _notes.say("lost contact with vod (" + why + "); retrying");
+                } else if (now - lostSince > kReconnectWindowSec) {
+                    return _ctx.out.failure(kExitUnreachable,
+                                            "gave up waiting for vod to answer: " + why +
+                                                "; the copy may still be running");
+                }
+                sleepFor(std::max(_fo.intervalSec, kReconnectStepSec));
+                continue;
+            }
+            if (lostSince >= 0) {
+                lostSince = -1;
+                if (!_json) _notes.say("vod answers again");
+            }
+
+            CopyPhase phase = classifyCopyReport(*r);
+            if (phase == CopyPhase::Final || phase == CopyPhase::Gone) {
+                _endPhase = phase;
+                std::swap(*_endReport, *r);
+                return kExitOk;
+            }
             if (hasStreamCounters(*r)) {
-                bar.update(progressOf(*r));
-                barShown = true;
+                _streamed = true;
+                _last = *r;  // plain values only: the record owns no heap memory
+            }
+            if (_json) {
+                nlohmann::json obj = reportJson(*r, phase);
+                obj["event"] = "progress";
+                _ctx.out.result(obj, "");
+            } else {
+                std::string note = phase == CopyPhase::PollFailed
+                                       ? "vod could not poll the stream: " +
+                                             tripleText(_c.get(), r->rc, r->func, r->funcrc)
+                                       : phaseNote(phase, _streamed);
+                if (!note.empty() && note != lastNote) _notes.say(note);
+                lastNote = note;
+                if (hasStreamCounters(*r)) {
+                    _bar.update(progressOf(*r));
+                    _barShown = true;
+                }
+            }
+            sleepFor(_fo.intervalSec);
+        }
+    }
+
+    // One poll on the current connection, made anew when there is none.
+    bool poll(XdrResult<VoCopyPgrsOut>* r, std::string* why) {
+        if (!_c) {
+            _c = std::make_unique<VoClient>(_ctx.opts.host, _ctx.opts.timeoutSec);
+            if (!_c->connected()) {
+                *why = _c->createError();
+                _c.reset();
+                return false;
             }
         }
-        sleepFor(fo.intervalSec);
+        if (pollCopy(*_c, _key, r, why)) return true;
+        _c.reset();
+        return false;
     }
 
-    CopyOutcome outcome = CopyOutcome::Unknown;
-    std::string detail;
-    if (endPhase == CopyPhase::Final) {
-        outcome = outcomeOfFinalReport(*endReport);
-        if (hasStreamCounters(*endReport)) last = *endReport;
-        if (outcome == CopyOutcome::RolledBack) detail = failureReasons(c.get(), *endReport);
-    }
-    if (outcome == CopyOutcome::Unknown) {
-        // Rebuilt after a restart, or its last report went to someone else.
-        outcome = outcomeByName(c.get(), fo.name, key.sinkVid, &detail);
-    }
-    double elapsed = ProgressBar::now() - startSec;
-
-    if (!json && barShown) {
-        if (streamed) bar.update(progressOf(last));
-        bar.finish(outcome == CopyOutcome::Copied ? "done" : "failed");
-    }
-
-    char buf[256];
-    std::string text;
-    if (outcome == CopyOutcome::Copied) {
-        std::snprintf(buf, sizeof buf, " as '%s' in %.1f s", fo.name.substr(0, kMaxVolumeName).c_str(),
-                      elapsed);
-        text = "copied " + keyText(key) + buf;
-        if (streamed) {
-            std::snprintf(buf, sizeof buf, ": %" PRIu64 " MB, %u vnodes", last.src.megsProcessed,
-                          last.src.vnodesProcessed);
-            text += buf;
+    CopyOutcome decideOutcome(std::string* detail) {
+        CopyOutcome outcome = CopyOutcome::Unknown;
+        if (_endPhase == CopyPhase::Final) {
+            outcome = outcomeOfFinalReport(*_endReport);
+            if (hasStreamCounters(*_endReport)) _last = *_endReport;
+            if (outcome == CopyOutcome::RolledBack) *detail = failureReasons(_c.get(), *_endReport);
         }
-        if (endPhase != CopyPhase::Final || !hasStreamCounters(*endReport)) text += " (" + detail + ")";
-    } else if (outcome == CopyOutcome::RolledBack) {
-        text = "copy of " + keyText(key) + " failed and was rolled back: " + detail;
-    } else {
-        text = "copy of " + keyText(key) + ": outcome unknown: " + detail;
+        // Rebuilt after a restart, or its last report went to someone else.
+        if (outcome == CopyOutcome::Unknown)
+            outcome = outcomeByName(_c.get(), _fo.name, _key.sinkVid, detail);
+        return outcome;
     }
 
-    if (json) {
-        nlohmann::json obj = endPhase == CopyPhase::Final ? reportJson(*endReport, endPhase)
-                                                          : nlohmann::json::object();
-        obj["event"] = "final";
-        obj["phase"] = copyPhaseName(endPhase);
-        obj["outcome"] = copyOutcomeName(outcome);
-        obj["copy"] = keyJson(key);
-        obj["name"] = fo.name.substr(0, kMaxVolumeName);
-        obj["elapsedSec"] = elapsed;
-        obj["message"] = text;
-        ctx.out.result(obj, "");
-    } else if (outcome == CopyOutcome::Copied) {
-        std::printf("%s\n", text.c_str());
-        std::fflush(stdout);
-    } else {
-        std::fprintf(stderr, "voctl: %s\n", text.c_str());
+    void report(CopyOutcome outcome, const std::string& detail, double elapsed) {
+        if (!_json && _barShown) {
+            if (_streamed) _bar.update(progressOf(_last));
+            _bar.finish(outcome == CopyOutcome::Copied ? "done" : "failed");
+        }
+        const std::string name = _fo.name.substr(0, kMaxVolumeName);
+        char buf[256];
+        std::string text;
+        if (outcome == CopyOutcome::Copied) {
+            std::snprintf(buf, sizeof buf, " as '%s' in %.1f s", name.c_str(), elapsed);
+            text = "copied " + keyText(_key) + buf;
+            if (_streamed) {
+                std::snprintf(buf, sizeof buf, ": %" PRIu64 " MB, %u vnodes",
+                              _last.src.megsProcessed, _last.src.vnodesProcessed);
+                text += buf;
+            }
+            if (!detail.empty()) text += " (" + detail + ")";
+        } else if (outcome == CopyOutcome::RolledBack) {
+            text = "copy of " + keyText(_key) + " failed and was rolled back: " + detail;
+        } else {
+            text = "copy of " + keyText(_key) + ": outcome unknown: " + detail;
+        }
+
+        if (_json) {
+            nlohmann::json obj = _endPhase == CopyPhase::Final ? reportJson(*_endReport, _endPhase)
+                                                               : nlohmann::json::object();
+            obj["event"] = "final";
+            obj["phase"] = copyPhaseName(_endPhase);
+            obj["outcome"] = copyOutcomeName(outcome);
+            obj["copy"] = keyJson(_key);
+            obj["name"] = name;
+            obj["elapsedSec"] = elapsed;
+            obj["message"] = text;
+            _ctx.out.result(obj, "");
+        } else if (outcome == CopyOutcome::Copied) {
+            std::printf("%s\n", text.c_str());
+            std::fflush(stdout);
+        } else {
+            std::fprintf(stderr, "voctl: %s\n", text.c_str());
+        }
     }
-    return outcome == CopyOutcome::Copied ? kExitOk : kExitVodFailure;
-}
+
+    Context& _ctx;
+    std::unique_ptr<VoClient> _c;  // null while vod cannot be reached
+    const CopyKey _key;
+    const FollowOptions _fo;
+    const bool _json;
+    Notes _notes;
+    ProgressBar _bar;
+    bool _barShown = false;
+    bool _streamed = false;   // a report with stream counters was seen
+    VoCopyPgrsOut _last{};    // the last report with stream counters
+    XdrResult<VoCopyPgrsOut> _endReport;
+    CopyPhase _endPhase = CopyPhase::Gone;
+};
 
 struct CopyArgs {
     std::string srcVid, srcLp, dstLp, name;
@@ -429,7 +464,7 @@ int copyStart(Context& ctx, const CopyArgs& a) {
         return kExitOk;
     }
     ctx.out.result(started, startedText);
-    return follow(ctx, std::move(c), key, {a.name, a.intervalSec});
+    return CopyFollower(ctx, std::move(c), key, {a.name, a.intervalSec}).run();
 }
 
 struct KeyArgs {
