@@ -200,6 +200,7 @@ TEST_F(CopyNodeTest, ReadWriteSourceIsCopiedThroughACloneThatIsRemovedAfterwards
     uint32_t clone = cloneIdFromTrace(node.vodOutput(), src);
     EXPECT_NE(clone, 0u) << "no clone traced";
     EXPECT_NE(clone, src);
+    EXPECT_EQ(fin["src"]["vfsid"], clone) << "the stream did not read the clone";
 
     json sinkRec = vldbRecord(sink, "lp2a");
     expectSinkRecordLikeSource(vldbRecord(src, "lp1a"), sinkRec, "rwcopy");
@@ -242,6 +243,7 @@ TEST_F(CopyNodeTest, ReadOnlySourceFeedsTwoCopiesAtOnceWithoutAClone) {
         VoCopyPgrsOut end = waitForEnd(*k, 60);
         EXPECT_EQ(voctl::outcomeOfFinalReport(end), CopyOutcome::Copied)
             << "sink " << k->sinkVid << " rc=" << end.rc << " sink code " << end.sink.completionCode;
+        EXPECT_EQ(end.src.vfsId, src) << "the stream did not read the source itself";
         EXPECT_EQ(checksum(k->sinkVid, k->sinkLp), srcSum);
         json srcRec = vldbRecord(src, "lp1b");
         expectSinkRecordLikeSource(srcRec, vldbRecord(k->sinkVid, k->sinkLp),
