@@ -8,7 +8,11 @@ ROOT=$(cd "$(dirname "$0")/.." && pwd)
 BUILD=${VOD_TEST_BUILD:-$ROOT/build-test}
 
 bash "$ROOT/scripts/install-deps.sh"
-cmake -S "$ROOT" -B "$BUILD" -G Ninja -DVOD_WERROR=ON -DVOD_SANITIZE=ON >/dev/null
+# Unoptimised: quicker to build, and GCC's flow analysis, which the sanitizers'
+# instrumentation leads into false "maybe uninitialized" reports inside the
+# standard library, stays out of the way. Optimised builds keep -Werror too.
+cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVOD_WERROR=ON -DVOD_SANITIZE=ON \
+  >/dev/null
 cmake --build "$BUILD" -j2
 cd "$BUILD"
 ctest --output-on-failure -j2
