@@ -55,8 +55,8 @@ void VoServer::vfsCopyPgrs(VoVidLidIn* in, VoCopyPgrsOut* out) {
     memset(out, 0, sizeof *out);
     unsigned long long ended = 0;
     lookupLockForward(
-        CopyKey{__func__, in->vidSrc, in->lidSrc, in->vidSink, in->lidSink}, out,
-        VoTrace::vo_audit, [out](VoState* op) { out->voOpid = op->getOpid(); },
+        CopyKey{__func__, in->vidSrc, in->lidSrc, in->vidSink, in->lidSink}, out, VoTrace::vo_audit,
+        [out](VoState* op) { out->voOpid = op->getOpid(); },
         [out, &ended](VoState* op, CLIENT* c) {
             VO_TR(vo_vod, vo_audit, "opid=%lld call pVoCopy->progress()\n", op->getOpid());
             static_cast<VoCopyState*>(op)->progress(c, out);

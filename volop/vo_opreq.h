@@ -49,8 +49,8 @@ struct CopyKey {
     }
     void traceNotFound(VoTrace::Level l) const {
         if (VoTrace::wants(VoTrace::vo_vod, l))
-            VoTrace::tr(VoTrace::vo_vod, l, "%s %d no vfs copy from vfsid=%d to %d\n", fn,
-                        __LINE__, vidSrc, vidSink);
+            VoTrace::tr(VoTrace::vo_vod, l, "%s %d no vfs copy from vfsid=%d to %d\n", fn, __LINE__,
+                        vidSrc, vidSink);
     }
 };
 

@@ -222,25 +222,25 @@ bool VoCopyState::validate(CLIENT*, CLIENT*) {
             conflict = true;
         } else if (r->vid() == _srcRec.vid() && memcmp(r->lid(), _srcRec.lid(), 16) == 0) {
             switch (r->role()) {
-            case VoRec::VODB_ROLE_SRC:
-                // Another copy or mirror may read the same source.
-                conflict = r->opType() == VoRec::VODB_VOLOP_MOVE ||
-                           r->opType() == VoRec::VODB_VOLOP_FINALMOVE ||
-                           r->opType() == VoRec::VODB_VOLOP_DELETE ||
-                           r->opType() == VoRec::VODB_VOLOP_DUMP ||
-                           r->opType() == VoRec::VODB_VOLOP_RESTORE;
-                break;
-            case VoRec::VODB_ROLE_SINK:
-            case VoRec::VODB_ROLE_OPSINK:
-            case VoRec::VODB_ROLE_TEMP:
-                conflict = true;
-                break;
-            case VoRec::VODB_ROLE_OPSRC:
-                // A read-only source may be the op src of several operations at once.
-                conflict = isSrcRW();
-                break;
-            default:
-                break;
+                case VoRec::VODB_ROLE_SRC:
+                    // Another copy or mirror may read the same source.
+                    conflict = r->opType() == VoRec::VODB_VOLOP_MOVE ||
+                               r->opType() == VoRec::VODB_VOLOP_FINALMOVE ||
+                               r->opType() == VoRec::VODB_VOLOP_DELETE ||
+                               r->opType() == VoRec::VODB_VOLOP_DUMP ||
+                               r->opType() == VoRec::VODB_VOLOP_RESTORE;
+                    break;
+                case VoRec::VODB_ROLE_SINK:
+                case VoRec::VODB_ROLE_OPSINK:
+                case VoRec::VODB_ROLE_TEMP:
+                    conflict = true;
+                    break;
+                case VoRec::VODB_ROLE_OPSRC:
+                    // A read-only source may be the op src of several operations at once.
+                    conflict = isSrcRW();
+                    break;
+                default:
+                    break;
             }
             if (conflict)
                 VO_TR(vo_vod, vo_warn, "Src(%d) is busy with another opid=%lld opType(%d)\n",
@@ -372,7 +372,8 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
         in.cloneVfsID = opSrcVid;
         memcpy(in.lpUUID, srcLid, sizeof in.lpUUID);
         VoXdrResult<VolCloneOut_t> out(xdr_VolCloneOut_t);
-        unsigned rc = VoRpcCalls::dbladeCloneVfs(&in, out.get(), clntSrcDbladeVol, kCloneTimeoutSec);
+        unsigned rc =
+            VoRpcCalls::dbladeCloneVfs(&in, out.get(), clntSrcDbladeVol, kCloneTimeoutSec);
         err = dbladeOutcome(VO_SITE, VoTrace::vo_srcvol, "dbladeCloneVfs", voErrDbladeVolClone,
                             opid, opSrcVid, rc, rc == 0 ? out->returnCode : 0);
         if (err != 0) {
@@ -386,9 +387,8 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
         VoRec named(_opSrcRec);
         named.genVname(nullptr);
         timeval t = now();
-        err = vldbCreateRecord(clntVldb, opSrcVid, srcLid, named.getVname(), getFamily(),
-                               CLONE, 0, t.tv_sec, t.tv_usec, 0, _srcRec.dver(),
-                               getExportRuleset(), APP_VOD);
+        err = vldbCreateRecord(clntVldb, opSrcVid, srcLid, named.getVname(), getFamily(), CLONE, 0,
+                               t.tv_sec, t.tv_usec, 0, _srcRec.dver(), getExportRuleset(), APP_VOD);
         if (err != 0) {
             setAllErr(err);
             return err;
@@ -409,9 +409,8 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
         memcpy(in.lpUUID, srcLid, sizeof in.lpUUID);
         unsigned rc =
             VoRpcCalls::dbladeVfsGetAttrs(&in, attrs.get(), clntSrcDbladeVol, kAttrTimeoutSec);
-        err = dbladeOutcome(VO_SITE, VoTrace::vo_srcvol, "dbladeVfsGetAttrs",
-                            voErrDbladeVolGetAttr, opid, opSrcVid, rc,
-                            rc == 0 ? attrs->returnCode : 0);
+        err = dbladeOutcome(VO_SITE, VoTrace::vo_srcvol, "dbladeVfsGetAttrs", voErrDbladeVolGetAttr,
+                            opid, opSrcVid, rc, rc == 0 ? attrs->returnCode : 0);
         if (err != 0) {
             setAllErr(err);
             return err;
@@ -439,8 +438,9 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     std::string name = _sinkName;
     if (name.size() > static_cast<size_t>(VoRec::VNAME_MAX)) {
         // Deliberately a truncation, not a failure.
-        VO_TR(vo_sinkvol, vo_warn, "opid=%lld sink=%d volname is too long (%d) Truncate it for now\n",
-              opid, sinkVid, static_cast<int>(name.size()));
+        VO_TR(vo_sinkvol, vo_warn,
+              "opid=%lld sink=%d volname is too long (%d) Truncate it for now\n", opid, sinkVid,
+              static_cast<int>(name.size()));
         name.resize(VoRec::VNAME_MAX);
     }
 
@@ -484,8 +484,7 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
         setErr(voErrVldbRecordLookupRpc, st);
         return voErrVldbRecordLookupRpc;
     }
-    if (found->result == VLDB_RECORD_NOT_FOUND ||
-        (found->result == 0 && found->r.r_len == 0)) {
+    if (found->result == VLDB_RECORD_NOT_FOUND || (found->result == 0 && found->r.r_len == 0)) {
         VO_TR(vo_vldb, vo_warn, "opid=%lld no VLDB record for vfsid=%d LP=" VO_LP_FMT "\n", opid,
               srcVid, VO_LP_ARGS(srcLid));
         setErr(voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
@@ -506,9 +505,8 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VO_TR(vo_vldb, vo_audit, "opid=%lld call vldbCreateRecord for sink %d\n", opid, sinkVid);
     timeval t = now();
     err = vldbCreateRecord(clntVldb, sinkVid, _sinkRec.lid(), name.c_str(), name.c_str(),
-                           isSrcRW() ? RW_VFS : RO_VFS, 0, t.tv_sec,
-                           t.tv_usec, srcVldb.vserver, src.dataVersion, srcVldb.exportRuleset,
-                           srcVldb.appId);
+                           isSrcRW() ? RW_VFS : RO_VFS, 0, t.tv_sec, t.tv_usec, srcVldb.vserver,
+                           src.dataVersion, srcVldb.exportRuleset, srcVldb.appId);
     if (err != 0) {
         setAllErr(err);
         return err;
@@ -596,8 +594,7 @@ unsigned VoCopyState::progress(CLIENT* clntSrcDbladeIncrCopy) {
         if (status == VIC_EOPNOTFOUND) {
             // The D-blade has forgotten the stream: it will report nothing
             // more, so it counts as ended, and as failed.
-            VO_TR(vo_incrcopy, vo_warn, "opid=%lld the dblade no longer knows the stream\n",
-                  _opid);
+            VO_TR(vo_incrcopy, vo_warn, "opid=%lld the dblade no longer knows the stream\n", _opid);
             _dbladeIncrCopyRunning = false;
             _rollForward = false;
         }
@@ -759,25 +756,25 @@ unsigned VoCopyState::conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
         return concludeCopy(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
     }
     switch (failed) {
-    case 1:
-        VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.rc=%d expected=0\n", opid, int(p.rc));
-        break;
-    case 2:
-        VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.src.completionCode=%d expected=0\n", opid,
-              p.src.completionCode);
-        break;
-    case 3:
-        VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.src.status=%d expected=%d\n", opid,
-              int(p.src.status), int(VoDone));
-        break;
-    case 4:
-        VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.sink.isDone=%d expected TRUE\n", opid,
-              p.sink.isDone);
-        break;
-    default:
-        VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.sink.completionCode=%d expected=0 or %d\n", opid,
-              p.sink.completionCode, int(VIC_ESINKUPTODATE));
-        break;
+        case 1:
+            VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.rc=%d expected=0\n", opid, int(p.rc));
+            break;
+        case 2:
+            VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.src.completionCode=%d expected=0\n", opid,
+                  p.src.completionCode);
+            break;
+        case 3:
+            VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.src.status=%d expected=%d\n", opid,
+                  int(p.src.status), int(VoDone));
+            break;
+        case 4:
+            VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.sink.isDone=%d expected TRUE\n", opid,
+                  p.sink.isDone);
+            break;
+        default:
+            VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.sink.completionCode=%d expected=0 or %d\n",
+                  opid, p.sink.completionCode, int(VIC_ESINKUPTODATE));
+            break;
     }
     VO_TR(vo_vod, vo_audit, "opid=%lld call recover\n", opid);
     unsigned r = recover(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
@@ -847,8 +844,8 @@ unsigned VoCopyState::concludeCopy(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, C
         VO_TR(vo_vod, vo_audit, "opid=%lld call deleteOpSrc\n", opid);
         unsigned r = deleteOpSrc(clntVldb, clntSrcDbladeVol);
         if (r != 0) {
-            VO_TR(vo_vod, vo_warn, "opid=%lld deleteOpSrc vfsid=%d err=%d\n", opid,
-                  _opSrcRec.vid(), r);
+            VO_TR(vo_vod, vo_warn, "opid=%lld deleteOpSrc vfsid=%d err=%d\n", opid, _opSrcRec.vid(),
+                  r);
             if (failed == 0) failed = r;
         }
     }
@@ -890,18 +887,16 @@ unsigned VoCopyState::deleteSink(CLIENT* clntVldb) {
     VO_TR(vo_sinkvol, vo_audit, "opid=%lld call dbladeDeleteVfs vfsid=%d\n", opid, vid);
     err = dbladeDeleteVfs(sinkVol, vid, _sinkRec.lid());
     if (!volumeGone(err)) {
-        VO_TR(vo_sinkvol, vo_warn,
-              "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
-              err.func(), err.funcrc());
+        VO_TR(vo_sinkvol, vo_warn, "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n",
+              opid, vid, err.func(), err.funcrc());
         setAllErr(err);
         return err;
     }
     VO_TR(vo_vldb, vo_audit, "call opid=%lld vldbDeleteRecord vfsid=%d\n", opid, vid);
     err = vldbDeleteRecord(clntVldb, vid, _sinkRec.lid());
     if (err != 0) {
-        VO_TR(vo_vldb, vo_warn,
-              "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
-              err.func(), err.funcrc());
+        VO_TR(vo_vldb, vo_warn, "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n",
+              opid, vid, err.func(), err.funcrc());
         setAllErr(err);
     }
     return err;
@@ -914,18 +909,16 @@ unsigned VoCopyState::deleteOpSrc(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VO_TR(vo_srcvol, vo_audit, "opid=%lld call dbladeDeleteVfs vfsid=%d\n", opid, vid);
     VoErr err = dbladeDeleteVfs(clntSrcDbladeVol, vid, _opSrcRec.lid());
     if (!volumeGone(err)) {
-        VO_TR(vo_srcvol, vo_warn,
-              "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
-              err.func(), err.funcrc());
+        VO_TR(vo_srcvol, vo_warn, "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n",
+              opid, vid, err.func(), err.funcrc());
         setAllErr(err);
         return err;
     }
     VO_TR(vo_vldb, vo_audit, "opid=%lld call vldbDeleteRecord vfsid=%d\n", opid, vid);
     err = vldbDeleteRecord(clntVldb, vid, _opSrcRec.lid());
     if (err != 0) {
-        VO_TR(vo_vldb, vo_warn,
-              "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
-              err.func(), err.funcrc());
+        VO_TR(vo_vldb, vo_warn, "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n",
+              opid, vid, err.func(), err.funcrc());
         setAllErr(err);
     }
     return err;
@@ -951,21 +944,21 @@ unsigned VoCopyState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
             return VOD_ERR_INTERNAL;
         }
         switch (r->role()) {
-        case VoRec::VODB_ROLE_SRC:
-            _srcRec = *r;
-            haveSrc = true;
-            break;
-        case VoRec::VODB_ROLE_SINK:
-            _sinkRec = *r;
-            break;
-        case VoRec::VODB_ROLE_OPSRC:
-            _opSrcRec = *r;
-            break;
-        default:
-            VO_TR(vo_vod, vo_warn, "opid=%lld has a VODB rec with an unexpected role %d\n", opid,
-                  static_cast<int>(r->role()));
-            setErr(voErrVodCrashRecovery, VOD_ERR_INTERNAL);
-            return VOD_ERR_INTERNAL;
+            case VoRec::VODB_ROLE_SRC:
+                _srcRec = *r;
+                haveSrc = true;
+                break;
+            case VoRec::VODB_ROLE_SINK:
+                _sinkRec = *r;
+                break;
+            case VoRec::VODB_ROLE_OPSRC:
+                _opSrcRec = *r;
+                break;
+            default:
+                VO_TR(vo_vod, vo_warn, "opid=%lld has a VODB rec with an unexpected role %d\n",
+                      opid, static_cast<int>(r->role()));
+                setErr(voErrVodCrashRecovery, VOD_ERR_INTERNAL);
+                return VOD_ERR_INTERNAL;
         }
         VO_TR(vo_vod, vo_audit, "opid=%lld, vfs %d, role %d\n", opid, r->vid(),
               static_cast<int>(r->role()));

@@ -34,7 +34,7 @@
 #include "vostate.h"
 
 class VoCopyState : public VoState {
-public:
+  public:
     // The D-blades count stream progress in blocks of this size.
     static constexpr unsigned STREAM_BLOCK_SIZE = 4096;
 
@@ -136,7 +136,7 @@ public:
     // (0 or VIC_ESINKUPTODATE); 0 when it passes them all.
     static int failedSuccessTest(const VoCopyPgrsOut& p);
 
-protected:
+  protected:
     // False when a recorded operation conflicts with the sink or the source;
     // the error is then (voErrVodValidate, that operation's busy code).
     bool validate(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) override;
@@ -153,7 +153,7 @@ protected:
     VoRec _opSrcRec;
     VoCopyPgrsOut _pgrs;
 
-private:
+  private:
     // The sink's name as requested; mkOpSrcSink names the sink with at most
     // VoRec::VNAME_MAX characters of it. Set by addStream only.
     std::string _sinkName;

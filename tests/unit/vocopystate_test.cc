@@ -25,7 +25,7 @@ const unsigned long long kOpid = 7;
 
 // A copy whose protected steps and state the tests reach directly.
 class TestCopy : public VoCopyState {
-public:
+  public:
     using VoCopyState::mkOpSrcSink;
     using VoCopyState::validate;
 
@@ -64,7 +64,7 @@ VoCopyPgrsOut goodStream() {
 // 127.0.0.1 for every D-blade, and the D-blade's volume and incremental-copy
 // programs. Every answer is the test's to set; the calls are recorded.
 class CopyTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         VoDldb::initialize();
         memset(&attrs, 0, sizeof attrs);
@@ -121,13 +121,12 @@ protected:
         vldb.on<u_quad_t, int>(VODB_DELETE_BY_OPID, xdr_u_quad_t, xdr_int,
                                [](u_quad_t&, int& r) { r = 0; });
 
-        vol.on<VolGetattrIn, VolGetattrOut_t>(
-            VOLGETATTR, xdr_VolGetattrIn, xdr_VolGetattrOut_t,
-            [this](VolGetattrIn&, VolGetattrOut_t& r) {
-                std::lock_guard<std::mutex> g(m);
-                r.returnCode = getattrStatus;
-                r.return_volattrs = attrs;
-            });
+        vol.on<VolGetattrIn, VolGetattrOut_t>(VOLGETATTR, xdr_VolGetattrIn, xdr_VolGetattrOut_t,
+                                              [this](VolGetattrIn&, VolGetattrOut_t& r) {
+                                                  std::lock_guard<std::mutex> g(m);
+                                                  r.returnCode = getattrStatus;
+                                                  r.return_volattrs = attrs;
+                                              });
         vol.on<VolCloneIn, VolCloneOut_t>(VOLCLONE, xdr_VolCloneIn, xdr_VolCloneOut_t,
                                           [this](VolCloneIn& in, VolCloneOut_t&) {
                                               std::lock_guard<std::mutex> g(m);
@@ -476,8 +475,8 @@ TEST_F(CopyTest, AFailedOrForgottenStreamIsRolledBack) {
 TEST_F(CopyTest, RecoveryStrategyTable) {
     struct Row {
         const char* what;
-        unsigned lpConvert;   // VLDB status of vldb_lp_convert_3
-        unsigned getattr;     // D-blade status for the sink
+        unsigned lpConvert;  // VLDB status of vldb_lp_convert_3
+        unsigned getattr;    // D-blade status for the sink
         unsigned long long sinkDver;
         int vldbStatus;
         unsigned vldbRecs;
