@@ -85,6 +85,31 @@ VoErr dbladeOutcome(Site at, VoTrace::Module mod, const char* call, voErrFunc fu
     return VoErr();
 }
 
+// 0 when a step has its clients, else 5003 / 5004 recorded in op as (func,
+// code) and traced from the step's site. The second form is for the steps
+// that also use the incremental-copy client.
+unsigned missingClient(VoState& op, Site at, voErrFunc func, CLIENT* clntVldb,
+                       CLIENT* clntSrcDbladeVol) {
+    const char* which = clntVldb == nullptr ? "clntVldb" : "clntSrcDbladeVol";
+    if (clntVldb != nullptr && clntSrcDbladeVol != nullptr) return 0;
+    if (VoTrace::wants(VoTrace::vo_vod, VoTrace::vo_warn))
+        VoTrace::tr(VoTrace::vo_vod, VoTrace::vo_warn, "%s %d %s=0\n", at.fn, at.line, which);
+    unsigned code = clntVldb == nullptr ? VOD_ERR_NO_VLDB_CLIENT : VOD_ERR_NO_DBLADE_CLIENT;
+    op.setErr(func, code);
+    return code;
+}
+
+unsigned missingClient(VoState& op, Site at, voErrFunc func, CLIENT* clntVldb,
+                       CLIENT* clntSrcDbladeVol, CLIENT* clntSrcDbladeIncrCopy) {
+    if (unsigned r = missingClient(op, at, func, clntVldb, clntSrcDbladeVol)) return r;
+    if (clntSrcDbladeIncrCopy != nullptr) return 0;
+    if (VoTrace::wants(VoTrace::vo_vod, VoTrace::vo_warn))
+        VoTrace::tr(VoTrace::vo_vod, VoTrace::vo_warn, "%s %d clntSrcDbladeIncrCopy=0\n", at.fn,
+                    at.line);
+    op.setErr(func, VOD_ERR_NO_DBLADE_CLIENT);
+    return VOD_ERR_NO_DBLADE_CLIENT;
+}
+
 // The VLDB records of (vfsid, lid). RPC failures and statuses are the
 // caller's to judge; res frees the answer.
 clnt_stat lookupVldb(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid,
@@ -333,16 +358,8 @@ unsigned VoCopyState::mkRec(CLIENT* clntVldb) {
 
 unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VoTrace::Depth depth;
-    if (clntVldb == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
-        setErr(voErrVodMkOpSrcSink, VOD_ERR_NO_VLDB_CLIENT);
-        return VOD_ERR_NO_VLDB_CLIENT;
-    }
-    if (clntSrcDbladeVol == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
-        setErr(voErrVodMkOpSrcSink, VOD_ERR_NO_DBLADE_CLIENT);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
+    if (unsigned r = missingClient(*this, VO_SITE, voErrVodMkOpSrcSink, clntVldb, clntSrcDbladeVol))
+        return r;
     const unsigned long long opid = _opid;
     const unsigned srcVid = _srcRec.vid();
     const unsigned opSrcVid = _opSrcRec.vid();
@@ -728,21 +745,9 @@ void VoCopyState::cancel(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
 unsigned VoCopyState::conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
                                CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
-    if (clntVldb == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
-        setErr(voErrVodConclude, VOD_ERR_NO_VLDB_CLIENT);
-        return VOD_ERR_NO_VLDB_CLIENT;
-    }
-    if (clntSrcDbladeVol == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
-        setErr(voErrVodConclude, VOD_ERR_NO_DBLADE_CLIENT);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
-    if (clntSrcDbladeIncrCopy == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeIncrCopy=0\n");
-        setErr(voErrVodConclude, VOD_ERR_NO_DBLADE_CLIENT);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
+    if (unsigned r = missingClient(*this, VO_SITE, voErrVodConclude, clntVldb, clntSrcDbladeVol,
+                                   clntSrcDbladeIncrCopy))
+        return r;
     const long long opid = static_cast<long long>(_opid);
 
     // The service thread may still be answering a progress poll.
@@ -1050,21 +1055,9 @@ unsigned VoCopyState::determineRecoveryStrategy(CLIENT* clntVldb, VoRec& sink) {
 unsigned VoCopyState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
                                        CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
-    if (clntVldb == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
-        setErr(voErrVodCrashRecovery, VOD_ERR_NO_VLDB_CLIENT);
-        return VOD_ERR_NO_VLDB_CLIENT;
-    }
-    if (clntSrcDbladeVol == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
-        setErr(voErrVodCrashRecovery, VOD_ERR_NO_DBLADE_CLIENT);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
-    if (clntSrcDbladeIncrCopy == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeIncrCopy=0\n");
-        setErr(voErrVodCrashRecovery, VOD_ERR_NO_DBLADE_CLIENT);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
+    if (unsigned r = missingClient(*this, VO_SITE, voErrVodCrashRecovery, clntVldb,
+                                   clntSrcDbladeVol, clntSrcDbladeIncrCopy))
+        return r;
     if (retiredFromVodb()) {
         VO_TR(vo_vod, vo_audit, "retiredFromVodb()=1 already\n");
         return 0;
