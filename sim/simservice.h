@@ -13,6 +13,7 @@
 
 #include <rpc/rpc.h>
 
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 
@@ -31,7 +32,10 @@ bool_t simServe(const char* proc, Res* res, Status* status, Body body) {
   SimFaultVerdict v = simFault(proc);
   if (v.kind == SimFaultKind::Drop) return FALSE;
   if (v.kind == SimFaultKind::Status) {
-    *status = static_cast<Status>(v.status);
+    // The status field may be an enum that has no name for the number asked for.
+    static_assert(sizeof(Status) == sizeof(uint32_t), "a status is one XDR unit");
+    uint32_t raw = v.status;
+    std::memcpy(static_cast<void*>(status), &raw, sizeof raw);
     return TRUE;
   }
   std::lock_guard<std::mutex> g(SimNode::get().lock());
