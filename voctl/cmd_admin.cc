@@ -70,6 +70,19 @@ const char* lookupName(const EnumName* table, size_t n, unsigned value) {
     return "?";
 }
 
+// A vod failure: "voctl: msg" on standard error and, with --json, detail
+// plus "error" and "status" on standard output. Returns kExitVodFailure.
+int vodFailure(Context& ctx, const std::string& msg, nlohmann::json detail) {
+    std::fprintf(stderr, "voctl: %s\n", msg.c_str());
+    if (ctx.out.json()) {
+        detail["error"] = msg;
+        detail["status"] = kExitVodFailure;
+        std::printf("%s\n", detail.dump().c_str());
+        std::fflush(stdout);
+    }
+    return kExitVodFailure;
+}
+
 std::string hex32(unsigned v) {
     char buf[16];
     std::snprintf(buf, sizeof buf, "0x%08X", v);
@@ -103,15 +116,8 @@ std::string decodeCode(VoClient* c, unsigned code) {
 
 int codeFailure(Context& ctx, VoClient* c, const std::string& what, unsigned code) {
     std::string decoded = decodeCode(c, code);
-    std::string msg = what + " failed: code " + hex32(code) + " " + decoded;
-    std::fprintf(stderr, "voctl: %s\n", msg.c_str());
-    if (ctx.out.json()) {
-        nlohmann::json obj = {
-            {"error", msg}, {"status", kExitVodFailure}, {"code", code}, {"decoded", decoded}};
-        std::printf("%s\n", obj.dump().c_str());
-        std::fflush(stdout);
-    }
-    return kExitVodFailure;
+    return vodFailure(ctx, what + " failed: code " + hex32(code) + " " + decoded,
+                      {{"code", code}, {"decoded", decoded}});
 }
 
 nlohmann::json voOutJson(const VoOut& out) {
@@ -126,16 +132,7 @@ int voOutFailure(Context& ctx, const std::string& what, const VoOut& out) {
     char buf[256];
     std::snprintf(buf, sizeof buf, " failed: rc=%d %s func=%d %s funcrc=%u (%#x)", out.rc,
                   rcName(out.rc), out.func, funcName(out.func), out.funcrc, out.funcrc);
-    std::string msg = what + buf;
-    std::fprintf(stderr, "voctl: %s\n", msg.c_str());
-    if (ctx.out.json()) {
-        nlohmann::json obj = voOutJson(out);
-        obj["error"] = msg;
-        obj["status"] = kExitVodFailure;
-        std::printf("%s\n", obj.dump().c_str());
-        std::fflush(stdout);
-    }
-    return kExitVodFailure;
+    return vodFailure(ctx, what + buf, voOutJson(out));
 }
 
 int resolveLp(Context& ctx, const std::string& text, LpId* out) {

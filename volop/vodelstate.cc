@@ -115,6 +115,19 @@ unsigned VoDelState::startStream(CLIENT*, CLIENT*) {
 
 // --- the delete -------------------------------------------------------------
 
+unsigned VoDelState::missingClient(voErrFunc func, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
+    unsigned missing = 0;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        missing = VOD_ERR_NO_VLDB_CLIENT;
+    } else if (clntSrcDbladeVol == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
+        missing = VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    if (missing != 0) setErr(func, missing);
+    return missing;
+}
+
 bool VoDelState::addSrc(unsigned vid, const unsigned char* lid) {
     if (_srcRec.vid() != 0) {
         setErr(voErrVodAddStream, VOD_ERR_INTERNAL);
@@ -130,16 +143,10 @@ bool VoDelState::addSrc(unsigned vid, const unsigned char* lid) {
 
 unsigned VoDelState::prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VoTrace::Depth depth;
-    if (clntVldb == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
-        setAllErr(voErrValidate, voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT);
-        return VOD_ERR_NO_VLDB_CLIENT;
-    }
-    if (clntSrcDbladeVol == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
-        setAllErr(voErrValidate, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
+    // Unlike the shared prepare, no look for the source: a volume already gone
+    // is deleted all the same.
+    if (unsigned missing = refuseMissingClients(voErrValidate, clntVldb, clntSrcDbladeVol))
+        return missing;
 
     VO_TR(vo_vod, vo_audit, "cache all latest vodb recs\n");
     VoErr err = VodbCacheLock::refreshVodbCache(clntVldb);
@@ -229,16 +236,8 @@ unsigned VoDelState::mkRec(CLIENT* clntVldb) {
 
 unsigned VoDelState::del(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VoTrace::Depth depth;
-    if (clntVldb == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
-        setErr(voErrVodSanityCheck, VOD_ERR_NO_VLDB_CLIENT);
-        return VOD_ERR_NO_VLDB_CLIENT;
-    }
-    if (clntSrcDbladeVol == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
-        setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
+    if (unsigned missing = missingClient(voErrVodSanityCheck, clntVldb, clntSrcDbladeVol))
+        return missing;
     // Nothing to report as progress: nobody will come for a last reading.
     setMgmtGotLastProgress();
 
@@ -319,16 +318,8 @@ unsigned VoDelState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
 
 unsigned VoDelState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, CLIENT*) {
     VoTrace::Depth depth;
-    if (clntVldb == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
-        setErr(voErrVodCrashRecovery, VOD_ERR_NO_VLDB_CLIENT);
-        return VOD_ERR_NO_VLDB_CLIENT;
-    }
-    if (clntSrcDbladeVol == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
-        setErr(voErrVodCrashRecovery, VOD_ERR_NO_DBLADE_CLIENT);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
+    if (unsigned missing = missingClient(voErrVodCrashRecovery, clntVldb, clntSrcDbladeVol))
+        return missing;
     if (retiredFromVodb()) {
         VO_TR(vo_vod, vo_warn, "retiredFromVodb()=1 already\n");
         setAllErr(voErrCrashRecovery, voErrVodCrashRecovery, VOD_ERR_INTERNAL);

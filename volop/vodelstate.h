@@ -98,6 +98,10 @@ protected:
     unsigned startStream(CLIENT* clntSrcDbladeIncrCopy, CLIENT* clntSrcDbladeVol) override;
 
 private:
+    // The first of the two clients that is missing, traced and recorded as
+    // (func, 5003 or 5004) without a high-level code; 0 when both are there.
+    unsigned missingClient(voErrFunc func, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
+
     // Leaf lock over _err: nothing else is taken while it is held.
     std::mutex _errLock;
     VoErrTriple _err;

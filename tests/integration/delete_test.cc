@@ -7,6 +7,7 @@
 #include <rpc/rpc.h>
 
 #include <atomic>
+#include <set>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -21,16 +22,13 @@ constexpr double kRecoverySec = 75;
 
 class DeleteTest : public AdminTest {
  protected:
-    bool hasVolume(uint32_t vfsid) {
-        for (const auto& k : volumeKeys())
+    static bool holds(const std::set<VolumeKey>& keys, uint32_t vfsid) {
+        for (const auto& k : keys)
             if (k.second == vfsid) return true;
         return false;
     }
-    bool hasVldbRecord(uint32_t vfsid) {
-        for (const auto& k : vldbKeys())
-            if (k.second == vfsid) return true;
-        return false;
-    }
+    bool hasVolume(uint32_t vfsid) { return holds(volumeKeys(), vfsid); }
+    bool hasVldbRecord(uint32_t vfsid) { return holds(vldbKeys(), vfsid); }
     // The one VODB record, which must be the delete of vfsid.
     void expectOneDeleteRecorded(uint32_t vfsid) {
         auto recs = vodbRecords();
