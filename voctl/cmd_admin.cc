@@ -1,10 +1,10 @@
 // Volume administration: voctl create, clone, delete, delete-by-name,
 // delete-by-id, set-ro, set-rw, find. Each is one call to vod; a failure
 // prints its code with the decoded text and exits with status 1.
-#include <CLI/CLI.hpp>
 #include <arpa/inet.h>
 #include <sys/time.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -31,37 +31,44 @@ struct EnumName {
 #define N(x) \
     { static_cast<unsigned>(x), #x }
 const EnumName kRcNames[] = {
-    N(voErrRcSuccess), N(voErrEndStream), N(voErrRollForwardOp), N(voErrRollBackOp),
-    N(voErrNoSuchOp), N(voErrNoResource), N(voErrRpcFailure), N(VoErrDblade), N(voErrValidate),
-    N(voErrPersistOp), N(voErrMakeVFS), N(voErrStartStream), N(voErrCrashRecovery),
-    N(voErrProgress), N(voErrSrcVFSNotExist), N(voErrSinkVFSNotExist), N(voErrSinkVFSExist),
-    N(VoErrVldb), N(VoJobInit), N(voErrNotEnoughSpaceSinkLP),
+    N(voErrRcSuccess),     N(voErrEndStream),  N(voErrRollForwardOp),  N(voErrRollBackOp),
+    N(voErrNoSuchOp),      N(voErrNoResource), N(voErrRpcFailure),     N(VoErrDblade),
+    N(voErrValidate),      N(voErrPersistOp),  N(voErrMakeVFS),        N(voErrStartStream),
+    N(voErrCrashRecovery), N(voErrProgress),   N(voErrSrcVFSNotExist), N(voErrSinkVFSNotExist),
+    N(voErrSinkVFSExist),  N(VoErrVldb),       N(VoJobInit),           N(voErrNotEnoughSpaceSinkLP),
 };
+// One line per hundred, as the protocol groups them.
+// clang-format off
 const EnumName kFuncNames[] = {
-    N(voErrFuncSuccess), N(voErrGetHostByDid), N(voErrLpListAll), N(voErrVldbRecordLookup),
-    N(voErrVldbNewVfsid), N(voErrVldbCreateRecord), N(voErrVldbDeleteRecord), N(voErrVldbLpConvert),
-    N(voErrVldbRecordModify), N(voErrVodbOpidLookUp), N(voErrVodbLookup),
-    N(voErrVodbUpdateOptypeByOpid), N(voErrVodbDeleteByOpid), N(voErrVodbCreate),
+    N(voErrFuncSuccess),
+    N(voErrGetHostByDid), N(voErrLpListAll),
+    N(voErrVldbRecordLookup), N(voErrVldbNewVfsid), N(voErrVldbCreateRecord),
+    N(voErrVldbDeleteRecord), N(voErrVldbLpConvert), N(voErrVldbRecordModify),
+    N(voErrVodbOpidLookUp), N(voErrVodbLookup), N(voErrVodbUpdateOptypeByOpid),
+    N(voErrVodbDeleteByOpid), N(voErrVodbCreate),
     N(voErrDbladeVolClone), N(voErrDbladeVolGetAttr), N(voErrDbladeVolSetAttr),
     N(voErrDbladeVolCreate), N(voErrDbladeVolDelete), N(voErrDbladeVolSwapVolId),
     N(voErrDbladeIncrCopyMirror), N(voErrDbladeIncrCopyCancel), N(voErrDbladeIncrCopyPause),
     N(voErrDbladeIncrCopyResume), N(voErrDbladeIncrCopyMove), N(voErrDbladeIncrCopyProgress),
-    N(voErrDbladeIncrCopyConclude), N(voErrVodClntTcpCreate), N(voErrVodAllocVoRec),
-    N(voErrVodAllocVoSinkPgrs), N(voErrVodAllocVoState), N(voErrVodVldbGetDataVer),
-    N(voErrVodAttrGetDataVer), N(voErrVodCrashRecovery), N(voErrVodMirrorAdjustvid),
-    N(voErrVodMirrorAdjustattr), N(voErrVodProgress), N(voErrVodConclude), N(voErrVodCancel),
-    N(voErrVodStartStream), N(voErrVodMkOpSrcSink), N(voErrVodMkVodbRec), N(voErrVodValidate),
-    N(voErrVodAddStream), N(voErrVodSanityCheck), N(voErrGetHostByDidRpc), N(voErrLpListAllRpc),
+    N(voErrDbladeIncrCopyConclude),
+    N(voErrVodClntTcpCreate), N(voErrVodAllocVoRec), N(voErrVodAllocVoSinkPgrs),
+    N(voErrVodAllocVoState), N(voErrVodVldbGetDataVer), N(voErrVodAttrGetDataVer),
+    N(voErrVodCrashRecovery), N(voErrVodMirrorAdjustvid), N(voErrVodMirrorAdjustattr),
+    N(voErrVodProgress), N(voErrVodConclude), N(voErrVodCancel), N(voErrVodStartStream),
+    N(voErrVodMkOpSrcSink), N(voErrVodMkVodbRec), N(voErrVodValidate), N(voErrVodAddStream),
+    N(voErrVodSanityCheck),
+    N(voErrGetHostByDidRpc), N(voErrLpListAllRpc),
     N(voErrVldbRecordLookupRpc), N(voErrVldbNewVfsidRpc), N(voErrVldbCreateRecordRpc),
     N(voErrVldbDeleteRecordRpc), N(voErrVldbLpConvertRpc), N(voErrVldbRecordModifyRpc),
     N(voErrVodbOpidLookUpRpc), N(voErrVodbLookupRpc), N(voErrVodbUpdateOptypeByOpidRpc),
-    N(voErrVodbDeleteByOpidRpc), N(voErrVodbCreateRpc), N(voErrDbladeVolCloneRpc),
-    N(voErrDbladeVolGetAttrRpc), N(voErrDbladeVolSetAttrRpc), N(voErrDbladeVolCreateRpc),
-    N(voErrDbladeVolDeleteRpc), N(voErrDbladeVolSwapVolIdRpc), N(voErrDbladeIncrCopyMirrorRpc),
-    N(voErrDbladeIncrCopyCancelRpc), N(voErrDbladeIncrCopyPauseRpc),
-    N(voErrDbladeIncrCopyResumeRpc), N(voErrDbladeIncrCopyMoveRpc),
-    N(voErrDbladeIncrCopyProgressRpc), N(voErrDbladeIncrCopyConcludeRpc), N(voErrValidateSinkDV)
+    N(voErrVodbDeleteByOpidRpc), N(voErrVodbCreateRpc),
+    N(voErrDbladeVolCloneRpc), N(voErrDbladeVolGetAttrRpc), N(voErrDbladeVolSetAttrRpc),
+    N(voErrDbladeVolCreateRpc), N(voErrDbladeVolDeleteRpc), N(voErrDbladeVolSwapVolIdRpc),
+    N(voErrDbladeIncrCopyMirrorRpc), N(voErrDbladeIncrCopyCancelRpc),
+    N(voErrDbladeIncrCopyPauseRpc), N(voErrDbladeIncrCopyResumeRpc), N(voErrDbladeIncrCopyMoveRpc),
+    N(voErrDbladeIncrCopyProgressRpc), N(voErrDbladeIncrCopyConcludeRpc), N(voErrValidateSinkDV),
 };
+// clang-format on
 #undef N
 
 const char* lookupName(const EnumName* table, size_t n, unsigned value) {
@@ -189,9 +196,9 @@ int create(Context& ctx, const std::string& name, const std::string& pool,
     XdrResult<CreateVfsOut> res(xdr_CreateVfsOut);
     if (c->call(createvfs_1, &in, res.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
     if (res->code != 0) return codeFailure(ctx, c.get(), "create of '" + name + "'", res->code);
-    ctx.out.result({{"name", name}, {"lp", pool}, {"vserver", vserver}, {"vfsid", res->vfsId}},
-                   "created volume '" + name + "' on " + pool + ": vfsid " +
-                       std::to_string(res->vfsId));
+    ctx.out.result(
+        {{"name", name}, {"lp", pool}, {"vserver", vserver}, {"vfsid", res->vfsId}},
+        "created volume '" + name + "' on " + pool + ": vfsid " + std::to_string(res->vfsId));
     return kExitOk;
 }
 
@@ -225,8 +232,8 @@ int voInCall(Context& ctx, VoInStub stub, const char* verb, const std::string& i
     fillVoIn(&in, vfsId, lp);
     XdrResult<VoOut> res(xdr_VoOut);
     if (c->call(stub, &in, res.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
-    std::string what = std::string(verb) + " of vfsid " + std::to_string(vfsId) + " on LP " +
-                       lpText(lp);
+    std::string what =
+        std::string(verb) + " of vfsid " + std::to_string(vfsId) + " on LP " + lpText(lp);
     if (res->rc != voErrRcSuccess) return voOutFailure(ctx, what, *res);
     nlohmann::json obj = voOutJson(*res);
     obj["vfsid"] = vfsId;
@@ -250,10 +257,10 @@ int deleteBy(Context& ctx, const std::string& what, bool byName, const std::stri
     }
     if (st != RPC_SUCCESS) return ctx.callFailed(*c);
     if (code != 0) return codeFailure(ctx, c.get(), what, code);
-    ctx.out.result({{byName ? "name" : "vfsid", byName ? nlohmann::json(arg)
-                                                         : nlohmann::json(*parseU32(arg))},
-                    {"code", 0}},
-                   what + ": done");
+    ctx.out.result(
+        {{byName ? "name" : "vfsid", byName ? nlohmann::json(arg) : nlohmann::json(*parseU32(arg))},
+         {"code", 0}},
+        what + ": done");
     return kExitOk;
 }
 
@@ -316,26 +323,25 @@ const CommandRegistrar cloneReg(
         return [=](Context& ctx) { return clone(ctx, *id); };
     });
 
-const CommandRegistrar deleteReg(
-    "delete", "Delete a volume given by VFS id and LP (a recorded operation)",
-    [](CLI::App& sub) { return voInSetup(sub, vodelete_1, "delete"); });
+const CommandRegistrar deleteReg("delete",
+                                 "Delete a volume given by VFS id and LP (a recorded operation)",
+                                 [](CLI::App& sub) {
+                                     return voInSetup(sub, vodelete_1, "delete");
+                                 });
 
 const CommandRegistrar deleteByNameReg(
     "delete-by-name", "Delete the one volume of that name", [](CLI::App& sub) -> Action {
         auto name = std::make_shared<std::string>();
         sub.add_option("NAME", *name, "the volume's name")->required();
-        return [=](Context& ctx) {
-            return deleteBy(ctx, "delete of '" + *name + "'", true, *name);
-        };
+        return
+            [=](Context& ctx) { return deleteBy(ctx, "delete of '" + *name + "'", true, *name); };
     });
 
 const CommandRegistrar deleteByIdReg(
     "delete-by-id", "Delete the one volume with that VFS id", [](CLI::App& sub) -> Action {
         auto id = std::make_shared<std::string>();
         sub.add_option("VFSID", *id, "the volume's VFS id")->required()->check(u32Check());
-        return [=](Context& ctx) {
-            return deleteBy(ctx, "delete of vfsid " + *id, false, *id);
-        };
+        return [=](Context& ctx) { return deleteBy(ctx, "delete of vfsid " + *id, false, *id); };
     });
 
 const CommandRegistrar setRoReg("set-ro", "Make a volume read-only",

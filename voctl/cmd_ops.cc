@@ -1,9 +1,9 @@
 // Recorded operations: voctl ops lists the VODB as the VLDB holds it (what is
 // in flight, whether or not vod runs); voctl purge drops one operation's
 // records through vod.
-#include <CLI/CLI.hpp>
 #include <sys/time.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <string>

@@ -175,7 +175,8 @@ void VoServer::vfsDelete(VoIn* in, VoOut* out) {
     }
     // Its VODB record stays: the registry hands it to recovery, which finishes
     // the delete.
-    VO_TR(vo_vod, vo_warn, "opid=%lld failed to clean up.\n", static_cast<long long>(op->getOpid()));
+    VO_TR(vo_vod, vo_warn, "opid=%lld failed to clean up.\n",
+          static_cast<long long>(op->getOpid()));
     voStateList.addNewOp(op, 0);
     VO_TR_RAW(vo_vod, vo_audit,
               "Stored pVo=0x%p in _voStates. Attempt clean up later.  _voStates.size=%d\n\n",
@@ -302,9 +303,9 @@ void VoServer::vfsCreate(CreateVfsIn* in, CreateVfsOut* out) {
     timeval now;
     gettimeofday(&now, nullptr);
     const unsigned isRoot = in->flags & kCreateVfsRoot;
-    VoErr err = VoState::vldbCreateRecord(vldb, vfsId, lid, in->vfsName, in->vfsName, RW_VFS,
-                                          isRoot, now.tv_sec, now.tv_usec, vserver, 0,
-                                          kNoExportRuleset, APP_NONE);
+    VoErr err =
+        VoState::vldbCreateRecord(vldb, vfsId, lid, in->vfsName, in->vfsName, RW_VFS, isRoot,
+                                  now.tv_sec, now.tv_usec, vserver, 0, kNoExportRuleset, APP_NONE);
     if (err != 0) {
         VO_TR(vo_vod, vo_warn, "vldbCreateRecord for vfsId=%u, name=%s failed; code=%u\n", vfsId,
               in->vfsName, err.funcrc());
@@ -382,10 +383,10 @@ unsigned cloneVolume(VoServer& server, unsigned vfsId, unsigned* cloneId, std::s
         dataVer = attrs->return_volattrs.dataVersion;
         createTime = attrs->return_volattrs.createTime;
         *cloneName = cloneNameOf(src.vfsname, newId);
-        VoErr err = VoState::vldbCreateRecord(
-            vldb, newId, lid, cloneName->c_str(), src.family, CLONE, 0,
-            attrCreateTimeToSec(createTime), attrCreateTimeToNSec(createTime) / 1000, src.vserver,
-            dataVer, src.exportRuleset, src.appId);
+        VoErr err = VoState::vldbCreateRecord(vldb, newId, lid, cloneName->c_str(), src.family,
+                                              CLONE, 0, attrCreateTimeToSec(createTime),
+                                              attrCreateTimeToNSec(createTime) / 1000, src.vserver,
+                                              dataVer, src.exportRuleset, src.appId);
         if (err != 0) {
             VO_TR(vo_vod, vo_warn, "vldbCreateRecord for vfsId=%u, name=%s failed; code=%u\n",
                   newId, cloneName->c_str(), err.funcrc());

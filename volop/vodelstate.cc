@@ -10,8 +10,8 @@
 #include "vldb_lit.h"
 #include "vldb_server.h"
 #include "vodbCache.h"
-#include "votrace.h"
 #include "vorpcclient.h"
+#include "votrace.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ namespace {
 const unsigned kDbladeVolumeGone = 21;
 
 #define LP_FMT "LP=0x%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X"
-#define LP_ARGS(l)                                                                              \
+#define LP_ARGS(l)                                                                           \
     (l)[0], (l)[1], (l)[2], (l)[3], (l)[4], (l)[5], (l)[6], (l)[7], (l)[8], (l)[9], (l)[10], \
         (l)[11], (l)[12], (l)[13], (l)[14], (l)[15]
 
@@ -77,9 +77,7 @@ bool VoDelState::isUsing(unsigned vid, const unsigned char* lid, VoRec::VoType t
     return _srcRec.opType() == type && _srcRec.role() == role && isUsing(vid, lid);
 }
 
-bool VoDelState::isUsing(const unsigned char* lid) {
-    return memcmp(_srcRec.lid(), lid, 16) == 0;
-}
+bool VoDelState::isUsing(const unsigned char* lid) { return memcmp(_srcRec.lid(), lid, 16) == 0; }
 
 bool VoDelState::isUsing(unsigned vid, const unsigned char* lid) {
     return _srcRec.vid() == vid && isUsing(lid);
@@ -223,8 +221,8 @@ unsigned VoDelState::mkRec(CLIENT* clntVldb) {
     int status = res->result;
     unsigned long long opid = res->out_create_opid;
     if (status != 0) {
-        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld err %s \n",
-              static_cast<long long>(_opid), statLit(status));
+        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld err %s \n", static_cast<long long>(_opid),
+              statLit(status));
         setErr(voErrVodbCreate, status);
         return voErrVodbCreate;
     }
@@ -332,7 +330,8 @@ unsigned VoDelState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol
         VO_TR(vo_vod, vo_warn, "opid=%lld leaves everything intact. Just purge the op\n", opid);
         VoErr r = deleteVodbRec(clntVldb);
         if (r != 0) {
-            VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, static_cast<unsigned>(r));
+            VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid,
+                  static_cast<unsigned>(r));
             setAllErr(r);
             return r;
         }

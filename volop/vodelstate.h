@@ -25,7 +25,7 @@
 #include "vostate.h"
 
 class VoDelState : public VoState {
-public:
+  public:
     // A delete starts marked as concluded and complete: there is never a
     // stream for the registry to wait for.
     VoDelState();
@@ -87,7 +87,7 @@ public:
     // the operation is retired from the VODB.
     unsigned del(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
 
-protected:
+  protected:
     // False when another recorded operation uses the volume in any role; the
     // error is then (voErrVodValidate, that operation's busy code).
     bool validate(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) override;
@@ -97,7 +97,7 @@ protected:
     unsigned mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) override;
     unsigned startStream(CLIENT* clntSrcDbladeIncrCopy, CLIENT* clntSrcDbladeVol) override;
 
-private:
+  private:
     // The first of the two clients that is missing, traced and recorded as
     // (func, 5003 or 5004) without a high-level code; 0 when both are there.
     unsigned missingClient(voErrFunc func, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);

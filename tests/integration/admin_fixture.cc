@@ -25,10 +25,14 @@ SimVolumeRow parseVolumeLine(const std::string& line) {
         size_t eq = field.find('=');
         if (eq == std::string::npos) continue;
         std::string k = field.substr(0, eq), val = field.substr(eq + 1);
-        if (k == "lp") v.lp = val;
-        else if (k == "vfsid") v.vfsid = static_cast<uint32_t>(std::stoul(val));
-        else if (k == "type") v.type = val;
-        else if (k == "hidden") v.hidden = val == "1";
+        if (k == "lp")
+            v.lp = val;
+        else if (k == "vfsid")
+            v.vfsid = static_cast<uint32_t>(std::stoul(val));
+        else if (k == "type")
+            v.type = val;
+        else if (k == "hidden")
+            v.hidden = val == "1";
     }
     return v;
 }
@@ -100,13 +104,15 @@ std::set<VolumeKey> AdminTest::volumeKeys() {
 
 std::set<VolumeKey> AdminTest::vldbKeys() {
     std::set<VolumeKey> keys;
-    for (const auto& r : vldb()) keys.insert({r["lp"].get<std::string>(), r["vfsid"].get<uint32_t>()});
+    for (const auto& r : vldb())
+        keys.insert({r["lp"].get<std::string>(), r["vfsid"].get<uint32_t>()});
     return keys;
 }
 
 uint64_t AdminTest::addVodbRecord(uint64_t opid, const std::string& type, uint32_t vfsid,
                                   const std::string& lp, const std::string& role) {
-    std::string out = sim({"vodb-add", std::to_string(opid), type, std::to_string(vfsid), lp, role});
+    std::string out =
+        sim({"vodb-add", std::to_string(opid), type, std::to_string(vfsid), lp, role});
     return std::strtoull(out.c_str(), nullptr, 10);
 }
 
@@ -242,11 +248,11 @@ void AdminTest::expectVldbAgreesWithDblades() {
     }
     std::set<VolumeKey> inVldb = vldbKeys();
     for (const VolumeKey& k : inVldb)
-        EXPECT_TRUE(onDblades.count(k)) << "VLDB record " << k.second << " on " << k.first
-                                        << " has no volume";
+        EXPECT_TRUE(onDblades.count(k))
+            << "VLDB record " << k.second << " on " << k.first << " has no volume";
     for (const VolumeKey& k : onDblades)
-        EXPECT_TRUE(inVldb.count(k)) << "volume " << k.second << " on " << k.first
-                                     << " has no VLDB record";
+        EXPECT_TRUE(inVldb.count(k))
+            << "volume " << k.second << " on " << k.first << " has no VLDB record";
 }
 
 }  // namespace vodtest

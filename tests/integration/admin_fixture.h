@@ -10,12 +10,11 @@
 #define TESTS_INTEGRATION_ADMIN_FIXTURE_H
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "node.h"
 #include "vo.h"
@@ -48,7 +47,7 @@ struct FindResult {
 };
 
 class AdminTest : public NodeTest {
- protected:
+  protected:
     void SetUp() override;     // the simulator, then vod in the foreground
     void TearDown() override;  // the checks above, then NodeTest's
 
@@ -69,7 +68,7 @@ class AdminTest : public NodeTest {
     void lpBytes(const std::string& lp, u_char out[16]);
 
     // ---- vod
-    void startVod();  // vod -d, with a fresh client
+    void startVod();    // vod -d, with a fresh client
     void restartVod();  // SIGKILL, then start again
     CLIENT* vo();
     CreateVfsOut create(const std::string& name, const std::string& lp,
@@ -93,9 +92,9 @@ class AdminTest : public NodeTest {
     // How many VODB records the end-of-test check expects.
     size_t expectedVodbRecords = 0;
 
- private:
-    VoOut voInCall(clnt_stat (*stub)(VoIn*, VoOut*, CLIENT*), uint32_t vfsid,
-                   const std::string& lp, const char* what);
+  private:
+    VoOut voInCall(clnt_stat (*stub)(VoIn*, VoOut*, CLIENT*), uint32_t vfsid, const std::string& lp,
+                   const char* what);
     CLIENT* _vo = nullptr;
 };
 

@@ -5,9 +5,8 @@
 
 #include <chrono>
 #include <functional>
-#include <string>
-
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "admin_fixture.h"
 #include "voerrors.h"
@@ -18,13 +17,17 @@ namespace {
 using nlohmann::json;
 
 // Codes of the remote-call helpers: procedure byte, then the status range.
-constexpr u_int kLookupNotFound = 0x01007737;     // vldb_record_lookup_3, VLDB 119
-constexpr u_int kNotExactlyOne = 0x01819C4D;      // VodVldbFindVfs, 35000 + 5013
-constexpr u_int kVfsDeleteFailed = 0x01829E34;    // VodVfsDelete, 35000 + 5500
+constexpr u_int kLookupNotFound = 0x01007737;   // vldb_record_lookup_3, VLDB 119
+constexpr u_int kNotExactlyOne = 0x01819C4D;    // VodVldbFindVfs, 35000 + 5013
+constexpr u_int kVfsDeleteFailed = 0x01829E34;  // VodVfsDelete, 35000 + 5500
 constexpr u_int kLoopback = 0x7F000001;
 
-u_int vldbCode(u_int procByte, u_int status) { return 0x01000000 | procByte << 16 | (30400 + status); }
-u_int dldbCode(u_int procByte, u_int status) { return 0x01000000 | procByte << 16 | (30600 + status); }
+u_int vldbCode(u_int procByte, u_int status) {
+    return 0x01000000 | procByte << 16 | (30400 + status);
+}
+u_int dldbCode(u_int procByte, u_int status) {
+    return 0x01000000 | procByte << 16 | (30600 + status);
+}
 
 json recordOf(const json& records, uint32_t vfsid) {
     for (const auto& r : records)
@@ -90,7 +93,8 @@ TEST_F(AdminTest, CreateFindCloneSetTypeAndDeleteChangeVldbAndDbladesAlike) {
     out = vodelete(alpha, "lp1a");
     EXPECT_EQ(out.rc, voErrRcSuccess) << out.func << " " << out.funcrc;
     json after = json::parse(sim({"vodb", "--json"}));
-    EXPECT_EQ(after["lastCreateOpid"].get<uint64_t>(), before["lastCreateOpid"].get<uint64_t>() + 3);
+    EXPECT_EQ(after["lastCreateOpid"].get<uint64_t>(),
+              before["lastCreateOpid"].get<uint64_t>() + 3);
     EXPECT_TRUE(vldb().empty()) << vldb().dump();
     EXPECT_TRUE(volumes().empty());
 }
@@ -122,12 +126,10 @@ TEST_F(AdminTest, LookupFailuresAnswerTheirCodes) {
         {"delete of a missing id", [&] { return deleteById(4242); }, kLookupNotFound},
         {"clone of a missing id", [&] { return clone(4242).code; }, kNotExactlyOne},
         {"find of a name two volumes have", [&] { return find("twin").code; }, kNotExactlyOne},
-        {"delete of a name two volumes have", [&] { return deleteByName("twin"); },
-         kNotExactlyOne},
+        {"delete of a name two volumes have", [&] { return deleteByName("twin"); }, kNotExactlyOne},
         {"delete of an id on two LPs", [&] { return deleteById(twin); }, kNotExactlyOne},
         {"clone of an id on two LPs", [&] { return clone(twin).code; }, kNotExactlyOne},
-        {"create on an unknown LP", [&] { return create("x", "nolp").code; },
-         dldbCode(0x40, 1)},
+        {"create on an unknown LP", [&] { return create("x", "nolp").code; }, dldbCode(0x40, 1)},
         {"create for an unknown virtual server", [&] { return create("x", "lp1a", "novs").code; },
          dldbCode(0x42, 1)},
     };
@@ -233,9 +235,9 @@ TEST_F(AdminTest, VolumeUsedByARecordedOperationIsNotDeletedNorRetyped) {
         u_int busyCode;
     };
     const Case cases[] = {
-        {"copy", "sink", VOD_ERR_BUSY_COPY},       {"mirror", "opsink", VOD_ERR_BUSY_MIRROR},
-        {"move", "temp", VOD_ERR_BUSY_MOVE},       {"finalmove", "sink", VOD_ERR_BUSY_MOVE},
-        {"del", "sink", VOD_ERR_BUSY_DELETE},      {"vfsdump", "opsrc", VOD_ERR_BUSY_DUMP},
+        {"copy", "sink", VOD_ERR_BUSY_COPY},          {"mirror", "opsink", VOD_ERR_BUSY_MIRROR},
+        {"move", "temp", VOD_ERR_BUSY_MOVE},          {"finalmove", "sink", VOD_ERR_BUSY_MOVE},
+        {"del", "sink", VOD_ERR_BUSY_DELETE},         {"vfsdump", "opsrc", VOD_ERR_BUSY_DUMP},
         {"vfsrestore", "sink", VOD_ERR_BUSY_RESTORE},
     };
     for (const Case& c : cases) {

@@ -7,8 +7,8 @@
 #include <rpc/rpc.h>
 
 #include <atomic>
-#include <set>
 #include <cstring>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -21,7 +21,7 @@ namespace {
 constexpr double kRecoverySec = 75;
 
 class DeleteTest : public AdminTest {
- protected:
+  protected:
     static bool holds(const std::set<VolumeKey>& keys, uint32_t vfsid) {
         for (const auto& k : keys)
             if (k.second == vfsid) return true;

@@ -21,7 +21,7 @@ const char* const kForeignLp = "EE0A0000000000000000000000000000";
 const char* const kRecoverLine = "call recoverFromCrash opid=";
 
 class ResurrectTest : public AdminTest {
- protected:
+  protected:
     // Volumes made through vod, then vod stopped so that only the VODB knows
     // the deletes recorded next.
     std::vector<uint32_t> volumesThenStopVod(const std::vector<std::string>& lps) {

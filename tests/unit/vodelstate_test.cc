@@ -1,6 +1,8 @@
 // VoDelState against a fake VLDB (with its VODB) and a fake D-blade volume
 // service: the order of the delete's steps and where a failure stops it, what
 // it records, and how resurrection and recovery treat its records.
+#include "vodelstate.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -12,7 +14,6 @@
 #include "fake_rpc_server.h"
 #include "vldb_server.h"
 #include "vodbCache.h"
-#include "vodelstate.h"
 #include "vorpccalls.h"
 
 namespace {
@@ -173,13 +174,19 @@ TEST_F(VoDelStateTest, DeleteRunsItsStepsInOrderAndStopsAtTheFirstFailure) {
                                           "vodb_delete_by_opid 77"};
     const Case cases[] = {
         {0, 0, 0, all, voErrRcSuccess, voErrFuncSuccess, 0, true},
-        {21, 0, 0, all, voErrRcSuccess, voErrFuncSuccess, 0, true},     // volume already gone
-        {0, 105, 0, all, voErrRcSuccess, voErrFuncSuccess, 0, true},    // record already gone
-        {280, 0, 0, all, voErrRcSuccess, voErrFuncSuccess, 0, true},    // D-blade: done before
+        {21, 0, 0, all, voErrRcSuccess, voErrFuncSuccess, 0, true},   // volume already gone
+        {0, 105, 0, all, voErrRcSuccess, voErrFuncSuccess, 0, true},  // record already gone
+        {280, 0, 0, all, voErrRcSuccess, voErrFuncSuccess, 0, true},  // D-blade: done before
         {5, 0, 0, {"voldelete 1000"}, VoErrDblade, voErrDbladeVolDelete, 5, false},
         {16, 0, 0, {"voldelete 1000"}, VoErrDblade, voErrDbladeVolDelete, 16, false},
-        {0, 133, 0, {"voldelete 1000", "vldb_delete_record"}, VoErrVldb, voErrVldbDeleteRecord,
-         133, false},
+        {0,
+         133,
+         0,
+         {"voldelete 1000", "vldb_delete_record"},
+         VoErrVldb,
+         voErrVldbDeleteRecord,
+         133,
+         false},
         {0, 0, 145, all, voErrRcSuccess, voErrVodbDeleteByOpid, 145, false},
     };
     for (const Case& c : cases) {
