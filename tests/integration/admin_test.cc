@@ -310,6 +310,18 @@ TEST_F(AdminTest, VoctlRunsEachProcedureAndExplainsFailures) {
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("(DLDB)"), std::string::npos) << r.err;
 
+    // A delete the D-blade refused stays recorded; purge drops the record and
+    // leaves the volume as it is.
+    fault({"status", "voldelete", "5"});
+    EXPECT_EQ(node.voctl({"delete", std::to_string(id), "lp2a"}).status, 1);
+    r = node.voctl({"--json", "ops"});
+    ops = json::parse(r.out)["ops"];
+    ASSERT_EQ(ops.size(), 1u) << r.out;
+    EXPECT_EQ(ops[0]["typeName"], "del");
+    EXPECT_EQ(node.voctl({"purge", std::to_string(ops[0]["opid"].get<uint64_t>())}).status, 0);
+    EXPECT_TRUE(waitVodbCount(0, 10));
+    EXPECT_TRUE(volumeKeys().count({"lp2a", id}));
+
     EXPECT_EQ(node.voctl({"delete-by-name", "tool.clone" + std::to_string(cloneId)}).status, 0);
     EXPECT_EQ(node.voctl({"delete", std::to_string(id), "lp2a"}).status, 0);
     EXPECT_TRUE(volumes().empty());
