@@ -59,7 +59,8 @@ std::set<unsigned long long> streamIds(const std::string& list) {
     std::istringstream in(list);
     std::string line;
     while (std::getline(in, line))
-        if (line.compare(0, 5, "opid=") == 0) ids.insert(std::strtoull(line.c_str() + 5, nullptr, 10));
+        if (line.compare(0, 5, "opid=") == 0)
+            ids.insert(std::strtoull(line.c_str() + 5, nullptr, 10));
     return ids;
 }
 

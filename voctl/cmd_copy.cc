@@ -2,9 +2,9 @@
 // bar; copy-progress, copy-pause, copy-resume and copy-cancel act on a copy
 // that runs. A copy is named by its source (VFS id, LP) and its sink (VFS id,
 // LP), the four values vod finds it by.
-#include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
@@ -151,8 +151,10 @@ std::string failureReasons(VoClient* c, const VoCopyPgrsOut& r) {
                           r.sink.completionCode);
             reasons.push_back(buf + (" (" + decodedText(c, r.sink.completionCode) + ")"));
         }
-        if (r.src.status != VoDone) reasons.push_back("the stream did not finish");
-        else if (r.sink.isDone == 0) reasons.push_back("the sink was not finished");
+        if (r.src.status != VoDone)
+            reasons.push_back("the stream did not finish");
+        else if (r.sink.isDone == 0)
+            reasons.push_back("the sink was not finished");
     }
     // A step that failed without turning the whole operation's rc still says
     // what went wrong last.
@@ -215,28 +217,34 @@ bool pollCopy(VoClient& c, const CopyKey& key, XdrResult<VoCopyPgrsOut>* out, st
 // Lines between progress-bar redraws: on a terminal the bar's line is erased
 // first so the note does not end up glued to it.
 class Notes {
- public:
+  public:
     explicit Notes(bool terminal) : _terminal(terminal) {}
     void say(const std::string& text) const {
         std::fprintf(stdout, "%s%s\n", _terminal ? "\r\x1b[K" : "", text.c_str());
         std::fflush(stdout);
     }
 
- private:
+  private:
     bool _terminal;
 };
 
 std::string phaseNote(CopyPhase phase, bool streamed) {
     switch (phase) {
-        case CopyPhase::Initialising: return "waiting for a worker thread of vod";
-        case CopyPhase::Streaming: return streamed ? "streaming" : "";
-        case CopyPhase::Paused: return "paused";
-        case CopyPhase::StreamEnded: return "stream finished; vod is concluding the copy";
-        case CopyPhase::RollingForward: return "committing the copy";
+        case CopyPhase::Initialising:
+            return "waiting for a worker thread of vod";
+        case CopyPhase::Streaming:
+            return streamed ? "streaming" : "";
+        case CopyPhase::Paused:
+            return "paused";
+        case CopyPhase::StreamEnded:
+            return "stream finished; vod is concluding the copy";
+        case CopyPhase::RollingForward:
+            return "committing the copy";
         case CopyPhase::RollingBack:
             // vod says the same while it makes the clone and the sink.
             return streamed ? "rolling back" : "preparing the source and the sink";
-        default: return "";
+        default:
+            return "";
     }
 }
 
@@ -245,15 +253,13 @@ struct FollowOptions {
     double intervalSec = 1;
 };
 
-void sleepFor(double sec) {
-    std::this_thread::sleep_for(std::chrono::duration<double>(sec));
-}
+void sleepFor(double sec) { std::this_thread::sleep_for(std::chrono::duration<double>(sec)); }
 
 // Follows one copy from its start to its final report: polls, shows the
 // progress, rides out a vod that stops answering for a while, and reports how
 // the copy ended.
 class CopyFollower {
- public:
+  public:
     CopyFollower(Context& ctx, std::unique_ptr<VoClient> c, const CopyKey& key, FollowOptions fo)
         : _ctx(ctx),
           _c(std::move(c)),
@@ -274,7 +280,7 @@ class CopyFollower {
         return outcome == CopyOutcome::Copied ? kExitOk : kExitVodFailure;
     }
 
- private:
+  private:
     // Polls until the final report, or until vod no longer knows the copy.
     int waitForEnd() {
         double lostSince = -1;
@@ -408,8 +414,8 @@ class CopyFollower {
     Notes _notes;
     ProgressBar _bar;
     bool _barShown = false;
-    bool _streamed = false;   // a report with stream counters was seen
-    VoCopyPgrsOut _last{};    // the last report with stream counters
+    bool _streamed = false;  // a report with stream counters was seen
+    VoCopyPgrsOut _last{};   // the last report with stream counters
     XdrResult<VoCopyPgrsOut> _endReport;
     CopyPhase _endPhase = CopyPhase::Gone;
 };
@@ -437,8 +443,8 @@ int copyStart(Context& ctx, const CopyArgs& a) {
     if (c->call(vocopy_1, &in, res.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
     if (res->rc != voErrRcSuccess) {
         VoOut out{res->rc, res->func, res->funcrc};
-        std::string msg = "copy of vfs " + std::to_string(key.srcVid) + " refused: " +
-                          tripleText(c.get(), res->rc, res->func, res->funcrc);
+        std::string msg = "copy of vfs " + std::to_string(key.srcVid) +
+                          " refused: " + tripleText(c.get(), res->rc, res->func, res->funcrc);
         if (ctx.out.json()) {
             nlohmann::json obj = voOutJson(out);
             obj["event"] = "refused";
@@ -500,7 +506,8 @@ int copyProgress(Context& ctx, const KeyArgs& a) {
     if (phase == CopyPhase::Final)
         state += std::string(", ") + copyOutcomeName(outcomeOfFinalReport(*r));
     rows.push_back({"state", state});
-    if (r->rc != voErrRcSuccess) rows.push_back({"result", tripleText(c.get(), r->rc, r->func, r->funcrc)});
+    if (r->rc != voErrRcSuccess)
+        rows.push_back({"result", tripleText(c.get(), r->rc, r->func, r->funcrc)});
     if (hasStreamCounters(*r)) {
         static const char* const kStatus[] = {"running", "paused", "done"};
         const char* status = r->src.status <= VoDone ? kStatus[r->src.status] : "?";
@@ -546,8 +553,8 @@ int copyControl(Context& ctx, const Control& what, const KeyArgs& a) {
         ctx.out.result(obj, std::string(what.done) + " copy of " + keyText(key));
         return kExitOk;
     }
-    std::string msg = std::string(what.verb) + " of copy " + keyText(key) + " failed: " +
-                      tripleText(c.get(), out->rc, out->func, out->funcrc);
+    std::string msg = std::string(what.verb) + " of copy " + keyText(key) +
+                      " failed: " + tripleText(c.get(), out->rc, out->func, out->funcrc);
     if (out->rc == VoJobInit) msg += "; the copy has not started yet, try again in a moment";
     if (ctx.out.json()) {
         obj["error"] = msg;
@@ -609,8 +616,7 @@ const CommandRegistrar copyReg(
     });
 
 const CommandRegistrar progressReg(
-    "copy-progress", "Show the state of a copy once",
-    [](CLI::App& sub) -> Action {
+    "copy-progress", "Show the state of a copy once", [](CLI::App& sub) -> Action {
         auto a = std::make_shared<KeyArgs>();
         addKeyArgs(sub, *a);
         sub.footer(
@@ -619,14 +625,11 @@ const CommandRegistrar progressReg(
         return [a](Context& ctx) { return copyProgress(ctx, *a); };
     });
 
-const CommandRegistrar pauseReg(
-    "copy-pause", "Pause a copy's stream", [](CLI::App& sub) -> Action {
-        auto a = std::make_shared<KeyArgs>();
-        addKeyArgs(sub, *a);
-        return [a](Context& ctx) {
-            return copyControl(ctx, {"pause", "paused", vocopypause_1}, *a);
-        };
-    });
+const CommandRegistrar pauseReg("copy-pause", "Pause a copy's stream", [](CLI::App& sub) -> Action {
+    auto a = std::make_shared<KeyArgs>();
+    addKeyArgs(sub, *a);
+    return [a](Context& ctx) { return copyControl(ctx, {"pause", "paused", vocopypause_1}, *a); };
+});
 
 const CommandRegistrar resumeReg(
     "copy-resume", "Resume a paused copy", [](CLI::App& sub) -> Action {

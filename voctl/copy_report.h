@@ -30,15 +30,24 @@ enum class CopyPhase {
 
 inline const char* copyPhaseName(CopyPhase p) {
     switch (p) {
-        case CopyPhase::Initialising: return "initialising";
-        case CopyPhase::Streaming: return "streaming";
-        case CopyPhase::Paused: return "paused";
-        case CopyPhase::StreamEnded: return "stream-ended";
-        case CopyPhase::RollingForward: return "rolling-forward";
-        case CopyPhase::RollingBack: return "rolling-back";
-        case CopyPhase::PollFailed: return "poll-failed";
-        case CopyPhase::Final: return "final";
-        case CopyPhase::Gone: return "gone";
+        case CopyPhase::Initialising:
+            return "initialising";
+        case CopyPhase::Streaming:
+            return "streaming";
+        case CopyPhase::Paused:
+            return "paused";
+        case CopyPhase::StreamEnded:
+            return "stream-ended";
+        case CopyPhase::RollingForward:
+            return "rolling-forward";
+        case CopyPhase::RollingBack:
+            return "rolling-back";
+        case CopyPhase::PollFailed:
+            return "poll-failed";
+        case CopyPhase::Final:
+            return "final";
+        case CopyPhase::Gone:
+            return "gone";
     }
     return "?";
 }
@@ -49,11 +58,16 @@ inline bool hasStreamCounters(const VoCopyPgrsOut& r) { return r.src.vfsId != 0;
 
 inline CopyPhase classifyCopyReport(const VoCopyPgrsOut& r) {
     switch (r.rc) {
-        case VoJobInit: return CopyPhase::Initialising;
-        case voErrEndStream: return CopyPhase::StreamEnded;
-        case voErrRollForwardOp: return CopyPhase::RollingForward;
-        case voErrRollBackOp: return CopyPhase::RollingBack;
-        case voErrNoSuchOp: return CopyPhase::Gone;
+        case VoJobInit:
+            return CopyPhase::Initialising;
+        case voErrEndStream:
+            return CopyPhase::StreamEnded;
+        case voErrRollForwardOp:
+            return CopyPhase::RollingForward;
+        case voErrRollBackOp:
+            return CopyPhase::RollingBack;
+        case voErrNoSuchOp:
+            return CopyPhase::Gone;
         case voErrRpcFailure:
             // A failed poll of a running stream; a retired copy whose last
             // error was that poll looks the same, and the next poll tells them
@@ -66,7 +80,8 @@ inline CopyPhase classifyCopyReport(const VoCopyPgrsOut& r) {
             // A running poll that finds the stream done says voErrEndStream, so
             // rc 0 with a done stream, or with no stream at all, is the end.
             return CopyPhase::Final;
-        default: return CopyPhase::Final;
+        default:
+            return CopyPhase::Final;
     }
 }
 
@@ -78,9 +93,12 @@ enum class CopyOutcome {
 
 inline const char* copyOutcomeName(CopyOutcome o) {
     switch (o) {
-        case CopyOutcome::Copied: return "copied";
-        case CopyOutcome::RolledBack: return "rolled-back";
-        case CopyOutcome::Unknown: return "unknown";
+        case CopyOutcome::Copied:
+            return "copied";
+        case CopyOutcome::RolledBack:
+            return "rolled-back";
+        case CopyOutcome::Unknown:
+            return "unknown";
     }
     return "?";
 }
@@ -101,8 +119,8 @@ inline unsigned decodableFuncrc(unsigned func, unsigned funcrc) {
     if (func == voErrValidateSinkDV) return 0;
     if (func >= 10000) return 30300 + funcrc;  // transport failure: a clnt_stat
     if (func >= 2000) return funcrc >= 5000 && funcrc < 5600 ? 35000 + funcrc : 0;  // vod's own
-    if (func >= 500) return funcrc;   // D-blade status or incremental-copy completion code
-    if (func >= 400) return funcrc;   // D-blade volume status
+    if (func >= 500) return funcrc;          // D-blade status or incremental-copy completion code
+    if (func >= 400) return funcrc;          // D-blade volume status
     if (func >= 200) return 30400 + funcrc;  // VLDB and VODB statuses
     if (func >= 100) return 30600 + funcrc;  // DLDB
     return 0;

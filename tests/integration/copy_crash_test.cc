@@ -5,12 +5,11 @@
 // provably complete) or gone without a trace, and the source is untouched.
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "copy_fixture.h"
 #include "voctl/copy_report.h"
@@ -21,9 +20,9 @@ namespace {
 using nlohmann::json;
 
 // Every call a crash point may leave held.
-const char* const kHeldProcs[] = {"volclone",     "vldb_create_record", "volgetattr",
-                                  "volcreate",    "vldb_record_lookup", "incrcopymirror",
-                                  "volsetattr",   "incrcopyconclude",   "voldelete",
+const char* const kHeldProcs[] = {"volclone",           "vldb_create_record", "volgetattr",
+                                  "volcreate",          "vldb_record_lookup", "incrcopymirror",
+                                  "volsetattr",         "incrcopyconclude",   "voldelete",
                                   "vldb_delete_record", "vodb_delete_by_opid"};
 
 class CopyCrash;
@@ -38,7 +37,7 @@ struct CrashPoint {
 };
 
 class CopyCrash : public CopyNodeTest, public ::testing::WithParamInterface<CrashPoint> {
- public:
+  public:
     // For the crash points' own steps.
     using CopyNodeTest::cancel;
     using CopyNodeTest::hold;
@@ -88,11 +87,13 @@ void PrintTo(const CrashPoint& p, std::ostream* os) { *os << p.name; }
 const CrashPoint kPoints[] = {
     {"AfterTheVodbRecordsWereWritten",
      [](CopyCrash& t, CopyKey* k) { t.holdThenStart("volclone", k); }, nullptr, false},
-    {"AfterTheCloneWasMade",
-     [](CopyCrash& t, CopyKey* k) { t.stepTo({"vldb_create_record"}, k); }, nullptr, false},
+    {"AfterTheCloneWasMade", [](CopyCrash& t, CopyKey* k) { t.stepTo({"vldb_create_record"}, k); },
+     nullptr, false},
     {"AfterTheSinkVolumeWasCreated",
-     [](CopyCrash& t, CopyKey* k) { t.stepTo({"volcreate", "vldb_record_lookup"}, k); }, nullptr,
-     false},
+     [](CopyCrash& t, CopyKey* k) {
+         t.stepTo({"volcreate", "vldb_record_lookup"}, k);
+     },
+     nullptr, false},
     {"AfterTheSinkWasRegisteredBeforeTheStream",
      [](CopyCrash& t, CopyKey* k) { t.stepTo({"incrcopymirror"}, k); }, nullptr, false},
     // The D-blade streams on while vod is down and completes the sink.
@@ -126,7 +127,8 @@ const CrashPoint kPoints[] = {
          if (::testing::Test::HasFatalFailure()) return;
          t.hold("vldb_delete_record");
          EXPECT_EQ(t.cancel(*k).rc, voErrRcSuccess);
-         EXPECT_TRUE(t.waitHeld("vldb_delete_record", 60)) << "the roll-back never reached the VLDB";
+         EXPECT_TRUE(t.waitHeld("vldb_delete_record", 60))
+             << "the roll-back never reached the VLDB";
      },
      [](CopyCrash& t, const CopyKey&, uint64_t) { t.speed(0); }, false},
 };

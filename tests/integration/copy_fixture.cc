@@ -38,11 +38,16 @@ DbladeVolume parseVolumeLine(const std::string& line) {
         size_t eq = field.find('=');
         if (eq == std::string::npos) continue;
         std::string k = field.substr(0, eq), val = field.substr(eq + 1);
-        if (k == "lp") v.lp = val;
-        else if (k == "vfsid") v.vfsid = static_cast<uint32_t>(std::stoul(val));
-        else if (k == "type") v.type = val;
-        else if (k == "dv") v.dv = std::stoull(val);
-        else if (k == "hidden") v.hidden = val == "1";
+        if (k == "lp")
+            v.lp = val;
+        else if (k == "vfsid")
+            v.vfsid = static_cast<uint32_t>(std::stoul(val));
+        else if (k == "type")
+            v.type = val;
+        else if (k == "dv")
+            v.dv = std::stoull(val);
+        else if (k == "hidden")
+            v.hidden = val == "1";
     }
     return v;
 }
@@ -173,7 +178,7 @@ bool CopyNodeTest::advanceTo(const std::string& proc) {
 void CopyNodeTest::speed(unsigned kibps) { sim({"stream-speed", std::to_string(kibps)}); }
 
 uint32_t CopyNodeTest::makeVolume(const std::string& name, const std::string& lp, unsigned files,
-                              unsigned fileSize) {
+                                  unsigned fileSize) {
     CreateVfsIn in{};
     std::string vserver = "vs1";
     in.vfsName = const_cast<char*>(name.c_str());
@@ -200,8 +205,8 @@ CLIENT* CopyNodeTest::vo() {
     return _vo;
 }
 
-VoVidOut CopyNodeTest::startCopy(uint32_t srcVid, const std::string& srcLp, const std::string& sinkLp,
-                             const std::string& name) {
+VoVidOut CopyNodeTest::startCopy(uint32_t srcVid, const std::string& srcLp,
+                                 const std::string& sinkLp, const std::string& name) {
     VoLidVnameIn in{};
     in.vidSrc = srcVid;
     lpBytes(srcLp, in.lidSrc);
@@ -211,10 +216,10 @@ VoVidOut CopyNodeTest::startCopy(uint32_t srcVid, const std::string& srcLp, cons
 }
 
 CopyKey CopyNodeTest::copyOf(uint32_t srcVid, const std::string& srcLp, const std::string& sinkLp,
-                         const std::string& name) {
+                             const std::string& name) {
     VoVidOut out = startCopy(srcVid, srcLp, sinkLp, name);
-    EXPECT_EQ(out.rc, voErrRcSuccess) << "vocopy refused: func=" << out.func
-                                      << " funcrc=" << out.funcrc;
+    EXPECT_EQ(out.rc, voErrRcSuccess)
+        << "vocopy refused: func=" << out.func << " funcrc=" << out.funcrc;
     EXPECT_NE(out.vid, 0u);
     return {srcVid, srcLp, out.rc == voErrRcSuccess ? out.vid : 0, sinkLp};
 }
@@ -234,27 +239,33 @@ VoCopyPgrsOut CopyNodeTest::progress(const CopyKey& key) {
 }
 
 VoOut CopyNodeTest::control(clnt_stat (*stub)(VoVidLidIn*, VoOut*, CLIENT*), const CopyKey& key,
-                        const char* what) {
+                            const char* what) {
     VoVidLidIn in = wire(key);
     return callVo(vo(), stub, &in, xdrProc(xdr_VoOut), what);
 }
 
-VoOut CopyNodeTest::cancel(const CopyKey& key) { return control(vocopycancel_1, key, "vocopycancel"); }
+VoOut CopyNodeTest::cancel(const CopyKey& key) {
+    return control(vocopycancel_1, key, "vocopycancel");
+}
 VoOut CopyNodeTest::pause(const CopyKey& key) { return control(vocopypause_1, key, "vocopypause"); }
-VoOut CopyNodeTest::resume(const CopyKey& key) { return control(vocopyresume_1, key, "vocopyresume"); }
+VoOut CopyNodeTest::resume(const CopyKey& key) {
+    return control(vocopyresume_1, key, "vocopyresume");
+}
 
 bool CopyNodeTest::waitForReport(const CopyKey& key, bool (*pred)(const VoCopyPgrsOut&),
-                             double timeoutSec, VoCopyPgrsOut* last, std::vector<int>* rcs) {
+                                 double timeoutSec, VoCopyPgrsOut* last, std::vector<int>* rcs) {
     return pollUntil(
         [&] {
             *last = progress(key);
-            if (rcs != nullptr && (rcs->empty() || rcs->back() != last->rc)) rcs->push_back(last->rc);
+            if (rcs != nullptr && (rcs->empty() || rcs->back() != last->rc))
+                rcs->push_back(last->rc);
             return pred(*last);
         },
         timeoutSec, kPollStepSec);
 }
 
-VoCopyPgrsOut CopyNodeTest::waitForEnd(const CopyKey& key, double timeoutSec, std::vector<int>* rcs) {
+VoCopyPgrsOut CopyNodeTest::waitForEnd(const CopyKey& key, double timeoutSec,
+                                       std::vector<int>* rcs) {
     VoCopyPgrsOut last{};
     bool ended = waitForReport(
         key,

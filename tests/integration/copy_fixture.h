@@ -6,12 +6,11 @@
 #define TESTS_INTEGRATION_COPY_FIXTURE_H
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "node.h"
 #include "vo.h"
@@ -40,7 +39,7 @@ struct CopyKey {
 };
 
 class CopyNodeTest : public NodeTest {
- protected:
+  protected:
     void SetUp() override;  // simulator, then vod in the foreground (-d)
 
     // ---- the simulator's control tool

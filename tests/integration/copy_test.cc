@@ -5,12 +5,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "copy_fixture.h"
 #include "voctl/copy_report.h"
@@ -65,7 +64,8 @@ TEST(CopyReport, PhaseComesFromTheRcAndTheStreamCounters) {
     for (const Case& c : cases)
         EXPECT_EQ(voctl::classifyCopyReport(c.r), c.want)
             << "rc=" << c.r.rc << " src.vfsId=" << c.r.src.vfsId << " status=" << c.r.src.status
-            << " func=" << c.r.func << ": got " << voctl::copyPhaseName(voctl::classifyCopyReport(c.r));
+            << " func=" << c.r.func << ": got "
+            << voctl::copyPhaseName(voctl::classifyCopyReport(c.r));
 }
 
 TEST(CopyReport, FinalOutcomeAppliesTheSuccessTestsOfAConclusion) {
@@ -86,8 +86,7 @@ TEST(CopyReport, FinalOutcomeAppliesTheSuccessTestsOfAConclusion) {
          CopyOutcome::RolledBack},
         {"no stream counters", report(0, 0, VoRunning, 0, 0, 0), CopyOutcome::Unknown},
     };
-    for (const Case& c : cases)
-        EXPECT_EQ(voctl::outcomeOfFinalReport(c.r), c.want) << c.what;
+    for (const Case& c : cases) EXPECT_EQ(voctl::outcomeOfFinalReport(c.r), c.want) << c.what;
 }
 
 // The low half must land in the catalog of the component that failed, or the
@@ -179,7 +178,8 @@ TEST_F(CopyNodeTest, ReadWriteSourceIsCopiedThroughACloneThatIsRemovedAfterwards
     uint64_t clones = callCount("volclone");
 
     Node::Result r = node.voctl(
-        {"--json", "copy", std::to_string(src), "lp1a", "lp2a", "rwcopy", "--interval", "0.05"}, 120);
+        {"--json", "copy", std::to_string(src), "lp1a", "lp2a", "rwcopy", "--interval", "0.05"},
+        120);
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     std::vector<json> lines = jsonLines(r.out);
     ASSERT_GE(lines.size(), 2u) << r.out;
@@ -242,7 +242,8 @@ TEST_F(CopyNodeTest, ReadOnlySourceFeedsTwoCopiesAtOnceWithoutAClone) {
     for (const CopyKey* k : {&a, &b}) {
         VoCopyPgrsOut end = waitForEnd(*k, 60);
         EXPECT_EQ(voctl::outcomeOfFinalReport(end), CopyOutcome::Copied)
-            << "sink " << k->sinkVid << " rc=" << end.rc << " sink code " << end.sink.completionCode;
+            << "sink " << k->sinkVid << " rc=" << end.rc << " sink code "
+            << end.sink.completionCode;
         EXPECT_EQ(end.src.vfsId, src) << "the stream did not read the source itself";
         EXPECT_EQ(checksum(k->sinkVid, k->sinkLp), srcSum);
         json srcRec = vldbRecord(src, "lp1b");
@@ -370,8 +371,8 @@ TEST_F(CopyNodeTest, FailedSinkCompletionRollsBack) {
         if (name == "lp1a") srcLpHex = hex;
 
     // Text mode, LPs by id and by name.
-    Node::Result r =
-        node.voctl({"copy", std::to_string(src), srcLpHex, "tiny", "wontfit", "--interval", "0.05"}, 120);
+    Node::Result r = node.voctl(
+        {"copy", std::to_string(src), srcLpHex, "tiny", "wontfit", "--interval", "0.05"}, 120);
     EXPECT_EQ(r.status, 1) << r.out << r.err;
     EXPECT_NE(r.err.find("failed and was rolled back"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("sink side of the stream ended with"), std::string::npos) << r.err;
@@ -404,7 +405,8 @@ TEST_F(CopyNodeTest, CopyOfTheSinkOfAnotherCopyIsRefusedWithTheCopyCode) {
                                       " opType(1)",
                                   5));
     // voctl says the same in words.
-    Node::Result t = node.voctl({"copy", std::to_string(first.sinkVid), "lp2a", "lp1b", "copyofcopy"});
+    Node::Result t =
+        node.voctl({"copy", std::to_string(first.sinkVid), "lp2a", "lp1b", "copyofcopy"});
     EXPECT_EQ(t.status, 1);
     EXPECT_NE(t.err.find("conflicts with existing VFS Copy operation"), std::string::npos) << t.err;
 
@@ -447,7 +449,8 @@ TEST_F(CopyNodeTest, CopyOfAVolumeBeingDeletedIsRefusedWithTheDeleteCode) {
     EXPECT_TRUE(node.waitForTrace("Src(" + std::to_string(src) + ") is busy with another opid=" +
                                       std::to_string(delOpid) + " opType(5)",
                                   5));
-    for (const auto& rec : vodbRecords()) EXPECT_NE(rec["optype"], 1) << "the refused copy left a record";
+    for (const auto& rec : vodbRecords())
+        EXPECT_NE(rec["optype"], 1) << "the refused copy left a record";
 
     // Drop the pending delete's records so the node ends clean; the volume stays.
     sim({"fault", "clear", "voldelete"});
