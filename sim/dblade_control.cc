@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "dblade_vol.h"
 #include "sim/dblade_sync.h"
 #include "sim/incrcopy.h"
 #include "sim/simcontrol.h"

@@ -15,6 +15,7 @@
 #include <ctime>
 #include <memory>
 
+#include "dblade_vol.h"
 #include "sim/dblade_sync.h"
 #include "sim/simnode.h"
 

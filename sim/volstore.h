@@ -50,32 +50,8 @@ enum SimVolStatus : unsigned {
     TARN_ERR_ENORNUM = 33,       // busy: a stream reads or writes the volume; try again later
 };
 
-// Bits of tarn_volsetattrx_t.how: bit n selects field n of tarn_volsattrx_t in wire order.
-// The two type bits are requests of their own and take no field.
-enum SimVolSetBits : unsigned {
-    VOLSET_MINQUOTA = 1u << 0,
-    VOLSET_MAXQUOTA = 1u << 1,
-    VOLSET_VOLNAME = 1u << 2,
-    VOLSET_MOUNTEDATVOLNAME = 1u << 3,
-    VOLSET_MOUNTEDATDIRVNODE = 1u << 4,
-    VOLSET_MOUNTEDATDIRUNIQUE = 1u << 5,
-    VOLSET_MOUNTEDATPARENTVNODE = 1u << 6,
-    VOLSET_MOUNTEDATPARENTUNIQUE = 1u << 7,
-    VOLSET_CREATETIME = 1u << 8,
-    VOLSET_BKUPLEVEL = 1u << 9,
-    VOLSET_PREVBKUPTIME = 1u << 10,
-    VOLSET_PREVVERSION = 1u << 11,
-    VOLSET_VIRTUALSERVER = 1u << 12,
-    VOLSET_MOUNTEDATVOLUMEID = 1u << 13,
-    VOLSET_VOLUMEID = 1u << 14,   // renumber the volume (volsetattr only)
-    VOLSET_MGMID = 1u << 15,
-    VOLSET_MGMEXTS = 1u << 16,
-    VOLSET_DMOPTIONS = 1u << 17,
-    VOLSET_PHASE = 1u << 18,
-    VOLSET_PERCENTFREE = 1u << 19,
-    VOLSET_MAKE_RW = 1u << 28,    // the volume becomes read-write
-    VOLSET_MAKE_RO = 1u << 29,    // the volume becomes read-only
-};
+// The how bits of a set-attributes request are the protocol's VOLSET_ constants.
+
 
 // Volume types, numbered as the VLDB numbers them.
 enum SimVolType : unsigned { VOLTYPE_RW = 1, VOLTYPE_RO = 2, VOLTYPE_CLONE = 3 };

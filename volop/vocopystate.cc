@@ -23,22 +23,6 @@
 
 namespace {
 
-// Bits of tarn_volsetattrx_t.how: bit n selects field n of tarn_volsattrx_t
-// in wire order; the two type bits are requests of their own.
-enum : unsigned {
-    kSetMinQuota = 1u << 0,
-    kSetMaxQuota = 1u << 1,
-    kSetVolname = 1u << 2,
-    kSetMountedAtVolname = 1u << 3,
-    kSetMountedAtDirVnode = 1u << 4,
-    kSetMountedAtDirUnique = 1u << 5,
-    kSetMountedAtParentVnode = 1u << 6,
-    kSetMountedAtParentUnique = 1u << 7,
-    kSetVirtualServer = 1u << 12,
-    kSetMakeRW = 1u << 28,
-    kSetMakeRO = 1u << 29,
-};
-
 // D-blade answers for a volume it does not hold: on no LP at all, or not on
 // the LP asked about.
 const unsigned kTarnErrVolNotFound = 16;
@@ -471,9 +455,9 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
         memcpy(in.lpUUID, _sinkRec.lid(), sizeof in.lpUUID);
         in.vfsID = sinkVid;
         tarn_volsetattrx_t& set = in.set_attrs;
-        set.how = kSetMinQuota | kSetMaxQuota | kSetVolname | kSetMountedAtVolname |
-                  kSetMountedAtDirVnode | kSetMountedAtDirUnique | kSetMountedAtParentVnode |
-                  kSetMountedAtParentUnique | kSetVirtualServer;
+        set.how = VOLSET_MINQUOTA | VOLSET_MAXQUOTA | VOLSET_VOLNAME | VOLSET_MOUNTEDATVOLNAME |
+                  VOLSET_MOUNTEDATDIRVNODE | VOLSET_MOUNTEDATDIRUNIQUE | VOLSET_MOUNTEDATPARENTVNODE |
+                  VOLSET_MOUNTEDATPARENTUNIQUE | VOLSET_VIRTUALSERVER;
         set.attrs.minQuota = src.minQuota;
         set.attrs.maxQuota = src.maxQuota;
         set.attrs.volname = &name[0];
@@ -828,7 +812,7 @@ unsigned VoCopyState::concludeCopy(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, C
             memset(&in, 0, sizeof in);
             in.vfsID = sinkVid;
             memcpy(in.lpUUID, _sinkRec.lid(), sizeof in.lpUUID);
-            in.set_attrs.how = isSrcRW() ? kSetMakeRW : kSetMakeRO;
+            in.set_attrs.how = isSrcRW() ? VOLSET_MAKE_RW : VOLSET_MAKE_RO;
             char empty[] = "";
             in.set_attrs.attrs.volname = empty;
             in.set_attrs.attrs.mountedatvolname = empty;

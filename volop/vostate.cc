@@ -27,11 +27,6 @@ const unsigned kTarnErrVolNotFound = 16;
 // Flags of a volume that make its data version unusable for now.
 const unsigned kVolFlagsBusy = 0x800 | 0x8 | 0x4;
 
-// The D-blade's own requests to make a volume read-write or read-only, in
-// the set mask beside the attributes.
-const unsigned kVolSetMakeRW = 1u << 28;
-const unsigned kVolSetMakeRO = 1u << 29;
-
 const unsigned kDbladeTimeoutSec = 60;
 
 const char* rpcErrText(unsigned rc) {
@@ -744,7 +739,7 @@ VoErr VoState::setVfsType(CLIENT* clntVldb, CLIENT* clntDbladeVol, unsigned vfsi
         memset(&in, 0, sizeof in);
         in.vfsID = vfsid;
         memcpy(in.lpUUID, lid, sizeof in.lpUUID);
-        in.set_attrs.how = type == RW_VFS ? kVolSetMakeRW : kVolSetMakeRO;
+        in.set_attrs.how = type == RW_VFS ? VOLSET_MAKE_RW : VOLSET_MAKE_RO;
         char empty[] = "";
         in.set_attrs.attrs.volname = empty;
         in.set_attrs.attrs.mountedatvolname = empty;
