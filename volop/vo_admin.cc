@@ -48,10 +48,6 @@ const unsigned kVfsDeleteFailed =
 const unsigned kCreateVfsRoot = 0x1;
 // A new volume has no export rule set.
 const unsigned short kNoExportRuleset = 65535;
-// tarn_volsetattrx_t.how: bit n selects field n of tarn_volsattrx_t.
-const unsigned kSetVolname = 1u << 2;
-const unsigned kSetCreateTime = 1u << 8;
-const unsigned kSetVirtualServer = 1u << 12;
 // The longest volume name the D-blade keeps.
 const size_t kMaxVolNameLen = 128;
 
@@ -319,7 +315,7 @@ void VoServer::vfsCreate(CreateVfsIn* in, CreateVfsOut* out) {
     } else {
         tarn_volsetattrx_t attrs;
         memset(&attrs, 0, sizeof attrs);
-        attrs.how = kSetVolname | kSetCreateTime | kSetVirtualServer;
+        attrs.how = VOLSET_VOLNAME | VOLSET_CREATETIME | VOLSET_VIRTUALSERVER;
         attrs.attrs.volname = in->vfsName;
         attrs.attrs.mountedatvolname = const_cast<char*>("");
         attrs.attrs.createTime = (static_cast<unsigned long long>(now.tv_sec) << 32) |
