@@ -8,27 +8,15 @@
 namespace {
 
 
-TEST(VodOptions, DefaultsWithoutArguments) {
-    char name[] = "vod";
-    char* argv[] = {name};
-    VodOptions o;
-    parseVodOptions(1, argv, &o);
-    EXPECT_EQ(o.tracePreset, 1);
-    EXPECT_EQ(o.isDaemon, 1);
-    EXPECT_EQ(o.holdOffSec, 0);
-    EXPECT_EQ(o.keepSrc, 0);
-    EXPECT_EQ(o.numOfThreads, 10);
-    EXPECT_EQ(o.callsToServe, 0);
-}
-
 struct Case {
     std::vector<const char*> args;
     int preset, daemon, holdOff, keep, threads, calls;
 };
 
-TEST(VodOptions, LettersAloneAndWithDigits) {
+TEST(VodOptions, DefaultsLettersAloneAndWithDigits) {
     const Case cases[] = {
         // args                    preset daemon hold keep thr calls
+        {{},                         1, 1, 0, 0, 10, 0},
         {{"-d"},                     4, 0, 0, 0, 10, 0},
         {{"-d0"},                    0, 0, 0, 0, 10, 0},
         {{"-d9"},                    9, 0, 0, 0, 10, 0},

@@ -17,12 +17,8 @@ VoRec rec(unsigned vid, int role, int type, unsigned long long opid) {
 }
 
 TEST(VoRecTest, NamesForTracesIncludingValuesBeyondTheTable) {
-    const char* types[] = {"null",      "copy", "mirror",  "move",
-                           "finalmove", "del",  "vfsdump", "vfsrestore"};
-    for (unsigned t = 0; t < 8; t++) EXPECT_STREQ(types[t], VoRec::opType2str(t)) << t;
-    const char* roles[] = {"null", "src", "sink", "opsrc", "opsink", "temp"};
-    for (unsigned r = 0; r < 6; r++) EXPECT_STREQ(roles[r], VoRec::role2str(r)) << r;
-
+    EXPECT_STREQ("vfsrestore", VoRec::opType2str(7));
+    EXPECT_STREQ("temp", VoRec::role2str(5));
     EXPECT_STREQ("opType8", VoRec::opType2str(8));
     EXPECT_STREQ("role6", VoRec::role2str(6));
 }

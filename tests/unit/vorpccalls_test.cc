@@ -79,9 +79,7 @@ class VoRpcCallsTest : public ::testing::Test {
         serveDldb();
         serveDblade();
         serveCoord();
-        ASSERT_EQ(0u, vldbClnt.clnttcp_create("127.0.0.1", VLDB_PROG, VLDB_VERS));
-        ASSERT_EQ(0u, dldbClnt.clnttcp_create("127.0.0.1", DLDB_PROG, DLDB_VERS));
-        ASSERT_EQ(0u, volClnt.clnttcp_create("127.0.0.1", DBLADE_VOL_PROG, DBLADE_VOL_VERS));
+        reconnect();
     }
     void TearDown() override {
         VoRpcCalls::setSleepForTest(nullptr);

@@ -100,13 +100,10 @@ TEST_F(VoStateListTest, FindTakesAReferenceAndReleaseGivesItBack) {
     EXPECT_FALSE(none.held());
     list.releaseRef(none);  // releasing nothing is harmless
     EXPECT_EQ(list.getSize(), 2);
-}
 
-TEST_F(VoStateListTest, ScopedReferenceIsReleasedAtScopeEnd) {
-    FakeOp* a = add(7);
     {
-        VoStateRef ref;
-        ASSERT_EQ(list.findVoState(7, ref), a);
+        VoStateRef scoped;
+        ASSERT_EQ(list.findVoState(7, scoped), a);
         EXPECT_EQ(a->refCount(), 2);
     }
     EXPECT_EQ(a->refCount(), 1);

@@ -139,24 +139,6 @@ Rec sampleRec() {
     return r;
 }
 
-rec_create_input sampleCreateInput() {
-    Rec r = sampleRec();
-    rec_create_input c{};
-    c.vfsid = r.vfsid;
-    c.family = r.family;
-    c.vfsname = r.vfsname;
-    c.vfstype = r.vfstype;
-    c.is_root = r.is_root;
-    c.crtime = r.crtime;
-    memcpy(c.lp_uuid, r.lp_uuid, sizeof c.lp_uuid);
-    c.vserver = r.vserver;
-    c.dataVer = r.dataVer;
-    c.appId = r.appId;
-    memcpy(c.appData, r.appData, sizeof c.appData);
-    c.exportRuleset = r.exportRuleset;
-    return c;
-}
-
 vodb_create2_input sampleCreate2() {
     static vodbRec recs[2];
     recs[0] = vodbRec{};
@@ -347,7 +329,14 @@ TEST(VldbWire, RecKeepsItsOwnFieldOrder) {
 }
 
 TEST(VldbWire, CreateInputUsesTheCreateOrder) {
-    rec_create_input c = sampleCreateInput();
+    // Assigned by name, not by position, so a field moved in the .x file shows in the image.
+    Rec r = sampleRec();
+    rec_create_input c{};
+    c.vfsid = r.vfsid, c.family = r.family, c.vfsname = r.vfsname, c.vfstype = r.vfstype;
+    c.is_root = r.is_root, c.crtime = r.crtime, c.vserver = r.vserver, c.dataVer = r.dataVer;
+    c.appId = r.appId, c.exportRuleset = r.exportRuleset;
+    memcpy(c.lp_uuid, r.lp_uuid, sizeof c.lp_uuid);
+    memcpy(c.appData, r.appData, sizeof c.appData);
     Wire w;
     w.u32(0x101)                // vfsid
         .str("fam")             // family
@@ -373,10 +362,6 @@ TEST(VldbWire, VodbCreate2CarriesRecordsAfterTheirCount) {
         .u64(0x1122334455667788).i32(3).u32(77).lid(0xB0).i32(2)   // rec[0]
         .u64(0x1122334455667788).i32(3).u32(78).lid(0xC0).i32(4);  // rec[1]
     EXPECT_EQ(encodeHex(xdr_vodb_create2_input, in), w.hex());
-
-    vodbRec one = in.rec.rec_val[0];
-    EXPECT_EQ(encodeHex(xdr_vodbRec, one),
-              Wire().u64(0x1122334455667788).i32(3).u32(77).lid(0xB0).i32(2).hex());
 }
 
 TEST(VldbWire, SmallRecords) {
@@ -758,29 +743,13 @@ TEST(VoWire, ErrorDecodeResult) {
 // ---- decoding what the wire may bring ----
 
 TEST(WireDecode, BoundedNamesRejectOneByteTooMany) {
-    struct Case {
-        const char* what;
-        std::function<bool(size_t)> decodesWithNameOf;
-    };
-    const Case cases[] = {
-        {"VoLidVnameIn.vnameSink",
-         [](size_t n) {
-             Wire w;
-             w.u32(42).lid(0xA0).lid(0xB0).str(std::string(n, 'v'));
-             return decodes(xdr_VoLidVnameIn, w.bytes());
-         }},
-        {"VoVnameIn.vname",
-         [](size_t n) {
-             Wire w;
-             w.u32(42).lid(0xA0).str(std::string(n, 'v'));
-             return decodes(xdr_VoVnameIn, w.bytes());
-         }},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_TRUE(c.decodesWithNameOf(0));
-        EXPECT_TRUE(c.decodesWithNameOf(128));
-        EXPECT_FALSE(c.decodesWithNameOf(129));
+    for (size_t n : {0, 128, 129}) {
+        std::string name(n, 'v');
+        Wire lidVname, vname;
+        lidVname.u32(42).lid(0xA0).lid(0xB0).str(name);
+        vname.u32(42).lid(0xA0).str(name);
+        EXPECT_EQ(n <= 128, decodes(xdr_VoLidVnameIn, lidVname.bytes())) << n;
+        EXPECT_EQ(n <= 128, decodes(xdr_VoVnameIn, vname.bytes())) << n;
     }
 }
 
@@ -799,38 +768,29 @@ TEST(WireDecode, OverlongVolumeNameFromADbladeFails) {
     EXPECT_FALSE(decodes(xdr_tarn_volgattrx_t, bad));
 }
 
+struct TruncCase {
+    const char* what;
+    Bytes full;
+    std::function<bool(const Bytes&)> decode;
+};
+
+template <typename T>
+TruncCase truncCase(const char* what, bool_t (*filter)(XDR*, T*), T obj) {
+    return {what, encode(filter, obj), [filter](const Bytes& b) { return decodes(filter, b); }};
+}
+
 TEST(WireDecode, EveryTruncationFails) {
-    struct Case {
-        const char* what;
-        Bytes full;
-        std::function<bool(const Bytes&)> decode;
+    const TruncCase cases[] = {
+        truncCase("Rec", xdr_Rec, sampleRec()),
+        truncCase("vodb_create2_input", xdr_vodb_create2_input, sampleCreate2()),
+        truncCase("IncrCopyMirrorIn", xdr_IncrCopyMirrorIn, sampleMirrorIn()),
+        truncCase("IncrCopyProgressOut", xdr_IncrCopyProgressOut, sampleProgress()),
+        truncCase("TcpVfsDumpIn", xdr_TcpVfsDumpIn, sampleDumpIn()),
+        truncCase("LPGetAllOut", xdr_LPGetAllOut, sampleLpList()),
+        truncCase("DldbIterateRes", xdr_DldbIterateRes, sampleDldbTable()),
+        truncCase("VoMirrorPgrsOut", xdr_VoMirrorPgrsOut, sampleMirrorPgrs()),
     };
-    Rec rec = sampleRec();
-    vodb_create2_input create2 = sampleCreate2();
-    IncrCopyMirrorIn mirrorIn = sampleMirrorIn();
-    IncrCopyProgressOut progress = sampleProgress();
-    TcpVfsDumpIn dumpIn = sampleDumpIn();
-    LPGetAllOut lps = sampleLpList();
-    DldbIterateRes dldb = sampleDldbTable();
-    VoMirrorPgrsOut mirrorPgrs = sampleMirrorPgrs();
-    const Case cases[] = {
-        {"Rec", encode(xdr_Rec, rec), [](const Bytes& b) { return decodes(xdr_Rec, b); }},
-        {"vodb_create2_input", encode(xdr_vodb_create2_input, create2),
-         [](const Bytes& b) { return decodes(xdr_vodb_create2_input, b); }},
-        {"IncrCopyMirrorIn", encode(xdr_IncrCopyMirrorIn, mirrorIn),
-         [](const Bytes& b) { return decodes(xdr_IncrCopyMirrorIn, b); }},
-        {"IncrCopyProgressOut", encode(xdr_IncrCopyProgressOut, progress),
-         [](const Bytes& b) { return decodes(xdr_IncrCopyProgressOut, b); }},
-        {"TcpVfsDumpIn", encode(xdr_TcpVfsDumpIn, dumpIn),
-         [](const Bytes& b) { return decodes(xdr_TcpVfsDumpIn, b); }},
-        {"LPGetAllOut", encode(xdr_LPGetAllOut, lps),
-         [](const Bytes& b) { return decodes(xdr_LPGetAllOut, b); }},
-        {"DldbIterateRes", encode(xdr_DldbIterateRes, dldb),
-         [](const Bytes& b) { return decodes(xdr_DldbIterateRes, b); }},
-        {"VoMirrorPgrsOut", encode(xdr_VoMirrorPgrsOut, mirrorPgrs),
-         [](const Bytes& b) { return decodes(xdr_VoMirrorPgrsOut, b); }},
-    };
-    for (const Case& c : cases) {
+    for (const TruncCase& c : cases) {
         SCOPED_TRACE(c.what);
         ASSERT_FALSE(c.full.empty());
         EXPECT_TRUE(c.decode(c.full));
@@ -846,20 +806,6 @@ TEST(WireDecode, SixteenRawBytesAreNoLpId) {
     Bytes raw = Wire().u32(42).fixed("0123456789abcdef").bytes();
     EXPECT_FALSE(decodes(xdr_VoIn, raw));
     EXPECT_TRUE(decodes(xdr_VoIn, Wire().u32(42).lid(0xA0).bytes()));
-}
-
-TEST(WireDecode, ProgressBodyRoundTrips) {
-    IncrCopyProgressOut sent = sampleProgress();
-    IncrCopyProgressOut got;
-    ASSERT_TRUE(decodeInto(xdr_IncrCopyProgressOut, encode(xdr_IncrCopyProgressOut, sent), &got));
-    const IncrCopyPgrsOut& p = got.IncrCopyProgressOut_u.out;
-    EXPECT_EQ(got.rc, 0u);
-    EXPECT_EQ(p.opId, 0x0000000100000002ull);
-    EXPECT_EQ(p.srcLpUuid[15], 0x3F);
-    ASSERT_EQ(p.dstProgress.dstProgress_len, 1u);
-    EXPECT_EQ(p.dstProgress.dstProgress_val[0].uuid[0], 0x50);
-    EXPECT_EQ(p.dstProgress.dstProgress_val[0].blksSent, 0x300000004ull);
-    xdr_free(reinterpret_cast<xdrproc_t>(xdr_IncrCopyProgressOut), reinterpret_cast<char*>(&got));
 }
 
 }  // namespace
