@@ -41,72 +41,22 @@ const char* rpcErrText(unsigned rc) {
                                           : clnt_sperrno(static_cast<clnt_stat>(rc));
 }
 
-// Where a shared helper writes its trace lines from: the calling step's name
-// and line, so that they read as the step's own.
-struct Site {
-    const char* fn;
-    int line;
-};
-#define VO_SITE (Site{__func__, __LINE__})
-
 // Folds the answer of one D-blade volume call (rc: the VoRpcCalls helper's
 // transport answer; status: the D-blade's) into a VoErr, tracing a failure as
 // "opid=%lld <call> vfsid=%d failed: %s" or "... err=%#X".
-VoErr dbladeOutcome(Site at, VoTrace::Module mod, const char* call, voErrFunc func,
+VoErr dbladeOutcome(VoTraceSite at, VoTrace::Module mod, const char* call, voErrFunc func,
                     unsigned long long opid, unsigned vfsid, unsigned rc, unsigned status) {
     if (rc != 0) {
-        if (VoTrace::wants(mod, VoTrace::vo_warn))
-            VoTrace::tr(mod, VoTrace::vo_warn, "%s %d opid=%lld %s vfsid=%d failed: %s\n", at.fn,
-                        at.line, opid, call, vfsid, rpcErrText(rc));
+        VO_TR_AT(at, mod, VoTrace::vo_warn, "opid=%lld %s vfsid=%d failed: %s\n", opid, call,
+                 vfsid, rpcErrText(rc));
         return VoRpcCalls::foldErr(func, static_cast<clnt_stat>(rc), 0);
     }
     if (status != 0) {
-        if (VoTrace::wants(mod, VoTrace::vo_warn))
-            VoTrace::tr(mod, VoTrace::vo_warn, "%s %d opid=%lld %s vfsid=%d err=%#X\n", at.fn,
-                        at.line, opid, call, vfsid, status);
+        VO_TR_AT(at, mod, VoTrace::vo_warn, "opid=%lld %s vfsid=%d err=%#X\n", opid, call, vfsid,
+                 status);
         return VoRpcCalls::foldErr(func, RPC_SUCCESS, status);
     }
     return VoErr();
-}
-
-// 0 when a step has its clients, else 5003 / 5004 recorded in op as (func,
-// code) and traced from the step's site. The second form is for the steps
-// that also use the incremental-copy client.
-unsigned missingClient(VoState& op, Site at, voErrFunc func, CLIENT* clntVldb,
-                       CLIENT* clntSrcDbladeVol) {
-    const char* which = clntVldb == nullptr ? "clntVldb" : "clntSrcDbladeVol";
-    if (clntVldb != nullptr && clntSrcDbladeVol != nullptr) return 0;
-    if (VoTrace::wants(VoTrace::vo_vod, VoTrace::vo_warn))
-        VoTrace::tr(VoTrace::vo_vod, VoTrace::vo_warn, "%s %d %s=0\n", at.fn, at.line, which);
-    unsigned code = clntVldb == nullptr ? VOD_ERR_NO_VLDB_CLIENT : VOD_ERR_NO_DBLADE_CLIENT;
-    op.setErr(func, code);
-    return code;
-}
-
-unsigned missingClient(VoState& op, Site at, voErrFunc func, CLIENT* clntVldb,
-                       CLIENT* clntSrcDbladeVol, CLIENT* clntSrcDbladeIncrCopy) {
-    if (unsigned r = missingClient(op, at, func, clntVldb, clntSrcDbladeVol)) return r;
-    if (clntSrcDbladeIncrCopy != nullptr) return 0;
-    if (VoTrace::wants(VoTrace::vo_vod, VoTrace::vo_warn))
-        VoTrace::tr(VoTrace::vo_vod, VoTrace::vo_warn, "%s %d clntSrcDbladeIncrCopy=0\n", at.fn,
-                    at.line);
-    op.setErr(func, VOD_ERR_NO_DBLADE_CLIENT);
-    return VOD_ERR_NO_DBLADE_CLIENT;
-}
-
-// The VLDB records of (vfsid, lid). RPC failures and statuses are the
-// caller's to judge; res frees the answer.
-clnt_stat lookupVldb(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid,
-                     VoXdrResult<vldb_record_lookup_result>& res) {
-    vldb_record_lookup_input in;
-    memset(&in, 0, sizeof in);
-    in.input_mask = VFS_ID | VFS_LP;
-    in.r.vfsid = vfsid;
-    memcpy(in.r.lp_uuid, lid, sizeof in.r.lp_uuid);
-    char empty[] = "";
-    in.r.family = empty;
-    in.r.vfsname = empty;
-    return vldb_record_lookup_3(&in, res.get(), clntVldb);
 }
 
 // A delete done now or before: the LP no longer holds the volume
@@ -138,37 +88,6 @@ void VoCopyState::dbgDump() {
 }
 
 // ---- The error triple. ----
-
-void VoCopyState::getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.get(rc, func, funcrc);
-}
-
-void VoCopyState::getErr(voErrFunc* func, unsigned* funcrc) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.get(func, funcrc);
-}
-
-void VoCopyState::setHiLvlErr(voErrRc rc) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.setHiLvl(rc);
-}
-
-void VoCopyState::setErr(voErrFunc func, unsigned funcrc) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.set(func, funcrc);
-}
-
-void VoCopyState::setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.setAll(rc, func, funcrc);
-}
-
-// The high-level code stays the caller's to set.
-void VoCopyState::setAllErr(VoErr& err) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.setAll(err);
-}
 
 // ---- Conflict tests. ----
 
@@ -342,7 +261,7 @@ unsigned VoCopyState::mkRec(CLIENT* clntVldb) {
 
 unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VoTrace::Depth depth;
-    if (unsigned r = missingClient(*this, VO_SITE, voErrVodMkOpSrcSink, clntVldb, clntSrcDbladeVol))
+    if (unsigned r = missingClient(VO_SITE, voErrVodMkOpSrcSink, clntVldb, clntSrcDbladeVol))
         return r;
     const unsigned long long opid = _opid;
     const unsigned srcVid = _srcRec.vid();
@@ -478,25 +397,7 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
 
     VO_TR(vo_vldb, vo_entry, "opid=%lld vldb_record_lookup_3 vfsid=%d\n", opid, srcVid);
     VoXdrResult<vldb_record_lookup_result> found(xdr_vldb_record_lookup_result);
-    clnt_stat st = lookupVldb(clntVldb, srcVid, srcLid, found);
-    if (st != RPC_SUCCESS) {
-        VO_TR(vo_vldb, vo_warn, "opid=%lld vldb_record_lookup_3 vfsid=%d failed: %s\n", opid,
-              srcVid, clnt_sperrno(st));
-        setErr(voErrVldbRecordLookupRpc, st);
-        return voErrVldbRecordLookupRpc;
-    }
-    if (found->result == VLDB_RECORD_NOT_FOUND || (found->result == 0 && found->r.r_len == 0)) {
-        VO_TR(vo_vldb, vo_warn, "opid=%lld no VLDB record for vfsid=%d LP=" VO_LP_FMT "\n", opid,
-              srcVid, VO_LP_ARGS(srcLid));
-        setErr(voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
-        return voErrVldbRecordLookup;
-    }
-    if (found->result != 0) {
-        VO_TR(vo_vldb, vo_warn, "opid=%lld vldb_record_lookup_3 vfsid=%d err %s\n", opid, srcVid,
-              statLit(found->result));
-        setErr(voErrVldbRecordLookup, found->result);
-        return voErrVldbRecordLookup;
-    }
+    if (unsigned r = lookupSrcVldb(VO_SITE, clntVldb, found)) return r;
     const Rec& srcVldb = found->r.r_val[0];
 
     // The sink's record: a volume of its own (its name heads its family, it
@@ -638,12 +539,8 @@ unsigned VoCopyState::progress(CLIENT* clntSrcDbladeIncrCopy) {
         _pgrs.sink.megsProcessed = d.blksSent / kBlocksPerMeg;
     }
 
-    {
-        // A poll failure that this answer outlived is no part of the copy's outcome.
-        std::lock_guard<std::mutex> g(_errLock);
-        if (_err.func == voErrDbladeIncrCopyProgressRpc || _err.func == voErrDbladeIncrCopyProgress)
-            _err = VoErrTriple();
-    }
+    // A poll failure that this answer outlived is no part of the copy's outcome.
+    clearErrIfFunc(voErrDbladeIncrCopyProgressRpc, voErrDbladeIncrCopyProgress);
 
     if (_pgrs.src.status == VoDone) {
         _dbladeIncrCopyRunning = false;
@@ -729,7 +626,7 @@ void VoCopyState::cancel(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
 unsigned VoCopyState::conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
                                CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
-    if (unsigned r = missingClient(*this, VO_SITE, voErrVodConclude, clntVldb, clntSrcDbladeVol,
+    if (unsigned r = missingClient(VO_SITE, voErrVodConclude, clntVldb, clntSrcDbladeVol,
                                    clntSrcDbladeIncrCopy))
         return r;
     const long long opid = static_cast<long long>(_opid);
@@ -1039,7 +936,7 @@ unsigned VoCopyState::determineRecoveryStrategy(CLIENT* clntVldb, VoRec& sink) {
 unsigned VoCopyState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
                                        CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
-    if (unsigned r = missingClient(*this, VO_SITE, voErrVodCrashRecovery, clntVldb,
+    if (unsigned r = missingClient(VO_SITE, voErrVodCrashRecovery, clntVldb,
                                    clntSrcDbladeVol, clntSrcDbladeIncrCopy))
         return r;
     if (retiredFromVodb()) {
@@ -1079,27 +976,8 @@ unsigned VoCopyState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVo
         const unsigned srcVid = _srcRec.vid();
         VO_TR(vo_vldb, vo_entry, "opid=%lld vldb_record_lookup_3 src vfsid=%d\n", opid, srcVid);
         VoXdrResult<vldb_record_lookup_result> found(xdr_vldb_record_lookup_result);
-        clnt_stat st = lookupVldb(clntVldb, srcVid, _srcRec.lid(), found);
-        if (st != RPC_SUCCESS) {
-            VO_TR(vo_vldb, vo_warn, "opid=%lld vldb_record_lookup_3 vfsid=%d failed: %s\n", opid,
-                  srcVid, clnt_sperrno(st));
-            setErr(voErrVldbRecordLookupRpc, st);
-            return voErrVldbRecordLookupRpc;
-        }
-        const unsigned status = found->result;
-        const unsigned count = status == 0 ? found->r.r_len : 0;
-        if (status == VLDB_RECORD_NOT_FOUND || (status == 0 && count == 0)) {
-            VO_TR(vo_vldb, vo_warn, "opid=%lld no VLDB record for vfsid=%d LP=" VO_LP_FMT "\n",
-                  opid, srcVid, VO_LP_ARGS(_srcRec.lid()));
-            setErr(voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
-            return voErrVldbRecordLookup;
-        }
-        if (status != 0) {
-            VO_TR(vo_vldb, vo_warn, "opid=%lld vldb_record_lookup_3 vfsid=%d err %s\n", opid,
-                  srcVid, statLit(status));
-            setErr(voErrVldbRecordLookup, status);
-            return voErrVldbRecordLookup;
-        }
+        if (unsigned r = lookupSrcVldb(VO_SITE, clntVldb, found)) return r;
+        const unsigned count = found->r.r_len;
         if (count != 1) {
             VO_TR(vo_vldb, vo_warn, "opid=%lld expects one VLDB record for vfsid=%d. Got %d!\n",
                   opid, srcVid, count);
@@ -1113,4 +991,35 @@ unsigned VoCopyState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVo
 
     VO_TR(vo_vod, vo_audit, "opid=%lld call concludeCopy\n", opid);
     return concludeCopy(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
+}
+
+// ---- Shared by the steps above. ----
+
+unsigned VoCopyState::lookupSrcVldb(VoTraceSite site, CLIENT* clntVldb,
+                                    VoXdrResult<vldb_record_lookup_result>& found) {
+    const long long opid = static_cast<long long>(_opid);
+    const unsigned vid = _srcRec.vid();
+    clnt_stat st = lookupVfs(clntVldb, vid, _srcRec.lid(), found.get());
+    if (st != RPC_SUCCESS) {
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn,
+                 "opid=%lld vldb_record_lookup_3 vfsid=%d failed: %s\n", opid, vid,
+                 clnt_sperrno(st));
+        setErr(voErrVldbRecordLookupRpc, st);
+        return voErrVldbRecordLookupRpc;
+    }
+    const unsigned status = found->result;
+    if (status == VLDB_RECORD_NOT_FOUND || (status == 0 && found->r.r_len == 0)) {
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn,
+                 "opid=%lld no VLDB record for vfsid=%d LP=" VO_LP_FMT "\n", opid, vid,
+                 VO_LP_ARGS(_srcRec.lid()));
+        setErr(voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
+        return voErrVldbRecordLookup;
+    }
+    if (status != 0) {
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn,
+                 "opid=%lld vldb_record_lookup_3 vfsid=%d err %s\n", opid, vid, statLit(status));
+        setErr(voErrVldbRecordLookup, status);
+        return voErrVldbRecordLookup;
+    }
+    return 0;
 }

@@ -19,18 +19,18 @@
 // sets under the operation lock (dbgDump reads it so). _pgrs is written only
 // by the client-only progress, which runs while the stream is marked running;
 // the worker's conclude reads it under the operation lock. The error triple
-// has a leaf lock of its own.
+// is the base's, which any thread may read or set.
 #ifndef VOLOP_VOCOPYSTATE_H
 #define VOLOP_VOCOPYSTATE_H
 
 #include <rpc/rpc.h>
 
-#include <mutex>
 #include <string>
 
 #include "vo.h"
 #include "voerrors.h"
 #include "vorec.h"
+#include "vorpcclient.h"
 #include "vostate.h"
 
 class VoCopyState : public VoState {
@@ -45,13 +45,6 @@ class VoCopyState : public VoState {
 
     // Traces the three records. Takes the operation lock.
     void dbgDump() override;
-
-    void getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) override;
-    void getErr(voErrFunc* func, unsigned* funcrc) override;
-    void setHiLvlErr(voErrRc rc) override;
-    void setErr(voErrFunc func, unsigned funcrc) override;
-    void setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc) override;
-    void setAllErr(VoErr& err) override;
 
     // The first of source, op src and sink (in that order) with this VFS id
     // and LP id decides: true only when its op type and role are also these.
@@ -157,9 +150,12 @@ class VoCopyState : public VoState {
     // The sink's name as requested; mkOpSrcSink names the sink with at most
     // VoRec::VNAME_MAX characters of it. Set by addStream only.
     std::string _sinkName;
-    // Leaf lock over _err.
-    std::mutex _errLock;
-    VoErrTriple _err;
+
+    // The source's VLDB records into found. 0 when there is at least one;
+    // else the failure, traced from site and recorded: voErrVldbRecordLookupRpc
+    // or voErrVldbRecordLookup (a missing record as VLDB_RECORD_NOT_FOUND).
+    unsigned lookupSrcVldb(VoTraceSite site, CLIENT* clntVldb,
+                           VoXdrResult<vldb_record_lookup_result>& found);
 };
 
 #endif  // VOLOP_VOCOPYSTATE_H

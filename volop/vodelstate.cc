@@ -19,10 +19,8 @@ namespace {
 // volume is taken as already deleted.
 const unsigned kDbladeVolumeGone = 21;
 
-#define LP_FMT "LP=0x%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X"
-#define LP_ARGS(l)                                                                           \
-    (l)[0], (l)[1], (l)[2], (l)[3], (l)[4], (l)[5], (l)[6], (l)[7], (l)[8], (l)[9], (l)[10], \
-        (l)[11], (l)[12], (l)[13], (l)[14], (l)[15]
+// The delete's client checks trace under the name they have always had.
+#define CLIENT_CHECK_SITE (VoTraceSite{"missingClient", __LINE__})
 
 }  // namespace
 
@@ -39,37 +37,6 @@ VoDelState::~VoDelState() {}
 void VoDelState::dbgDump() {
     VO_TR(vo_vod, vo_event, "VoDelState opid=%lld\n", static_cast<long long>(_opid));
     _srcRec.dbgDump();
-}
-
-void VoDelState::getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.get(rc, func, funcrc);
-}
-
-void VoDelState::getErr(voErrFunc* func, unsigned* funcrc) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.get(func, funcrc);
-}
-
-void VoDelState::setHiLvlErr(voErrRc rc) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.setHiLvl(rc);
-}
-
-void VoDelState::setErr(voErrFunc func, unsigned funcrc) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.set(func, funcrc);
-}
-
-void VoDelState::setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.setAll(rc, func, funcrc);
-}
-
-// The high-level code stays the caller's to set.
-void VoDelState::setAllErr(VoErr& err) {
-    std::lock_guard<std::mutex> g(_errLock);
-    _err.setAll(err);
 }
 
 bool VoDelState::isUsing(unsigned vid, const unsigned char* lid, VoRec::VoType type,
@@ -113,19 +80,6 @@ unsigned VoDelState::startStream(CLIENT*, CLIENT*) {
 
 // --- the delete -------------------------------------------------------------
 
-unsigned VoDelState::missingClient(voErrFunc func, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
-    unsigned missing = 0;
-    if (clntVldb == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
-        missing = VOD_ERR_NO_VLDB_CLIENT;
-    } else if (clntSrcDbladeVol == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
-        missing = VOD_ERR_NO_DBLADE_CLIENT;
-    }
-    if (missing != 0) setErr(func, missing);
-    return missing;
-}
-
 bool VoDelState::addSrc(unsigned vid, const unsigned char* lid) {
     if (_srcRec.vid() != 0) {
         setErr(voErrVodAddStream, VOD_ERR_INTERNAL);
@@ -145,32 +99,10 @@ unsigned VoDelState::prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     // is deleted all the same.
     if (unsigned missing = refuseMissingClients(voErrValidate, clntVldb, clntSrcDbladeVol))
         return missing;
-
-    VO_TR(vo_vod, vo_audit, "cache all latest vodb recs\n");
-    VoErr err = VodbCacheLock::refreshVodbCache(clntVldb);
-    if (err != 0) {
-        VO_TR(vo_vod, vo_warn, "refreshVodbCache err.func=%d err.funcrc=%d\n", err.func(),
-              err.funcrc());
-        setAllErr(err);
-        // Without a high-level code the client would read the refusal as a
-        // success.
-        setHiLvlErr(voErrValidate);
-        return err;
-    }
-
-    VO_TR(vo_vod, vo_audit, "validate vol op\n");
-    if (!validate(clntVldb, clntSrcDbladeVol)) {
-        setHiLvlErr(voErrValidate);
-        VO_TR(vo_vod, vo_warn, "cannot valid due to error\n");
-        return voErrValidate;
-    }
-
-    if (mkRec(clntVldb) != 0) {
-        setHiLvlErr(voErrPersistOp);
-        return voErrVodMkVodbRec;
-    }
-    _vodbRecordStored = true;
-    return 0;
+    // A failed refresh is refused with a high-level code: without one the
+    // client would read the refusal as a success.
+    return refreshValidateRecord(VO_SITE, VoTrace::vo_audit, voErrValidate, clntVldb,
+                                 clntSrcDbladeVol);
 }
 
 bool VoDelState::validate(CLIENT*, CLIENT*) {
@@ -234,7 +166,7 @@ unsigned VoDelState::mkRec(CLIENT* clntVldb) {
 
 unsigned VoDelState::del(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VoTrace::Depth depth;
-    if (unsigned missing = missingClient(voErrVodSanityCheck, clntVldb, clntSrcDbladeVol))
+    if (unsigned missing = missingClient(CLIENT_CHECK_SITE, voErrVodSanityCheck, clntVldb, clntSrcDbladeVol))
         return missing;
     // Nothing to report as progress: nobody will come for a last reading.
     setMgmtGotLastProgress();
@@ -316,7 +248,8 @@ unsigned VoDelState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
 
 unsigned VoDelState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, CLIENT*) {
     VoTrace::Depth depth;
-    if (unsigned missing = missingClient(voErrVodCrashRecovery, clntVldb, clntSrcDbladeVol))
+    if (unsigned missing = missingClient(CLIENT_CHECK_SITE, voErrVodCrashRecovery, clntVldb,
+                                         clntSrcDbladeVol))
         return missing;
     if (retiredFromVodb()) {
         VO_TR(vo_vod, vo_warn, "retiredFromVodb()=1 already\n");

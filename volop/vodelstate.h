@@ -10,14 +10,11 @@
 // resurrectFromVoRec, then recoverFromCrash, which runs del again.
 //
 // A delete has no stream: the stream steps trace "not supported" and do
-// nothing. Its error triple has a leaf lock of its own, so any thread may
-// read or set it, with or without the operation lock held.
+// nothing. Its error triple is the base's, which any thread may read or set.
 #ifndef VOLOP_VODELSTATE_H
 #define VOLOP_VODELSTATE_H
 
 #include <rpc/rpc.h>
-
-#include <mutex>
 
 #include "vo.h"
 #include "voerrors.h"
@@ -35,13 +32,6 @@ class VoDelState : public VoState {
 
     // Traces the operation's source record.
     void dbgDump() override;
-
-    void getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) override;
-    void getErr(voErrFunc* func, unsigned* funcrc) override;
-    void setHiLvlErr(voErrRc rc) override;
-    void setErr(voErrFunc func, unsigned funcrc) override;
-    void setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc) override;
-    void setAllErr(VoErr& err) override;
 
     // True when the source is (vid, lid) in that op type and role.
     bool isUsing(unsigned vid, const unsigned char* lid, VoRec::VoType type,
@@ -96,15 +86,6 @@ class VoDelState : public VoState {
     // Not supported: trace and return 0.
     unsigned mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) override;
     unsigned startStream(CLIENT* clntSrcDbladeIncrCopy, CLIENT* clntSrcDbladeVol) override;
-
-  private:
-    // The first of the two clients that is missing, traced and recorded as
-    // (func, 5003 or 5004) without a high-level code; 0 when both are there.
-    unsigned missingClient(voErrFunc func, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
-
-    // Leaf lock over _err: nothing else is taken while it is held.
-    std::mutex _errLock;
-    VoErrTriple _err;
 };
 
 #endif  // VOLOP_VODELSTATE_H

@@ -42,20 +42,6 @@ VoErr voErr(voErrFunc func, unsigned funcrc, unsigned code) {
     return e;
 }
 
-// Looks up the VLDB records of (vfsid, lid); both name strings empty.
-clnt_stat lookupVfs(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid,
-                    vldb_record_lookup_result* out) {
-    vldb_record_lookup_input in;
-    memset(&in, 0, sizeof in);
-    in.input_mask = VFS_ID | VFS_LP;
-    in.r.vfsid = vfsid;
-    memcpy(in.r.lp_uuid, lid, sizeof in.r.lp_uuid);
-    char empty[] = "";
-    in.r.family = empty;
-    in.r.vfsname = empty;
-    return vldb_record_lookup_3(&in, out, clntVldb);
-}
-
 }  // namespace
 
 // ---- Construction, clock, lock. ----
@@ -142,6 +128,43 @@ void VoState::setFamily(const char* family) {
     _family[sizeof _family - 1] = '\0';
 }
 
+// ---- The error triple. ----
+
+void VoState::getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.get(rc, func, funcrc);
+}
+
+void VoState::getErr(voErrFunc* func, unsigned* funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.get(func, funcrc);
+}
+
+void VoState::setHiLvlErr(voErrRc rc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.setHiLvl(rc);
+}
+
+void VoState::setErr(voErrFunc func, unsigned funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.set(func, funcrc);
+}
+
+void VoState::setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.setAll(rc, func, funcrc);
+}
+
+void VoState::setAllErr(VoErr& err) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _err.setAll(err);
+}
+
+void VoState::clearErrIfFunc(voErrFunc a, voErrFunc b) {
+    std::lock_guard<std::mutex> g(_errLock);
+    if (_err.func == a || _err.func == b) _err = VoErrTriple();
+}
+
 void VoState::forceNextRefreshVodbCache() {
     // The ids belong to the cache; change them under its lock.
     VodbCacheLock lock;
@@ -181,30 +204,67 @@ unsigned VoState::getErrorCodeForOpType(int opType) {
 
 // ---- Shared steps. ----
 
-unsigned VoState::refuseMissingClients(voErrRc hiLvl, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
+unsigned VoState::missingClient(VoTraceSite site, voErrFunc func, CLIENT* clntVldb,
+                                CLIENT* clntSrcDbladeVol) {
     unsigned missing = 0;
     if (clntVldb == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_warn, "clntVldb=0\n");
         missing = VOD_ERR_NO_VLDB_CLIENT;
     } else if (clntSrcDbladeVol == nullptr) {
-        VO_TR(vo_vod, vo_warn, "clntSrcDbladeVol=0\n");
+        VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_warn, "clntSrcDbladeVol=0\n");
         missing = VOD_ERR_NO_DBLADE_CLIENT;
     }
-    if (missing != 0) {
-        setErr(voErrVodSanityCheck, missing);
-        setHiLvlErr(hiLvl);
-    }
+    if (missing != 0) setErr(func, missing);
+    return missing;
+}
+
+unsigned VoState::missingClient(VoTraceSite site, voErrFunc func, CLIENT* clntVldb,
+                                CLIENT* clntSrcDbladeVol, CLIENT* clntSrcDbladeIncrCopy) {
+    if (unsigned missing = missingClient(site, func, clntVldb, clntSrcDbladeVol)) return missing;
+    if (clntSrcDbladeIncrCopy != nullptr) return 0;
+    VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_warn, "clntSrcDbladeIncrCopy=0\n");
+    setErr(func, VOD_ERR_NO_DBLADE_CLIENT);
+    return VOD_ERR_NO_DBLADE_CLIENT;
+}
+
+unsigned VoState::refuseMissingClients(voErrRc hiLvl, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
+    unsigned missing = missingClient(VO_SITE, voErrVodSanityCheck, clntVldb, clntSrcDbladeVol);
+    if (missing != 0) setHiLvlErr(hiLvl);
     return missing;
 }
 
 unsigned VoState::refuseMissingClients(voErrRc hiLvl, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
                                        CLIENT* clntSrcDbladeIncrCopy) {
-    if (unsigned missing = refuseMissingClients(hiLvl, clntVldb, clntSrcDbladeVol)) return missing;
-    if (clntSrcDbladeIncrCopy != nullptr) return 0;
-    VO_TR(vo_vod, vo_warn, "clntSrcDbladeIncrCopy=0\n");
-    setErr(voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
-    setHiLvlErr(hiLvl);
-    return VOD_ERR_NO_DBLADE_CLIENT;
+    unsigned missing = missingClient(VO_SITE, voErrVodSanityCheck, clntVldb, clntSrcDbladeVol,
+                                     clntSrcDbladeIncrCopy);
+    if (missing != 0) setHiLvlErr(hiLvl);
+    return missing;
+}
+
+unsigned VoState::refreshValidateRecord(VoTraceSite site, VoTrace::Level stepLvl,
+                                        voErrRc refreshHiLvl, CLIENT* clntVldb,
+                                        CLIENT* clntSrcDbladeVol) {
+    VO_TR_AT(site, VoTrace::vo_vod, stepLvl, "cache all latest vodb recs\n");
+    VoErr err = VodbCacheLock::refreshVodbCache(clntVldb);
+    if (err != 0) {
+        VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_warn,
+                 "refreshVodbCache err.func=%d err.funcrc=%d\n", err.func(), err.funcrc());
+        setAllErr(err);
+        if (refreshHiLvl != voErrRcSuccess) setHiLvlErr(refreshHiLvl);
+        return err;
+    }
+    VO_TR_AT(site, VoTrace::vo_vod, stepLvl, "validate vol op\n");
+    if (!validate(clntVldb, clntSrcDbladeVol)) {
+        setHiLvlErr(voErrValidate);
+        VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_warn, "cannot valid due to error\n");
+        return voErrValidate;
+    }
+    if (mkRec(clntVldb) != 0) {
+        setHiLvlErr(voErrPersistOp);
+        return voErrVodMkVodbRec;
+    }
+    _vodbRecordStored = true;
+    return 0;
 }
 
 unsigned VoState::prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
@@ -217,26 +277,9 @@ unsigned VoState::prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
         setHiLvlErr(voErrSrcVFSNotExist);
         return voErrSrcVFSNotExist;
     }
-    VO_TR(vo_vod, vo_debug, "cache all latest vodb recs\n");
-    VoErr err = VodbCacheLock::refreshVodbCache(clntVldb);
-    if (err != 0) {
-        VO_TR(vo_vod, vo_warn, "refreshVodbCache err.func=%d err.funcrc=%d\n", err.func(),
-              err.funcrc());
-        setAllErr(err);
-        return err;
-    }
-    VO_TR(vo_vod, vo_debug, "validate vol op\n");
-    if (!validate(clntVldb, clntSrcDbladeVol)) {
-        setHiLvlErr(voErrValidate);
-        VO_TR(vo_vod, vo_warn, "cannot valid due to error\n");
-        return voErrValidate;
-    }
-    if (mkRec(clntVldb) != 0) {
-        setHiLvlErr(voErrPersistOp);
-        return voErrVodMkVodbRec;
-    }
-    _vodbRecordStored = true;
-    return 0;
+    // The high-level code of a failed refresh stays as it was here.
+    return refreshValidateRecord(VO_SITE, VoTrace::vo_debug, voErrRcSuccess, clntVldb,
+                                 clntSrcDbladeVol);
 }
 
 unsigned VoState::start(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, CLIENT* clntSrcDbladeIncrCopy) {
@@ -272,6 +315,19 @@ unsigned VoState::start(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, CLIENT* clnt
     return rc;
 }
 
+clnt_stat VoState::lookupVfs(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid,
+                             vldb_record_lookup_result* out) {
+    vldb_record_lookup_input in;
+    memset(&in, 0, sizeof in);
+    in.input_mask = VFS_ID | VFS_LP;
+    in.r.vfsid = vfsid;
+    memcpy(in.r.lp_uuid, lid, sizeof in.r.lp_uuid);
+    char empty[] = "";
+    in.r.family = empty;
+    in.r.vfsname = empty;
+    return vldb_record_lookup_3(&in, out, clntVldb);
+}
+
 // ---- The D-blade stream. ----
 
 namespace {
@@ -288,7 +344,7 @@ const StreamControl kPause = {incrcopypause_1, voErrDbladeIncrCopyPause, "incrco
 const StreamControl kResume = {incrcopyresume_1, voErrDbladeIncrCopyResume, "incrcopyresume_1",
                                "resumed"};
 
-void controlStream(const StreamControl& c, const char* fn, unsigned long long opid, CLIENT* clnt,
+void controlStream(const StreamControl& c, VoTraceSite site, unsigned long long opid, CLIENT* clnt,
                    VoOut* out) {
     VoTrace::Depth depth;
     if (clnt == nullptr) {
@@ -301,33 +357,28 @@ void controlStream(const StreamControl& c, const char* fn, unsigned long long op
     clnt_stat st = c.stub(&id, &status, clnt);
     if (st != RPC_SUCCESS) {
         // Both name the pause procedure in this line.
-        if (VoTrace::wants(VoTrace::vo_incrcopy, VoTrace::vo_warn))
-            VoTrace::tr(VoTrace::vo_incrcopy, VoTrace::vo_warn,
-                        "%s %d opid=%lld incrcopypause_1 failed: %s\n", fn, __LINE__, opid,
-                        clnt_sperrno(st));
+        VO_TR_AT(site, VoTrace::vo_incrcopy, VoTrace::vo_warn,
+                 "opid=%lld incrcopypause_1 failed: %s\n", opid, clnt_sperrno(st));
         VoErr e = VoRpcCalls::foldErr(c.func, st, 0);
         *out = VoOut{voErrRpcFailure, e.func(), e.funcrc()};
     } else if (status != 0) {
-        if (VoTrace::wants(VoTrace::vo_incrcopy, VoTrace::vo_warn))
-            VoTrace::tr(VoTrace::vo_incrcopy, VoTrace::vo_warn, "%s %d opid=%lld %s err=%#X\n", fn,
-                        __LINE__, opid, c.proc, status);
+        VO_TR_AT(site, VoTrace::vo_incrcopy, VoTrace::vo_warn, "opid=%lld %s err=%#X\n", opid,
+                 c.proc, status);
         *out = VoOut{VoErrDblade, c.func, status};
     } else {
         *out = VoOut{voErrRcSuccess, voErrFuncSuccess, 0};
-        if (VoTrace::wants(VoTrace::vo_incrcopy, VoTrace::vo_audit))
-            VoTrace::tr(VoTrace::vo_incrcopy, VoTrace::vo_audit, "%s %d opid=%lld %s\n", fn,
-                        __LINE__, opid, c.done);
+        VO_TR_AT(site, VoTrace::vo_incrcopy, VoTrace::vo_audit, "opid=%lld %s\n", opid, c.done);
     }
 }
 
 }  // namespace
 
 void VoState::pause(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
-    controlStream(kPause, __func__, _opid, clntSrcDbladeIncrCopy, out);
+    controlStream(kPause, VO_SITE, _opid, clntSrcDbladeIncrCopy, out);
 }
 
 void VoState::resume(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
-    controlStream(kResume, __func__, _opid, clntSrcDbladeIncrCopy, out);
+    controlStream(kResume, VO_SITE, _opid, clntSrcDbladeIncrCopy, out);
 }
 
 void VoState::concludeDbladeIncrCopy(CLIENT* clntSrcDbladeIncrCopy) {

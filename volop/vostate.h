@@ -18,7 +18,8 @@
 //
 // Lock order: the registry's voStateLock, then an operation's _voStateLock,
 // which is released before WorkerThreadPool's queue lock is taken. The VODB
-// cache lock and the D-blade host-table lock are leaves.
+// cache lock, the D-blade host-table lock and an operation's error lock are
+// leaves.
 #ifndef VOLOP_VOSTATE_H
 #define VOLOP_VOSTATE_H
 
@@ -26,6 +27,7 @@
 #include <rpc/rpc.h>
 
 #include <atomic>
+#include <mutex>
 
 #include "dblade_incrcopy.h"
 #include "dblade_vol.h"
@@ -33,6 +35,7 @@
 #include "vo.h"
 #include "voerrors.h"
 #include "vorec.h"
+#include "votrace.h"
 
 class VoRPCClient;
 
@@ -54,9 +57,8 @@ enum VoJobState : int {
     VO_JOB_OP_COMPLETE = 13,  // a completion notice is being handled
 };
 
-// The error triple most operations keep: high-level code, failing function,
-// that function's status. Subclasses hold one and forward the six error
-// accessors to it. Not locked: the owner decides who may touch it.
+// The error triple of an operation: high-level code, failing function, that
+// function's status. Not locked: the owner decides who may touch it.
 struct VoErrTriple {
     voErrRc rc = voErrRcSuccess;
     voErrFunc func = voErrFuncSuccess;
@@ -110,13 +112,16 @@ class VoState {
 
     // ---- Operations every subclass provides, in this slot order. ----
     virtual void dbgDump() = 0;
-    // The operation's error triple.
-    virtual void getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) = 0;
-    virtual void getErr(voErrFunc* func, unsigned* funcrc) = 0;
-    virtual void setHiLvlErr(voErrRc rc) = 0;
-    virtual void setErr(voErrFunc func, unsigned funcrc) = 0;
-    virtual void setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc) = 0;
-    virtual void setAllErr(VoErr& err) = 0;
+    // The operation's error triple. The base keeps it behind a leaf lock of
+    // its own, so any thread may read or set it, with or without the
+    // operation lock held. setAllErr(VoErr&) leaves the high-level code to
+    // the caller.
+    virtual void getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc);
+    virtual void getErr(voErrFunc* func, unsigned* funcrc);
+    virtual void setHiLvlErr(voErrRc rc);
+    virtual void setErr(voErrFunc func, unsigned funcrc);
+    virtual void setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc);
+    virtual void setAllErr(VoErr& err);
     // Does the operation use volume (vid, lid) in that operation type and role.
     virtual bool isUsing(unsigned vid, const unsigned char* lid, VoRec::VoType type,
                          VoRec::VfsRole role) = 0;
@@ -284,6 +289,28 @@ class VoState {
     unsigned refuseMissingClients(voErrRc hiLvl, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
     unsigned refuseMissingClients(voErrRc hiLvl, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
                                   CLIENT* clntSrcDbladeIncrCopy);
+    // The same check without a high-level code: the first missing client is
+    // traced from site and recorded as (func, 5003 or 5004), and that code
+    // returned; 0 when all are there.
+    unsigned missingClient(VoTraceSite site, voErrFunc func, CLIENT* clntVldb,
+                           CLIENT* clntSrcDbladeVol);
+    unsigned missingClient(VoTraceSite site, voErrFunc func, CLIENT* clntVldb,
+                           CLIENT* clntSrcDbladeVol, CLIENT* clntSrcDbladeIncrCopy);
+    // What every prepare does once its own checks have passed: refresh the
+    // VODB cache, validate, mkRec, then mark the records stored. Traces from
+    // site, its step lines at stepLvl. A failed refresh records refreshHiLvl
+    // as the high-level code unless it is voErrRcSuccess. Returns as prepare.
+    unsigned refreshValidateRecord(VoTraceSite site, VoTrace::Level stepLvl,
+                                   voErrRc refreshHiLvl, CLIENT* clntVldb,
+                                   CLIENT* clntSrcDbladeVol);
+    // vldb_record_lookup_3 of (vfsid, lid), both name strings empty. Judging
+    // the transport answer and the status is the caller's; out is the
+    // caller's to free.
+    static clnt_stat lookupVfs(CLIENT* clntVldb, unsigned vfsid, const unsigned char* lid,
+                               vldb_record_lookup_result* out);
+    // Clears the error triple when its failing function is a or b, in one
+    // step under the error lock.
+    void clearErrIfFunc(voErrFunc a, voErrFunc b);
     // Makes the next VODB cache refresh re-read the records. Takes the VODB
     // cache lock: the caller must not hold a VodbCacheLock.
     static void forceNextRefreshVodbCache();
@@ -314,6 +341,9 @@ class VoState {
     // The registry has given up its own reference while a finder's caller
     // still held one. Guarded by voStateLock.
     bool _listRefDropped = false;
+    // Leaf lock over _err: nothing else is taken while it is held.
+    std::mutex _errLock;
+    VoErrTriple _err;
 };
 
 #endif  // VOLOP_VOSTATE_H

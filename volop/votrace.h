@@ -90,6 +90,21 @@ void voApplyTracePreset(int preset);
                         ##__VA_ARGS__);                                                  \
     } while (0)
 
+// Where a shared helper writes trace lines from: the calling step's name and line, so that
+// they read as the step's own.
+struct VoTraceSite {
+    const char* fn;
+    int line;
+};
+#define VO_SITE (VoTraceSite{__func__, __LINE__})
+
+// VO_TR from a helper on behalf of the step at site; mod and lvl are VoTrace values.
+#define VO_TR_AT(site, mod, lvl, fmt, ...)                                               \
+    do {                                                                                 \
+        if (VoTrace::wants(mod, lvl))                                                    \
+            VoTrace::tr(mod, lvl, "%s %d " fmt, (site).fn, (site).line, ##__VA_ARGS__);  \
+    } while (0)
+
 // Same guard without the "function line " prefix, for the few fixed start-up messages.
 #define VO_TR_RAW(mod, lvl, fmt, ...)                                                    \
     do {                                                                                 \
