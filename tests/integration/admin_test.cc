@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "admin_fixture.h"
+#include "cluster_fixture.h"
 #include "voerrors.h"
 
 namespace vodtest {
@@ -194,10 +194,7 @@ TEST_F(AdminTest, RefusalsAnswerTheirCodesAndUndoTheStepBefore) {
 
     // Set read-only with the D-blade refusing: the VLDB keeps the old type.
     fault({"status", "volsetattr", "5"});
-    VoOut out = setRo(base, "lp1b");
-    EXPECT_EQ(out.rc, voErrMakeVFS);
-    EXPECT_EQ(out.func, voErrDbladeVolSetAttr);
-    EXPECT_EQ(out.funcrc, 5u);
+    expectTriple(setRo(base, "lp1b"), voErrMakeVFS, voErrDbladeVolSetAttr, 5);
     EXPECT_EQ(recordOf(vldb(), base)["type"], 1);
 }
 
@@ -242,11 +239,8 @@ TEST_F(AdminTest, VolumeUsedByARecordedOperationIsNotDeletedNorRetyped) {
     };
     for (const Case& c : cases) {
         uint64_t opid = addVodbRecord(0, c.type, vol, "lp1a", c.role);
-        VoOut out = vodelete(vol, "lp1a");
-        EXPECT_EQ(out.rc, voErrValidate) << c.type;
-        EXPECT_EQ(out.func, voErrVodValidate) << c.type;
-        EXPECT_EQ(out.funcrc, c.busyCode) << c.type;
-        out = setRo(vol, "lp1a");
+        expectTriple(vodelete(vol, "lp1a"), voErrValidate, voErrVodValidate, c.busyCode, c.type);
+        VoOut out = setRo(vol, "lp1a");
         EXPECT_EQ(out.rc, voErrMakeVFS) << c.type;
         EXPECT_EQ(out.funcrc, c.busyCode) << c.type;
         EXPECT_EQ(deleteById(vol), kVfsDeleteFailed) << c.type;

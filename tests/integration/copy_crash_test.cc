@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "copy_fixture.h"
+#include "cluster_fixture.h"
 #include "voctl/copy_report.h"
 
 namespace vodtest {
@@ -36,14 +36,14 @@ struct CrashPoint {
     bool rollsForward;
 };
 
-class CopyCrash : public CopyNodeTest, public ::testing::WithParamInterface<CrashPoint> {
+class CopyCrash : public ClusterTest, public ::testing::WithParamInterface<CrashPoint> {
   public:
     // For the crash points' own steps.
-    using CopyNodeTest::cancel;
-    using CopyNodeTest::hold;
-    using CopyNodeTest::speed;
-    using CopyNodeTest::waitAnyHeld;
-    using CopyNodeTest::waitHeld;
+    using ClusterTest::cancel;
+    using ClusterTest::hold;
+    using ClusterTest::speed;
+    using ClusterTest::waitAnyHeld;
+    using ClusterTest::waitHeld;
     bool restartSimulator() { return node.restartSim(); }
 
     uint32_t src = 0;
@@ -56,12 +56,7 @@ class CopyCrash : public CopyNodeTest, public ::testing::WithParamInterface<Cras
         ASSERT_TRUE(waitHeld(proc, 60)) << "vod never called " << proc;
     }
 
-    void streamSlowly(CopyKey* key) {
-        speed(128);
-        start(key);
-        VoCopyPgrsOut r{};
-        ASSERT_TRUE(waitForReport(*key, isStreamingWithProgress, 30, &r)) << "rc=" << r.rc;
-    }
+    void streamSlowly(CopyKey* key) { startSlowCopy(src, "lp1a", "lp2a", "crashcopy", key); }
 
     void finishStream(uint64_t opid) {
         speed(0);
@@ -139,7 +134,7 @@ TEST_P(CopyCrash, RecoveryCompletesOrUndoesTheCopy) {
     ASSERT_NE(src, 0u);
     const std::string srcSum = checksum(src, "lp1a");
     const json srcRecord = vldbRecord(src, "lp1a");
-    std::set<VolumeId> before = volumeIds();
+    std::set<VolumeKey> before = volumeKeys();
 
     CopyKey key;
     point.reach(*this, &key);
@@ -183,7 +178,7 @@ TEST_F(CopyNodeTest, VoctlFollowsACopyAcrossARestartOfVod) {
     uint32_t src = makeVolume("survivor", "lp1a", 16, 64 * 1024);
     ASSERT_NE(src, 0u);
     const std::string srcSum = checksum(src, "lp1a");
-    std::set<VolumeId> before = volumeIds();
+    std::set<VolumeKey> before = volumeKeys();
     speed(128);
 
     RunResult tool;

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "copy_fixture.h"
+#include "cluster_fixture.h"
 #include "voctl/copy_report.h"
 #include "voerrors.h"
 
@@ -174,7 +174,7 @@ TEST_F(CopyNodeTest, ReadWriteSourceIsCopiedThroughACloneThatIsRemovedAfterwards
     ASSERT_NE(src, 0u);
     sim({"vol-write", std::to_string(src), "lp1a", "docs/readme.txt", "--text", "kept as is"});
     const std::string srcSum = checksum(src, "lp1a");
-    std::set<VolumeId> before = volumeIds();
+    std::set<VolumeKey> before = volumeKeys();
     uint64_t clones = callCount("volclone");
 
     Node::Result r = node.voctl(
@@ -218,9 +218,10 @@ TEST_F(CopyNodeTest, ReadWriteSourceIsCopiedThroughACloneThatIsRemovedAfterwards
 TEST_F(CopyNodeTest, ReadOnlySourceFeedsTwoCopiesAtOnceWithoutAClone) {
     uint32_t src = makeVolume("rosource", "lp1b", 16, 64 * 1024);
     ASSERT_NE(src, 0u);
-    setReadOnly(src, "lp1b");
+    VoOut ro = setRo(src, "lp1b");
+    EXPECT_EQ(ro.rc, voErrRcSuccess) << "vosetro func=" << ro.func << " funcrc=" << ro.funcrc;
     const std::string srcSum = checksum(src, "lp1b");
-    std::set<VolumeId> before = volumeIds();
+    std::set<VolumeKey> before = volumeKeys();
     uint64_t clones = callCount("volclone");
     speed(256);  // both copies stay in flight while the second one starts
 
@@ -260,13 +261,11 @@ TEST_F(CopyNodeTest, CancelMidStreamRollsBackAndRemovesSinkAndClone) {
     uint32_t src = makeVolume("tocancel", "lp1a", 32, 64 * 1024);
     ASSERT_NE(src, 0u);
     const std::string srcSum = checksum(src, "lp1a");
-    std::set<VolumeId> before = volumeIds();
-    speed(128);
-
-    CopyKey key = copyOf(src, "lp1a", "lp2b", "cancelled");
-    ASSERT_NE(key.sinkVid, 0u);
+    std::set<VolumeKey> before = volumeKeys();
+    CopyKey key;
+    startSlowCopy(src, "lp1a", "lp2b", "cancelled", &key);
+    ASSERT_FALSE(HasFatalFailure());
     VoCopyPgrsOut r{};
-    ASSERT_TRUE(waitForReport(key, isStreamingWithProgress, 30, &r)) << "rc=" << r.rc;
 
     // Hold the first clean-up call so the roll-back can be seen in progress.
     hold("voldelete");
@@ -295,13 +294,11 @@ TEST_F(CopyNodeTest, PauseStopsTheStreamAndResumeFinishesIt) {
     uint32_t src = makeVolume("topause", "lp2a", 32, 64 * 1024);
     ASSERT_NE(src, 0u);
     const std::string srcSum = checksum(src, "lp2a");
-    std::set<VolumeId> before = volumeIds();
-    speed(128);
-
-    CopyKey key = copyOf(src, "lp2a", "lp1a", "paused");
-    ASSERT_NE(key.sinkVid, 0u);
+    std::set<VolumeKey> before = volumeKeys();
+    CopyKey key;
+    startSlowCopy(src, "lp2a", "lp1a", "paused", &key);
+    ASSERT_FALSE(HasFatalFailure());
     VoCopyPgrsOut r{};
-    ASSERT_TRUE(waitForReport(key, isStreamingWithProgress, 30, &r));
     const std::string args[] = {std::to_string(src), "lp2a", std::to_string(key.sinkVid), "lp1a"};
 
     Node::Result p = node.voctl({"copy-pause", args[0], args[1], args[2], args[3]});
@@ -345,7 +342,7 @@ TEST_F(CopyNodeTest, PauseStopsTheStreamAndResumeFinishesIt) {
 TEST_F(CopyNodeTest, SinkAlreadyUpToDateCountsAsSuccess) {
     uint32_t src = makeVolume("emptysource", "lp1a", 0, 0);
     ASSERT_NE(src, 0u);
-    std::set<VolumeId> before = volumeIds();
+    std::set<VolumeKey> before = volumeKeys();
 
     CopyKey key = copyOf(src, "lp1a", "lp2a", "emptycopy");
     ASSERT_NE(key.sinkVid, 0u);
@@ -365,10 +362,8 @@ TEST_F(CopyNodeTest, FailedSinkCompletionRollsBack) {
     uint32_t src = makeVolume("toobig", "lp1a", 12, 256 * 1024);
     ASSERT_NE(src, 0u);
     const std::string srcSum = checksum(src, "lp1a");
-    std::set<VolumeId> before = volumeIds();
-    std::string srcLpHex;
-    for (const auto& [name, hex] : _lps)
-        if (name == "lp1a") srcLpHex = hex;
+    std::set<VolumeKey> before = volumeKeys();
+    const std::string srcLpHex = lpHex("lp1a");
 
     // Text mode, LPs by id and by name.
     Node::Result r = node.voctl(
@@ -387,7 +382,7 @@ TEST_F(CopyNodeTest, FailedSinkCompletionRollsBack) {
 TEST_F(CopyNodeTest, CopyOfTheSinkOfAnotherCopyIsRefusedWithTheCopyCode) {
     uint32_t src = makeVolume("first", "lp1a", 16, 64 * 1024);
     ASSERT_NE(src, 0u);
-    std::set<VolumeId> before = volumeIds();
+    std::set<VolumeKey> before = volumeKeys();
     // The first copy's sink is made and registered; its stream has not begun.
     hold("incrcopymirror");
     CopyKey first = copyOf(src, "lp1a", "lp2a", "firstcopy");
@@ -396,9 +391,7 @@ TEST_F(CopyNodeTest, CopyOfTheSinkOfAnotherCopyIsRefusedWithTheCopyCode) {
     uint64_t opid = vodbRecords().at(0)["opid"].get<uint64_t>();
 
     VoVidOut refused = startCopy(first.sinkVid, "lp2a", "lp1b", "copyofcopy");
-    EXPECT_EQ(refused.rc, voErrValidate);
-    EXPECT_EQ(refused.func, voErrVodValidate);
-    EXPECT_EQ(refused.funcrc, static_cast<unsigned>(VOD_ERR_BUSY_COPY));
+    expectTriple(refused, voErrValidate, voErrVodValidate, VOD_ERR_BUSY_COPY);
     EXPECT_EQ(refused.vid, 0u);
     EXPECT_TRUE(node.waitForTrace("Src(" + std::to_string(first.sinkVid) +
                                       ") is busy with another opid=" + std::to_string(opid) +
@@ -431,21 +424,14 @@ TEST_F(CopyNodeTest, CopyOfAVolumeBeingDeletedIsRefusedWithTheDeleteCode) {
     ASSERT_NE(src, 0u);
     // The D-blade refuses to delete it, so the delete stays recorded, pending.
     sim({"fault", "status", "voldelete", "5", "always"});
-    VoIn del{};
-    del.vidSrc = src;
-    lpBytes("lp1b", del.lidSrc);
-    VoOut delOut{};
-    ASSERT_EQ(vodelete_1(&del, &delOut, vo()), RPC_SUCCESS);
-    EXPECT_NE(delOut.rc, voErrRcSuccess) << "the delete was to fail";
+    EXPECT_NE(vodelete(src, "lp1b").rc, voErrRcSuccess) << "the delete was to fail";
     uint64_t delOpid = 0;
     for (const auto& rec : vodbRecords())
         if (rec["optype"] == 5 && rec["vfsid"] == src) delOpid = rec["opid"].get<uint64_t>();
     ASSERT_NE(delOpid, 0u) << "the failed delete left no record:\n" << sim({"vodb"});
 
     VoVidOut refused = startCopy(src, "lp1b", "lp2b", "toolate");
-    EXPECT_EQ(refused.rc, voErrValidate);
-    EXPECT_EQ(refused.func, voErrVodValidate);
-    EXPECT_EQ(refused.funcrc, static_cast<unsigned>(VOD_ERR_BUSY_DELETE));
+    expectTriple(refused, voErrValidate, voErrVodValidate, VOD_ERR_BUSY_DELETE);
     EXPECT_TRUE(node.waitForTrace("Src(" + std::to_string(src) + ") is busy with another opid=" +
                                       std::to_string(delOpid) + " opType(5)",
                                   5));

@@ -12,7 +12,7 @@
 #include <string>
 #include <thread>
 
-#include "admin_fixture.h"
+#include "cluster_fixture.h"
 
 namespace vodtest {
 namespace {
@@ -42,10 +42,7 @@ class DeleteTest : public AdminTest {
 TEST_F(DeleteTest, DbladeFailureKeepsEveryRecordUntilRecoveryDeletes) {
     const uint32_t vol = makeVolume("doomed", "lp1a");
     fault({"status", "voldelete", "5"});
-    VoOut out = vodelete(vol, "lp1a");
-    EXPECT_EQ(out.rc, VoErrDblade);
-    EXPECT_EQ(out.func, voErrDbladeVolDelete);
-    EXPECT_EQ(out.funcrc, 5u);
+    expectTriple(vodelete(vol, "lp1a"), VoErrDblade, voErrDbladeVolDelete, 5);
     // Nothing went: the volume, its record, and the operation to finish it.
     EXPECT_TRUE(hasVolume(vol));
     EXPECT_TRUE(hasVldbRecord(vol));
@@ -62,10 +59,7 @@ TEST_F(DeleteTest, DbladeFailureKeepsEveryRecordUntilRecoveryDeletes) {
 TEST_F(DeleteTest, VldbFailureAfterTheDbladeDeletedIsFinishedAfterARestart) {
     const uint32_t vol = makeVolume("halfway", "lp2a");
     fault({"status", "vldb_delete_record", "133"});
-    VoOut out = vodelete(vol, "lp2a");
-    EXPECT_EQ(out.rc, VoErrVldb);
-    EXPECT_EQ(out.func, voErrVldbDeleteRecord);
-    EXPECT_EQ(out.funcrc, 133u);
+    expectTriple(vodelete(vol, "lp2a"), VoErrVldb, voErrVldbDeleteRecord, 133);
     EXPECT_FALSE(hasVolume(vol));
     EXPECT_TRUE(hasVldbRecord(vol));
     expectOneDeleteRecorded(vol);
@@ -83,7 +77,7 @@ TEST_F(DeleteTest, KilledWhileTheVldbRecordDeleteIsUnderwayIsFinishedAfterAResta
     const uint32_t vol = makeVolume("killed", "lp1b");
     u_char lid[16];
     lpBytes("lp1b", lid);
-    fault({"hold", "vldb_delete_record"});
+    hold("vldb_delete_record");
 
     // The delete blocks vod's loop at the held call; its caller waits aside.
     std::atomic<bool> answered{false};
@@ -99,12 +93,12 @@ TEST_F(DeleteTest, KilledWhileTheVldbRecordDeleteIsUnderwayIsFinishedAfterAResta
         answered = vodelete_1(&in, &out, c) == RPC_SUCCESS;
         clnt_destroy(c);
     });
-    EXPECT_EQ(node.simctl({"fault", "wait-held", "vldb_delete_record", "30"}).status, 0);
+    EXPECT_TRUE(waitHeld("vldb_delete_record", 30));
     // Killed after the D-blade deleted the volume, before the VLDB record went.
-    node.killVod(SIGKILL);
+    killVod();
     caller.join();
     EXPECT_FALSE(answered);
-    fault({"release", "vldb_delete_record", "all", "drop"});
+    EXPECT_TRUE(release("vldb_delete_record", /*drop=*/true));
     fault({"clear"});
     EXPECT_FALSE(hasVolume(vol));
     EXPECT_TRUE(hasVldbRecord(vol));

@@ -657,6 +657,12 @@ void NodeTest::SetUp() {
     ASSERT_FALSE(node.dir().empty()) << "cannot make a scratch folder in /tmp";
 }
 
+void VodNodeTest::SetUp() {
+    NodeTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    ASSERT_TRUE(node.startVod({"-d"}));
+}
+
 void NodeTest::TearDown() {
     if (HasFailure() && node.vodPid() > 0)
         std::fprintf(stderr, "---- last lines of vod's output ----\n%s\n",

@@ -226,6 +226,12 @@ class NodeTest : public ::testing::Test {
     Node node;
 };
 
+// A node running vod alone, in the foreground (-d).
+class VodNodeTest : public NodeTest {
+ protected:
+    void SetUp() override;
+};
+
 }  // namespace vodtest
 
 #endif  // TESTS_INTEGRATION_NODE_H

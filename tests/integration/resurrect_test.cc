@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "admin_fixture.h"
+#include "cluster_fixture.h"
 
 namespace vodtest {
 namespace {
@@ -28,7 +28,7 @@ class ResurrectTest : public AdminTest {
         std::vector<uint32_t> ids;
         for (size_t i = 0; i < lps.size(); ++i)
             ids.push_back(makeVolume("r" + std::to_string(i), lps[i]));
-        node.killVod(SIGKILL);
+        killVod();
         return ids;
     }
 };

@@ -135,14 +135,7 @@ TEST(VoctlUsage, BadCommandLinesExitWithStatusTwo) {
 
 // ---- against a node
 
-class VoctlNodeTest : public NodeTest {
- protected:
-    void SetUp() override {
-        NodeTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
-        ASSERT_TRUE(node.startVod({"-d"}));
-    }
-};
+class VoctlNodeTest : public VodNodeTest {};
 
 TEST_F(VoctlNodeTest, PingReportsTheRoundTrip) {
     Node::Result r = node.voctl({"ping"});

@@ -90,12 +90,11 @@ bool_t xdrPackedLidIn(XDR* x, PackedLidIn* a) {
     return xdr_u_int(x, &a->vidSrc) && xdr_opaque(x, a->lid, 16);
 }
 
-class VodProtocolTest : public NodeTest {
+class VodProtocolTest : public VodNodeTest {
  protected:
     void SetUp() override {
-        NodeTest::SetUp();
+        VodNodeTest::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
-        ASSERT_TRUE(node.startVod({"-d"}));
         clnt = node.client();
         ASSERT_NE(clnt, nullptr);
     }
