@@ -770,44 +770,12 @@ unsigned VoCopyState::deleteSink(CLIENT* clntVldb) {
         setAllErr(err);
         return err;
     }
-    VO_TR(vo_sinkvol, vo_audit, "opid=%lld call dbladeDeleteVfs vfsid=%d\n", opid, vid);
-    err = dbladeDeleteVfs(sinkVol, vid, _sinkRec.lid());
-    if (!volumeGone(err)) {
-        VO_TR(vo_sinkvol, vo_warn, "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n",
-              opid, vid, err.func(), err.funcrc());
-        setAllErr(err);
-        return err;
-    }
-    VO_TR(vo_vldb, vo_audit, "call opid=%lld vldbDeleteRecord vfsid=%d\n", opid, vid);
-    err = vldbDeleteRecord(clntVldb, vid, _sinkRec.lid());
-    if (err != 0) {
-        VO_TR(vo_vldb, vo_warn, "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n",
-              opid, vid, err.func(), err.funcrc());
-        setAllErr(err);
-    }
-    return err;
+    return deleteVolume(VO_SITE, VoTrace::vo_sinkvol, clntVldb, sinkVol, _sinkRec);
 }
 
 unsigned VoCopyState::deleteOpSrc(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VoTrace::Depth depth;
-    const long long opid = static_cast<long long>(_opid);
-    const unsigned vid = _opSrcRec.vid();
-    VO_TR(vo_srcvol, vo_audit, "opid=%lld call dbladeDeleteVfs vfsid=%d\n", opid, vid);
-    VoErr err = dbladeDeleteVfs(clntSrcDbladeVol, vid, _opSrcRec.lid());
-    if (!volumeGone(err)) {
-        VO_TR(vo_srcvol, vo_warn, "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n",
-              opid, vid, err.func(), err.funcrc());
-        setAllErr(err);
-        return err;
-    }
-    VO_TR(vo_vldb, vo_audit, "opid=%lld call vldbDeleteRecord vfsid=%d\n", opid, vid);
-    err = vldbDeleteRecord(clntVldb, vid, _opSrcRec.lid());
-    if (err != 0) {
-        VO_TR(vo_vldb, vo_warn, "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n",
-              opid, vid, err.func(), err.funcrc());
-        setAllErr(err);
-    }
-    return err;
+    return deleteVolume(VO_SITE, VoTrace::vo_srcvol, clntVldb, clntSrcDbladeVol, _opSrcRec);
 }
 
 // ---- After a crash. ----
@@ -994,6 +962,36 @@ unsigned VoCopyState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVo
 }
 
 // ---- Shared by the steps above. ----
+
+unsigned VoCopyState::deleteVolume(VoTraceSite site, VoTrace::Module mod, CLIENT* clntVldb,
+                                   CLIENT* clntDbladeVol, const VoRec& vol) {
+    const long long opid = static_cast<long long>(_opid);
+    const unsigned vid = vol.vid();
+    VO_TR_AT(site, mod, VoTrace::vo_audit, "opid=%lld call dbladeDeleteVfs vfsid=%d\n", opid, vid);
+    VoErr err = dbladeDeleteVfs(clntDbladeVol, vid, vol.lid());
+    if (!volumeGone(err)) {
+        VO_TR_AT(site, mod, VoTrace::vo_warn,
+                 "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
+                 err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+    // The sink's line has always named the call first.
+    if (&vol == &_sinkRec)
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_audit,
+                 "call opid=%lld vldbDeleteRecord vfsid=%d\n", opid, vid);
+    else
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_audit,
+                 "opid=%lld call vldbDeleteRecord vfsid=%d\n", opid, vid);
+    err = vldbDeleteRecord(clntVldb, vid, vol.lid());
+    if (err != 0) {
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn,
+                 "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
+                 err.func(), err.funcrc());
+        setAllErr(err);
+    }
+    return err;
+}
 
 unsigned VoCopyState::lookupSrcVldb(VoTraceSite site, CLIENT* clntVldb,
                                     VoXdrResult<vldb_record_lookup_result>& found) {

@@ -154,6 +154,11 @@ class VoCopyState : public VoState {
     // The source's VLDB records into found. 0 when there is at least one;
     // else the failure, traced from site and recorded: voErrVldbRecordLookupRpc
     // or voErrVldbRecordLookup (a missing record as VLDB_RECORD_NOT_FOUND).
+    // Deletes vol on its D-blade (gone already counts as deleted), then its
+    // VLDB record, tracing from site with the D-blade lines under mod. 0 or
+    // the failing step's code, recorded.
+    unsigned deleteVolume(VoTraceSite site, VoTrace::Module mod, CLIENT* clntVldb,
+                          CLIENT* clntDbladeVol, const VoRec& vol);
     unsigned lookupSrcVldb(VoTraceSite site, CLIENT* clntVldb,
                            VoXdrResult<vldb_record_lookup_result>& found);
 };
