@@ -8,31 +8,17 @@
 #include "sim/incrcopy.h"
 #include "sim/simfaults.h"
 #include "sim/simnode.h"
+#include "sim/simservice.h"
 
 namespace {
 
 // More sinks than any node has LPs is a malformed request, not a reason to allocate.
 constexpr u_int kMaxSinks = 1024;
 
-// The fault verdict first, then the work under the lock; `fn` returns the status.
-template <typename Fn>
-bool_t serve(const char* proc, u_int* status, Fn fn) {
-    *status = 0;
-    SimFaultVerdict f = simFault(proc);
-    if (f.kind == SimFaultKind::Drop) return FALSE;
-    if (f.kind == SimFaultKind::Status) {
-        *status = f.status;
-        return TRUE;
-    }
-    std::lock_guard<std::mutex> lk(SimNode::get().lock());
-    *status = fn();
-    return TRUE;
-}
-
 }  // namespace
 
 bool_t incrcopymirror_1_svc(IncrCopyMirrorIn* in, u_int* out, struct svc_req*) {
-    return serve("incrcopymirror", out, [&]() -> unsigned {
+    return simServeStatus("incrcopymirror", out, [&]() -> unsigned {
         u_int n = in->numDests;
         if (n == 0 || n > kMaxSinks || in->dstBladeId.dstBladeId_len != n ||
             in->dstVfsId.dstVfsId_len != n || in->dstLpUuid.dstLpUuid_len != n)
@@ -49,21 +35,21 @@ bool_t incrcopymirror_1_svc(IncrCopyMirrorIn* in, u_int* out, struct svc_req*) {
 
 // The final pass of a move and the TCP dump and restore are not simulated yet.
 bool_t incrcopymove_1_svc(IncrCopyMoveIn*, u_int* out, struct svc_req*) {
-    return serve("incrcopymove", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
+    return simServeStatus("incrcopymove", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
 }
 
 bool_t tcpvfsdump_1_svc(TcpVfsDumpIn*, u_int* out, struct svc_req*) {
-    return serve("tcpvfsdump", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
+    return simServeStatus("tcpvfsdump", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
 }
 
 bool_t tcpvfsrestore_1_svc(TcpVfsRestoreIn*, u_int* out, struct svc_req*) {
-    return serve("tcpvfsrestore", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
+    return simServeStatus("tcpvfsrestore", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
 }
 
 bool_t incrcopyprogress_1_svc(u_quad_t* opId, IncrCopyProgressOut* out, struct svc_req*) {
     // The dispatcher neither clears the result nor skips freeing it.
     memset(out, 0, sizeof *out);
-    return serve("incrcopyprogress", &out->rc, [&]() -> unsigned {
+    return simServeStatus("incrcopyprogress", &out->rc, [&]() -> unsigned {
         SimStreamProgress p;
         if (!simStreamProgress(*opId, &p)) return VIC_EOPNOTFOUND;
         IncrCopyPgrsOut& o = out->IncrCopyProgressOut_u.out;
@@ -96,19 +82,19 @@ bool_t incrcopyprogress_1_svc(u_quad_t* opId, IncrCopyProgressOut* out, struct s
 }
 
 bool_t incrcopypause_1_svc(u_quad_t* opId, u_int* out, struct svc_req*) {
-    return serve("incrcopypause", out, [&] { return simStreamPause(*opId); });
+    return simServeStatus("incrcopypause", out, [&] { return simStreamPause(*opId); });
 }
 
 bool_t incrcopyresume_1_svc(u_quad_t* opId, u_int* out, struct svc_req*) {
-    return serve("incrcopyresume", out, [&] { return simStreamResume(*opId); });
+    return simServeStatus("incrcopyresume", out, [&] { return simStreamResume(*opId); });
 }
 
 bool_t incrcopyconclude_1_svc(u_quad_t* opId, u_int* out, struct svc_req*) {
-    return serve("incrcopyconclude", out, [&] { return simStreamConclude(*opId); });
+    return simServeStatus("incrcopyconclude", out, [&] { return simStreamConclude(*opId); });
 }
 
 bool_t incrcopycancel_1_svc(IncrCopyCancelIn* in, u_int* out, struct svc_req*) {
-    return serve("incrcopycancel", out, [&] {
+    return simServeStatus("incrcopycancel", out, [&] {
         return simStreamCancel(in->opId, in->dstVfsId, simLpId(in->dstLpUuid));
     });
 }

@@ -10,6 +10,7 @@
 #include "dblade_vol.h"
 #include "sim/simfaults.h"
 #include "sim/simnode.h"
+#include "sim/simservice.h"
 #include "sim/volstore.h"
 
 namespace {
@@ -80,45 +81,29 @@ void fillGetattr(const SimVolume& v, tarn_volgattrx_t* o) {
     o->percentFreeThreshold = a.percentFreeThreshold;
 }
 
-// The shape of every procedure: the fault verdict first, then the work under the lock.
-// `fn` returns the D-blade status.  False sends no reply.
-template <typename Fn>
-bool_t serve(const char* proc, u_int* status, Fn fn) {
-    *status = 0;
-    SimFaultVerdict f = simFault(proc);
-    if (f.kind == SimFaultKind::Drop) return FALSE;
-    if (f.kind == SimFaultKind::Status) {
-        *status = f.status;
-        return TRUE;
-    }
-    std::lock_guard<std::mutex> lk(SimNode::get().lock());
-    *status = fn();
-    return TRUE;
-}
-
 }  // namespace
 
 bool_t volcreate_1_svc(VolCreateIn* in, VolCreateOut_t* out, struct svc_req*) {
-    return serve("volcreate", &out->returnCode, [&] {
+    return simServeStatus("volcreate", &out->returnCode, [&] {
         return SimVolStore::get().create(simLpId(in->lpUUID), in->vfsID, in->set_attrs.how,
                                          fromWire(in->set_attrs.attrs));
     });
 }
 
 bool_t voldelete_1_svc(VolDeleteIn* in, VolDeleteOut_t* out, struct svc_req*) {
-    return serve("voldelete", &out->returnCode,
+    return simServeStatus("voldelete", &out->returnCode,
                  [&] { return SimVolStore::get().remove(simLpId(in->lpUUID), in->vfsID); });
 }
 
 bool_t volclone_1_svc(VolCloneIn* in, VolCloneOut_t* out, struct svc_req*) {
-    return serve("volclone", &out->returnCode, [&] {
+    return simServeStatus("volclone", &out->returnCode, [&] {
         return SimVolStore::get().clone(simLpId(in->lpUUID), in->srcVfsID, in->cloneVfsID);
     });
 }
 
 bool_t volgetattr_1_svc(VolGetattrIn* in, VolGetattrOut_t* out, struct svc_req*) {
     clearGetattr(out);
-    return serve("volgetattr", &out->returnCode, [&]() -> unsigned {
+    return simServeStatus("volgetattr", &out->returnCode, [&]() -> unsigned {
         SimVolume* v;
         if (unsigned st = SimVolStore::get().locate(simLpId(in->lpUUID), in->vfsID, &v)) return st;
         if (v->hidden) return TARN_ERR_VOLHIDDEN;
@@ -130,14 +115,14 @@ bool_t volgetattr_1_svc(VolGetattrIn* in, VolGetattrOut_t* out, struct svc_req*)
 bool_t volsetattr_1_svc(VolSetattrIn* in, VolSetattrOut_t* out, struct svc_req*) {
     // vnode and unique name the object inside the volume; every settable attribute here
     // belongs to the volume itself, so they are not consulted.
-    return serve("volsetattr", &out->returnCode, [&] {
+    return simServeStatus("volsetattr", &out->returnCode, [&] {
         return SimVolStore::get().setAttrs(simLpId(in->lpUUID), in->vfsID, in->set_attrs.how,
                                            fromWire(in->set_attrs.attrs));
     });
 }
 
 bool_t volswapvolid_1_svc(VolSwapVolIdIn* in, VolSwapVolIdOut_t* out, struct svc_req*) {
-    return serve("volswapvolid", &out->returnCode, [&] {
+    return simServeStatus("volswapvolid", &out->returnCode, [&] {
         return SimVolStore::get().swapIds(simLpId(in->lpUUID1), in->vfsID1,
                                           simLpId(in->lpUUID2), in->vfsID2, in->vfsIDTemp);
     });

@@ -43,6 +43,22 @@ bool_t simServe(const char* proc, Res* res, Status* status, Body body) {
   return TRUE;
 }
 
+// The D-blade procedures' form: the body computes the status word, and the rest of the
+// result (if any) is the body's to fill.  Nothing is cleared beyond the status.
+template <typename Fn>
+bool_t simServeStatus(const char* proc, u_int* status, Fn fn) {
+  *status = 0;
+  SimFaultVerdict v = simFault(proc);
+  if (v.kind == SimFaultKind::Drop) return FALSE;
+  if (v.kind == SimFaultKind::Status) {
+    *status = v.status;
+    return TRUE;
+  }
+  std::lock_guard<std::mutex> g(SimNode::get().lock());
+  *status = fn();
+  return TRUE;
+}
+
 // The freeresult every program needs: releases what the service function allocated.
 inline int simFreeResult(SVCXPRT*, xdrproc_t xdrResult, caddr_t result) {
   xdr_free(xdrResult, result);

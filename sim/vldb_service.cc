@@ -12,25 +12,9 @@ namespace {
 
 char* heapString(const std::string& s) { return strdup(s.c_str()); }
 
-VldbRecord fromWire(const Rec& w) {
-  VldbRecord r;
-  r.vfsid = w.vfsid;
-  r.family = w.family ? w.family : "";
-  r.name = w.vfsname ? w.vfsname : "";
-  r.vserver = w.vserver;
-  r.vfstype = w.vfstype;
-  r.crSec = w.crtime.sec;
-  r.crUsec = w.crtime.usec;
-  std::memcpy(r.lp, w.lp_uuid, 16);
-  r.isRoot = w.is_root;
-  r.dataVer = w.dataVer;
-  r.appId = w.appId;
-  std::memcpy(r.appData, w.appData, sizeof r.appData);
-  r.exportRuleset = w.exportRuleset;
-  return r;
-}
-
-VldbRecord fromWire(const rec_create_input& w) {
+// A VLDB record and a create request carry the same fields, in different wire orders.
+template <typename Wire>
+VldbRecord fromWire(const Wire& w) {
   VldbRecord r;
   r.vfsid = w.vfsid;
   r.family = w.family ? w.family : "";
