@@ -341,18 +341,11 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient\n", opid);
     VoRPCClient sinkVol;
     VoRec sinkDblade;  // learns the D-blade id the stream names
-    err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, &sinkDblade);
+    err = openDbladeOf(VO_SITE, clntVldb, _sinkRec.lid(), &sinkVol, &sinkDblade);
     getLock();
     _sinkRec.setDid(sinkDblade.getDid());
     releaseLock();
-    if (err != 0) {
-        VO_TR(vo_sinkvol, vo_warn,
-              "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
-              " err.func=%d err.funcrc=%d\n",
-              opid, VO_LP_ARGS(_sinkRec.lid()), err.func(), err.funcrc());
-        setAllErr(err);
-        return err;
-    }
+    if (err != 0) return err;
 
     // _sinkRec already holds the name cut to VNAME_MAX (VoRec::setVname).
     std::string name = _sinkName;
@@ -691,13 +684,8 @@ unsigned VoCopyState::concludeCopy(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, C
     } else {
         VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient\n", opid);
         VoRPCClient sinkVol;
-        VoErr err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, nullptr);
+        VoErr err = openDbladeOf(VO_SITE, clntVldb, _sinkRec.lid(), &sinkVol, nullptr);
         if (err != 0) {
-            VO_TR(vo_sinkvol, vo_warn,
-                  "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
-                  " err.func=%d err.funcrc=%d\n",
-                  opid, VO_LP_ARGS(_sinkRec.lid()), err.func(), err.funcrc());
-            setAllErr(err);
             failed = err;
         } else {
             // The sink was made with the attributes it keeps and the stream
@@ -754,6 +742,19 @@ unsigned VoCopyState::concludeCopy(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, C
     return failed;
 }
 
+VoErr VoCopyState::openDbladeOf(VoTraceSite site, CLIENT* clntVldb, const unsigned char* lid,
+                                 VoRPCClient* out, VoRec* learn) {
+    VoErr err = mkDbladeClient(clntVldb, lid, out, learn);
+    if (err != 0) {
+        VO_TR_AT(site, VoTrace::vo_sinkvol, VoTrace::vo_warn,
+                 "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
+                 " err.func=%d err.funcrc=%d\n",
+                 static_cast<long long>(_opid), VO_LP_ARGS(lid), err.func(), err.funcrc());
+        setAllErr(err);
+    }
+    return err;
+}
+
 unsigned VoCopyState::deleteSink(CLIENT* clntVldb) {
     VoTrace::Depth depth;
     const long long opid = static_cast<long long>(_opid);
@@ -761,15 +762,8 @@ unsigned VoCopyState::deleteSink(CLIENT* clntVldb) {
     if (vid == 0) return 0;  // never allocated: nothing was made
     VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient\n", opid);
     VoRPCClient sinkVol;
-    VoErr err = mkDbladeClient(clntVldb, _sinkRec.lid(), &sinkVol, nullptr);
-    if (err != 0) {
-        VO_TR(vo_sinkvol, vo_warn,
-              "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
-              " err.func=%d err.funcrc=%d\n",
-              opid, VO_LP_ARGS(_sinkRec.lid()), err.func(), err.funcrc());
-        setAllErr(err);
-        return err;
-    }
+    VoErr err = openDbladeOf(VO_SITE, clntVldb, _sinkRec.lid(), &sinkVol, nullptr);
+    if (err != 0) return err;
     return deleteVolume(VO_SITE, VoTrace::vo_sinkvol, clntVldb, sinkVol, _sinkRec);
 }
 
@@ -840,15 +834,8 @@ unsigned VoCopyState::determineRecoveryStrategy(CLIENT* clntVldb, VoRec& sink) {
     VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient LP=" VO_LP_FMT "\n", opid,
           VO_LP_ARGS(lid));
     VoRPCClient sinkVol;
-    VoErr err = mkDbladeClient(clntVldb, lid, &sinkVol, nullptr);
-    if (err != 0) {
-        VO_TR(vo_sinkvol, vo_warn,
-              "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
-              " err.func=%d err.funcrc=%d\n",
-              opid, VO_LP_ARGS(lid), err.func(), err.funcrc());
-        setAllErr(err);
-        return err;
-    }
+    VoErr err = openDbladeOf(VO_SITE, clntVldb, lid, &sinkVol, nullptr);
+    if (err != 0) return err;
 
     VO_TR(vo_sinkvol, vo_debug, "opid=%lld call getDataVerFromDblade vfsid=%d\n", opid, vid);
     unsigned long long dver = 0;

@@ -157,6 +157,10 @@ class VoCopyState : public VoState {
     // Deletes vol on its D-blade (gone already counts as deleted), then its
     // VLDB record, tracing from site with the D-blade lines under mod. 0 or
     // the failing step's code, recorded.
+    // Opens a client to the D-blade serving LP lid (learning its id into *learn when
+    // given); a failure is traced on behalf of the step at site and recorded.
+    VoErr openDbladeOf(VoTraceSite site, CLIENT* clntVldb, const unsigned char* lid,
+                       VoRPCClient* out, VoRec* learn);
     unsigned deleteVolume(VoTraceSite site, VoTrace::Module mod, CLIENT* clntVldb,
                           CLIENT* clntDbladeVol, const VoRec& vol);
     unsigned lookupSrcVldb(VoTraceSite site, CLIENT* clntVldb,
