@@ -43,20 +43,17 @@ if [[ "${1:-}" != --in-sandbox ]]; then
             break
         fi
     done
-    exec unshare --net --mount --pid --fork --mount-proc \
-        "$(realpath "$0")" --in-sandbox "$(realpath "$dir")" "$sizes" "$rounds" "$interval"
+    exec bash "$repo/scripts/node-sandbox.sh" \
+        bash "$(realpath "$0")" --in-sandbox "$(realpath "$dir")" "$sizes" "$rounds" "$interval"
 fi
 
-# From here on we are PID 1 of the sandbox: everything started below dies with us.
+# From here on we are inside the node sandbox (loopback only, private /run and
+# /var/log, its own rpcbind): everything started below dies with it.
 shift
 dir=$1 sizes=$2 rounds=$3 interval=$4
 vod=$dir/volop/vod voctl=$dir/voctl/voctl sim=$dir/sim/vodsim simctl=$dir/sim/vodsimctl
 timer=$dir/bench/stream_timer
 
-ip link set lo up
-mount -t tmpfs tmpfs /run
-mkdir -p /run/rpcbind
-mount -t tmpfs tmpfs /var/log
 # The volumes are real files: keep them on disk, not in memory.
 work=$(mktemp -d /tmp/copy_bench.XXXXXX)
 trap 'rm -rf "$work"' EXIT
@@ -82,8 +79,6 @@ median() {
         else printf "%.1f\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
 }
 
-rpcbind -f -w &
-wait_for 10 rpcinfo -p 127.0.0.1 || { echo "copy_bench: rpcbind did not answer" >&2; exit 1; }
 "$sim" --dir "$work/sim" --quiet >"$work/sim.log" 2>&1 &
 wait_for 20 "$simctl" --control "$sock" ping ||
     { echo "copy_bench: the simulator did not start" >&2; tail -n 20 "$work/sim.log" >&2; exit 1; }

@@ -47,20 +47,17 @@ if [[ "${1:-}" != --in-sandbox ]]; then
     for b in "$vod" "$bare" "$client"; do
         [[ -x $b ]] || { echo "run_rpc_bench: $b is not an executable" >&2; exit 2; }
     done
-    exec unshare --net --mount --pid --fork --mount-proc \
-        "$(realpath "$0")" --in-sandbox "$(realpath "$vod")" "$(realpath "$bare")" \
+    exec bash "$repo/scripts/node-sandbox.sh" \
+        bash "$(realpath "$0")" --in-sandbox "$(realpath "$vod")" "$(realpath "$bare")" \
         "$(realpath "$client")" "$seconds" "$rounds" "$standins"
 fi
 
-# From here on we are PID 1 of the sandbox: everything started below dies with us.
+# From here on we are inside the node sandbox (loopback only, private /run and
+# /var/log, its own rpcbind): everything started below dies with it.
 shift
 vod=$1 bare=$2 client=$3 seconds=$4 rounds=$5 standins=$6
 vod_port=908
 
-ip link set lo up
-mount -t tmpfs tmpfs /run
-mkdir -p /run/rpcbind
-mount -t tmpfs tmpfs /var/log
 work=/run/bench
 mkdir -p "$work"
 
@@ -91,8 +88,6 @@ mib() {
     awk -v k="$1" 'BEGIN { printf "%.1f", k / 1024 }'
 }
 
-rpcbind -f -w &
-wait_for 10 rpcinfo -p 127.0.0.1 || { echo "run_rpc_bench: rpcbind did not answer" >&2; exit 1; }
 
 if ((standins)); then
     "$bare" -s >"$work/standin.port" 2>"$work/standin.err" &
