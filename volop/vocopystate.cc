@@ -36,35 +36,6 @@ const unsigned kIncrCopyOpTypeCopy = 1;
 
 const unsigned kBlocksPerMeg = (1u << 20) / VoCopyState::STREAM_BLOCK_SIZE;
 
-const char* rpcErrText(unsigned rc) {
-    return rc == VOD_ERR_CANT_SET_TIMEOUT ? "voErrRpcErrCantSetTimeOut"
-                                          : clnt_sperrno(static_cast<clnt_stat>(rc));
-}
-
-// Folds the answer of one D-blade volume call (rc: the VoRpcCalls helper's
-// transport answer; status: the D-blade's) into a VoErr, tracing a failure as
-// "opid=%lld <call> vfsid=%d failed: %s" or "... err=%#X".
-VoErr dbladeOutcome(VoTraceSite at, VoTrace::Module mod, const char* call, voErrFunc func,
-                    unsigned long long opid, unsigned vfsid, unsigned rc, unsigned status) {
-    if (rc != 0) {
-        VO_TR_AT(at, mod, VoTrace::vo_warn, "opid=%lld %s vfsid=%d failed: %s\n", opid, call,
-                 vfsid, rpcErrText(rc));
-        return VoRpcCalls::foldErr(func, static_cast<clnt_stat>(rc), 0);
-    }
-    if (status != 0) {
-        VO_TR_AT(at, mod, VoTrace::vo_warn, "opid=%lld %s vfsid=%d err=%#X\n", opid, call, vfsid,
-                 status);
-        return VoRpcCalls::foldErr(func, RPC_SUCCESS, status);
-    }
-    return VoErr();
-}
-
-// A delete done now or before: the LP no longer holds the volume
-// (TARN_ERR_LPMMISMATCH), which is all that was asked.
-bool volumeGone(const VoErr& err) {
-    return err == 0 || static_cast<unsigned>(err) == TARN_ERR_LPMMISMATCH;
-}
-
 timeval now() {
     timeval tv = {0, 0};
     gettimeofday(&tv, nullptr);
@@ -460,12 +431,7 @@ unsigned VoCopyState::startStream(CLIENT* clntSrcDbladeIncrCopy, CLIENT*) {
 // ---- Watching the stream. ----
 
 int VoCopyState::failedSuccessTest(const VoCopyPgrsOut& p) {
-    if (p.rc != voErrRcSuccess) return 1;
-    if (p.src.completionCode != 0) return 2;
-    if (p.src.status != VoDone) return 3;
-    if (p.sink.isDone != 1) return 4;
-    if (p.sink.completionCode != 0 && p.sink.completionCode != VIC_ESINKUPTODATE) return 5;
-    return 0;
+    return failedStreamTest(p.rc, p.src, p.sink);
 }
 
 unsigned VoCopyState::progress(CLIENT* clntSrcDbladeIncrCopy) {
@@ -629,31 +595,9 @@ unsigned VoCopyState::conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
     const VoCopyPgrsOut p = _pgrs;
     releaseLock();
 
-    const int failed = failedSuccessTest(p);
-    if (failed == 0) {
+    if (traceFailedStreamTest(VO_SITE, p.rc, p.src, p.sink) == 0) {
         VO_TR(vo_vod, vo_audit, "opid=%lld _rollForward=%d\n", opid, int(_rollForward));
         return concludeCopy(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
-    }
-    switch (failed) {
-        case 1:
-            VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.rc=%d expected=0\n", opid, int(p.rc));
-            break;
-        case 2:
-            VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.src.completionCode=%d expected=0\n", opid,
-                  p.src.completionCode);
-            break;
-        case 3:
-            VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.src.status=%d expected=%d\n", opid,
-                  int(p.src.status), int(VoDone));
-            break;
-        case 4:
-            VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.sink.isDone=%d expected TRUE\n", opid,
-                  p.sink.isDone);
-            break;
-        default:
-            VO_TR(vo_vod, vo_warn, "opid=%lld _pgrs.sink.completionCode=%d expected=0 or %d\n",
-                  opid, p.sink.completionCode, int(VIC_ESINKUPTODATE));
-            break;
     }
     VO_TR(vo_vod, vo_audit, "opid=%lld call recover\n", opid);
     unsigned r = recover(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
@@ -742,19 +686,6 @@ unsigned VoCopyState::concludeCopy(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, C
     return failed;
 }
 
-VoErr VoCopyState::openDbladeOf(VoTraceSite site, CLIENT* clntVldb, const unsigned char* lid,
-                                 VoRPCClient* out, VoRec* learn) {
-    VoErr err = mkDbladeClient(clntVldb, lid, out, learn);
-    if (err != 0) {
-        VO_TR_AT(site, VoTrace::vo_sinkvol, VoTrace::vo_warn,
-                 "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
-                 " err.func=%d err.funcrc=%d\n",
-                 static_cast<long long>(_opid), VO_LP_ARGS(lid), err.func(), err.funcrc());
-        setAllErr(err);
-    }
-    return err;
-}
-
 unsigned VoCopyState::deleteSink(CLIENT* clntVldb) {
     VoTrace::Depth depth;
     const long long opid = static_cast<long long>(_opid);
@@ -764,12 +695,14 @@ unsigned VoCopyState::deleteSink(CLIENT* clntVldb) {
     VoRPCClient sinkVol;
     VoErr err = openDbladeOf(VO_SITE, clntVldb, _sinkRec.lid(), &sinkVol, nullptr);
     if (err != 0) return err;
-    return deleteVolume(VO_SITE, VoTrace::vo_sinkvol, clntVldb, sinkVol, _sinkRec);
+    return deleteVolume(VO_SITE, VoTrace::vo_sinkvol, clntVldb, sinkVol, _sinkRec,
+                        VolDeleteWording::copySink);
 }
 
 unsigned VoCopyState::deleteOpSrc(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VoTrace::Depth depth;
-    return deleteVolume(VO_SITE, VoTrace::vo_srcvol, clntVldb, clntSrcDbladeVol, _opSrcRec);
+    return deleteVolume(VO_SITE, VoTrace::vo_srcvol, clntVldb, clntSrcDbladeVol, _opSrcRec,
+                        VolDeleteWording::copyOpSrc);
 }
 
 // ---- After a crash. ----
@@ -903,13 +836,11 @@ unsigned VoCopyState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVo
     if (forceRetireFromVodb()) {
         VO_TR(vo_vod, vo_warn, "opid=%lld fail to recover Copy\n", opid);
         VO_TR(vo_vod, vo_warn, "opid=%lld leaves everything intact. Just purge the op\n", opid);
-        const unsigned saved = VoTrace::getMask();
-        VoTrace::setModMask(0x1000);
-        VoTrace::setLvlMask(2);
-        dbgDump();
-        // One saved word restores both halves.
-        VoTrace::setModMask(saved);
-        VoTrace::setLvlMask(saved);
+        {
+            // The records go to the trace whatever the mask says, on this thread only.
+            VoTrace::ThreadMask dumpAll(0x1000 | 2);
+            dbgDump();
+        }
         VoErr err = deleteVodbRec(clntVldb);
         if (err != 0) {
             VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, unsigned(err));
@@ -946,65 +877,4 @@ unsigned VoCopyState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVo
 
     VO_TR(vo_vod, vo_audit, "opid=%lld call concludeCopy\n", opid);
     return concludeCopy(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
-}
-
-// ---- Shared by the steps above. ----
-
-unsigned VoCopyState::deleteVolume(VoTraceSite site, VoTrace::Module mod, CLIENT* clntVldb,
-                                   CLIENT* clntDbladeVol, const VoRec& vol) {
-    const long long opid = static_cast<long long>(_opid);
-    const unsigned vid = vol.vid();
-    VO_TR_AT(site, mod, VoTrace::vo_audit, "opid=%lld call dbladeDeleteVfs vfsid=%d\n", opid, vid);
-    VoErr err = dbladeDeleteVfs(clntDbladeVol, vid, vol.lid());
-    if (!volumeGone(err)) {
-        VO_TR_AT(site, mod, VoTrace::vo_warn,
-                 "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
-                 err.func(), err.funcrc());
-        setAllErr(err);
-        return err;
-    }
-    // The sink's line has always named the call first.
-    if (&vol == &_sinkRec)
-        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_audit,
-                 "call opid=%lld vldbDeleteRecord vfsid=%d\n", opid, vid);
-    else
-        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_audit,
-                 "opid=%lld call vldbDeleteRecord vfsid=%d\n", opid, vid);
-    err = vldbDeleteRecord(clntVldb, vid, vol.lid());
-    if (err != 0) {
-        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn,
-                 "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
-                 err.func(), err.funcrc());
-        setAllErr(err);
-    }
-    return err;
-}
-
-unsigned VoCopyState::lookupSrcVldb(VoTraceSite site, CLIENT* clntVldb,
-                                    VoXdrResult<vldb_record_lookup_result>& found) {
-    const long long opid = static_cast<long long>(_opid);
-    const unsigned vid = _srcRec.vid();
-    clnt_stat st = lookupVfs(clntVldb, vid, _srcRec.lid(), found.get());
-    if (st != RPC_SUCCESS) {
-        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn,
-                 "opid=%lld vldb_record_lookup_3 vfsid=%d failed: %s\n", opid, vid,
-                 clnt_sperrno(st));
-        setErr(voErrVldbRecordLookupRpc, st);
-        return voErrVldbRecordLookupRpc;
-    }
-    const unsigned status = found->result;
-    if (status == VLDB_RECORD_NOT_FOUND || (status == 0 && found->r.r_len == 0)) {
-        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn,
-                 "opid=%lld no VLDB record for vfsid=%d LP=" VO_LP_FMT "\n", opid, vid,
-                 VO_LP_ARGS(_srcRec.lid()));
-        setErr(voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
-        return voErrVldbRecordLookup;
-    }
-    if (status != 0) {
-        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn,
-                 "opid=%lld vldb_record_lookup_3 vfsid=%d err %s\n", opid, vid, statLit(status));
-        setErr(voErrVldbRecordLookup, status);
-        return voErrVldbRecordLookup;
-    }
-    return 0;
 }

@@ -66,7 +66,9 @@ class VoCopyState : public VoState {
 
     // Rebuilds the three records from the cached VODB records of opid. Reads
     // the cache under a VodbCacheLock, taken here unless the calling thread
-    // already holds one (resurrection holds it for its whole pass). 0, or 5001
+    // already holds one (resurrection holds it around each operation's call,
+    // not across its pass, so that the registry's lock is never taken inside
+    // it). 0, or 5001
     // when a record of opid is not a copy's or has an unexpected role.
     unsigned resurrectFromVoRec(unsigned long long opid, CLIENT* clntVldb) override;
 
@@ -124,9 +126,7 @@ class VoCopyState : public VoState {
     // error (the caller rolls back).
     unsigned determineRecoveryStrategy(CLIENT* clntVldb, VoRec& sink);
 
-    // Which of the five tests of a successful stream p fails, 1 to 5 in the
-    // order rc, source completion, source status, sink done, sink completion
-    // (0 or VIC_ESINKUPTODATE); 0 when it passes them all.
+    // failedStreamTest of the copy's last progress.
     static int failedSuccessTest(const VoCopyPgrsOut& p);
 
   protected:
@@ -150,21 +150,6 @@ class VoCopyState : public VoState {
     // The sink's name as requested; mkOpSrcSink names the sink with at most
     // VoRec::VNAME_MAX characters of it. Set by addStream only.
     std::string _sinkName;
-
-    // The source's VLDB records into found. 0 when there is at least one;
-    // else the failure, traced from site and recorded: voErrVldbRecordLookupRpc
-    // or voErrVldbRecordLookup (a missing record as VLDB_RECORD_NOT_FOUND).
-    // Deletes vol on its D-blade (gone already counts as deleted), then its
-    // VLDB record, tracing from site with the D-blade lines under mod. 0 or
-    // the failing step's code, recorded.
-    // Opens a client to the D-blade serving LP lid (learning its id into *learn when
-    // given); a failure is traced on behalf of the step at site and recorded.
-    VoErr openDbladeOf(VoTraceSite site, CLIENT* clntVldb, const unsigned char* lid,
-                       VoRPCClient* out, VoRec* learn);
-    unsigned deleteVolume(VoTraceSite site, VoTrace::Module mod, CLIENT* clntVldb,
-                          CLIENT* clntDbladeVol, const VoRec& vol);
-    unsigned lookupSrcVldb(VoTraceSite site, CLIENT* clntVldb,
-                           VoXdrResult<vldb_record_lookup_result>& found);
 };
 
 #endif  // VOLOP_VOCOPYSTATE_H

@@ -129,13 +129,18 @@ VoErr VodbCacheLock::refreshVodbCache(CLIENT* clntVldb) {
         VO_TR(vo_vldb, vo_warn, "vodb_lookup_3 failed: %s\n", clnt_sperrno(st));
         return VoRpcCalls::foldErr(voErrVodbLookup, st, 0);
     }
-    const unsigned n = all->rec.rec_len;
+    // "No records" is how an emptied VODB answers here as well: taken as a
+    // failure, nothing new could be recorded and the VODB would stay empty,
+    // so every later refresh failed the same way until a restart. Its ids
+    // are those the id look-up gave.
+    const bool emptied = all->result == VLDB_RECORD_UNAVAILABLE;
+    const unsigned n = emptied ? 0 : all->rec.rec_len;
     const vodbRec* recs = all->rec.rec_val;
     VO_TR(vo_vldb, vo_debug, "vodb_lookup_3:%s\n", statLit(all->result));
     VO_TR_RAW(vo_vldb, vo_debug, "records=%d last_create_opid=%lld last_delete_opid=%lld\n",
               static_cast<int>(n), static_cast<long long>(all->last_create_opid),
               static_cast<long long>(all->last_delete_opid));
-    if (all->result != 0) {
+    if (all->result != 0 && !emptied) {
         VO_TR(vo_vldb, vo_warn, "vodb_lookup_3:%s\n", statLit(all->result));
         return VoRpcCalls::foldErr(voErrVodbLookup, RPC_SUCCESS,
                                    static_cast<unsigned>(all->result));
@@ -146,11 +151,23 @@ VoErr VodbCacheLock::refreshVodbCache(CLIENT* clntVldb) {
     // The ids and the records change together, under the lock, so that no
     // reader sees new ids with old records.
     VodbCacheLock l;
-    VoState::_lastCreatedOpid = all->last_create_opid;
-    VoState::_lastDeletedOpid = all->last_delete_opid;
+    VoState::_lastCreatedOpid = emptied ? lastCreate : all->last_create_opid;
+    VoState::_lastDeletedOpid = emptied ? lastDelete : all->last_delete_opid;
     VO_TR(vo_vldb, vo_debug, "_lastCreatedOpid is %lld _lastDeletedOpid is %lld\n",
           static_cast<long long>(VoState::_lastCreatedOpid),
           static_cast<long long>(VoState::_lastDeletedOpid));
+
+    for (unsigned i = 0; i < n; i++) {
+        if (recs[i].optype >= VoRec::VODB_VOLOP_NULL && recs[i].optype <= VoRec::VODB_VOLOP_RESTORE &&
+            recs[i].vfsrole >= VoRec::VODB_ROLE_NULL && recs[i].vfsrole <= VoRec::VODB_ROLE_TEMP)
+            continue;
+        // Kept in the cache, so that its volumes still count as busy, but no
+        // operation is ever rebuilt from it or removes it.
+        VO_TR(vo_vldb, vo_warn,
+              "opid=%lld has a VODB record this daemon does not know (optype %d role %d): "
+              "left alone\n",
+              static_cast<long long>(recs[i].opid), recs[i].optype, recs[i].vfsrole);
+    }
 
     std::vector<VoRec*>& cache = gCache.records;
     const size_t have = cache.size();

@@ -39,6 +39,39 @@ void VoDelState::dbgDump() {
     _srcRec.dbgDump();
 }
 
+// ---- The error triple. ----
+
+void VoDelState::getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    if (rc != nullptr) *rc = _rc;
+    if (func != nullptr) *func = _func;
+    if (funcrc != nullptr) *funcrc = _funcrc;
+}
+
+void VoDelState::getErr(voErrFunc* func, unsigned* funcrc) { getErr(nullptr, func, funcrc); }
+
+void VoDelState::setHiLvlErr(voErrRc rc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _rc = rc;
+}
+
+void VoDelState::setErr(voErrFunc func, unsigned funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _func = func;
+    _funcrc = funcrc;
+}
+
+void VoDelState::setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc) {
+    std::lock_guard<std::mutex> g(_errLock);
+    _rc = rc;
+    _func = func;
+    _funcrc = funcrc;
+}
+
+void VoDelState::setAllErr(VoErr& err) { setErr(err.func(), err.funcrc()); }
+
+// ---- Conflict tests. ----
+
 bool VoDelState::isUsing(unsigned vid, const unsigned char* lid, VoRec::VoType type,
                          VoRec::VfsRole role) {
     return _srcRec.opType() == type && _srcRec.role() == role && isUsing(vid, lid);

@@ -10,11 +10,15 @@
 // resurrectFromVoRec, then recoverFromCrash, which runs del again.
 //
 // A delete has no stream: the stream steps trace "not supported" and do
-// nothing. Its error triple is the base's, which any thread may read or set.
+// nothing. It keeps an error triple of its own (_rc, _func, _funcrc), which
+// its error accessors read and write instead of the base's; any thread may
+// read or set it, under a leaf lock of its own.
 #ifndef VOLOP_VODELSTATE_H
 #define VOLOP_VODELSTATE_H
 
 #include <rpc/rpc.h>
+
+#include <mutex>
 
 #include "vo.h"
 #include "voerrors.h"
@@ -33,6 +37,14 @@ class VoDelState : public VoState {
     // Traces the operation's source record.
     void dbgDump() override;
 
+    // The delete's own error triple, as the base's accessors describe them.
+    void getErr(voErrRc* rc, voErrFunc* func, unsigned* funcrc) override;
+    void getErr(voErrFunc* func, unsigned* funcrc) override;
+    void setHiLvlErr(voErrRc rc) override;
+    void setErr(voErrFunc func, unsigned funcrc) override;
+    void setAllErr(voErrRc rc, voErrFunc func, unsigned funcrc) override;
+    void setAllErr(VoErr& err) override;
+
     // True when the source is (vid, lid) in that op type and role.
     bool isUsing(unsigned vid, const unsigned char* lid, VoRec::VoType type,
                  VoRec::VfsRole role) override;
@@ -43,7 +55,7 @@ class VoDelState : public VoState {
                       CLIENT* clntSrcDbladeIncrCopy) override;
 
     // Rebuilds _srcRec from the cached VODB records of opid. The caller holds
-    // a VodbCacheLock (resurrection holds it for its whole pass). Returns 0,
+    // a VodbCacheLock (resurrection takes it around this call). Returns 0,
     // or 5001 when a record of opid is not a delete source.
     unsigned resurrectFromVoRec(unsigned long long opid, CLIENT* clntVldb) override;
 
@@ -86,6 +98,13 @@ class VoDelState : public VoState {
     // Not supported: trace and return 0.
     unsigned mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) override;
     unsigned startStream(CLIENT* clntSrcDbladeIncrCopy, CLIENT* clntSrcDbladeVol) override;
+
+  private:
+    // Leaf lock over the triple below: nothing else is taken while it is held.
+    std::mutex _errLock;
+    voErrRc _rc = voErrRcSuccess;
+    voErrFunc _func = voErrFuncSuccess;
+    unsigned _funcrc = 0;
 };
 
 #endif  // VOLOP_VODELSTATE_H

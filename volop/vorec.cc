@@ -45,10 +45,10 @@ void VoRec::setVname(const char* name) {
 
 void VoRec::setFromVodbRec(const vodbRec& r) {
     _opid = r.opid;
-    _opType = static_cast<VoType>(r.optype);
+    _opType = static_cast<unsigned>(r.optype);
     _vid = r.vfsid;
     setLid(r.lp_uuid);
-    _role = static_cast<VfsRole>(r.vfsrole);
+    _role = static_cast<unsigned>(r.vfsrole);
 }
 
 void VoRec::toVodbRec(vodbRec* r) const {

@@ -43,16 +43,23 @@ class VoRec {
 
     unsigned long long opid() const { return _opid; }
     void setOpid(unsigned long long opid) { _opid = opid; }
-    VoType opType() const { return _opType; }
+    // A type or role this daemon does not know reads as VODB_VOLOP_NULL /
+    // VODB_ROLE_NULL; the raw values keep what the VODB said.
+    VoType opType() const { return knownType() ? static_cast<VoType>(_opType) : VODB_VOLOP_NULL; }
     void setOpType(VoType t) { _opType = t; }
+    unsigned rawOpType() const { return _opType; }
     unsigned vid() const { return _vid; }
     void setVid(unsigned vid) { _vid = vid; }
     unsigned char (&lid())[16] { return _lid; }
     const unsigned char (&lid() const)[16] { return _lid; }
     // Copies 16 bytes; null clears the LP id.
     void setLid(const unsigned char* lid);
-    VfsRole role() const { return _role; }
+    VfsRole role() const { return knownRole() ? static_cast<VfsRole>(_role) : VODB_ROLE_NULL; }
     void setRole(VfsRole r) { _role = r; }
+    unsigned rawRole() const { return _role; }
+    // Both the type and the role are values this daemon knows. A record that
+    // is not comes from a newer daemon or a damaged VODB: it is left alone.
+    bool isKnown() const { return knownType() && knownRole(); }
     unsigned long long dver() const { return _dver; }
     void setDver(unsigned long long dver) { _dver = dver; }
     unsigned short getDid() const { return _did; }
@@ -65,7 +72,7 @@ class VoRec {
 
     // The VODB's five fields (operation id, type, VFS id, LP id, role) to and
     // from their wire record; the other fields are left alone. Out-of-range
-    // type and role values are kept as they are, for the caller to judge.
+    // type and role values are kept raw (see isKnown), never cast.
     void setFromVodbRec(const vodbRec& r);
     void toVodbRec(vodbRec* r) const;
 
@@ -84,11 +91,14 @@ class VoRec {
     static const char* role2str(unsigned r);
 
   private:
+    bool knownType() const { return _opType <= VODB_VOLOP_RESTORE; }
+    bool knownRole() const { return _role <= VODB_ROLE_TEMP; }
+
     unsigned long long _opid;
-    VoType _opType;
+    unsigned _opType;  // raw VODB value
     unsigned _vid;
     unsigned char _lid[16];
-    VfsRole _role;
+    unsigned _role;  // raw VODB value
     unsigned long long _dver;
     unsigned short _did;
     char _vname[VNAME_MAX + 1];

@@ -158,6 +158,19 @@ void VoServer::resurrectMissingStates(CLIENT* clnt, unsigned count, LPGetAllEntr
         VodbCacheLock cacheLock;
         for (const VoRec* rec : VodbCacheLock::getVodbCache())
             if (rec->role() == VoRec::VODB_ROLE_SRC) srcRecs.push_back(*rec);
+        // An operation with any record this daemon does not know is not
+        // rebuilt: half understood, it could only be rolled the wrong way.
+        for (const VoRec* rec : VodbCacheLock::getVodbCache()) {
+            if (rec->isKnown()) continue;
+            for (size_t i = 0; i < srcRecs.size(); i++)
+                if (srcRecs[i].opid() == rec->opid()) {
+                    VO_TR(vo_vod, vo_warn,
+                          "opid=%lld has a record of op type %u role %u: not resurrected\n",
+                          static_cast<long long>(rec->opid()), rec->rawOpType(), rec->rawRole());
+                    srcRecs.erase(srcRecs.begin() + static_cast<std::ptrdiff_t>(i));
+                    break;
+                }
+        }
     }
 
     unsigned n = 0;

@@ -352,7 +352,8 @@ unsigned VoRpcCalls::dbladeVfsSetAttrs(VolSetattrIn* in, VolSetattrOut_t* out, C
 }
 
 unsigned VoRpcCalls::dbladeVolDelete(VolDeleteIn* in, CLIENT* clnt, unsigned timeout,
-                                     bool retried) {
+                                     bool retried, clnt_stat* transport) {
+    if (transport != nullptr) *transport = RPC_SUCCESS;
     if (clnt == nullptr) return VOD_ERR_NO_DBLADE_CLIENT;
     if (!setTimeout(clnt, timeout)) return VOD_ERR_CANT_SET_TIMEOUT;
     const int vfsid = static_cast<int>(in->vfsID);
@@ -364,8 +365,10 @@ unsigned VoRpcCalls::dbladeVolDelete(VolDeleteIn* in, CLIENT* clnt, unsigned tim
         if (st != RPC_SUCCESS) {
             // A delete that outlasts the time-out usually completes on the
             // D-blade anyway: ask once more, briefly, and take that answer.
-            if (st == RPC_TIMEDOUT && !retried) return dbladeVolDelete(in, clnt, 2, true);
+            if (st == RPC_TIMEDOUT && !retried)
+                return dbladeVolDelete(in, clnt, 2, true, transport);
             VO_TR(vo_srcvol, vo_warn, "voldelete_1 vfsid=%d failed: %s\n", vfsid, clnt_sperrno(st));
+            if (transport != nullptr) *transport = st;
             return st;
         }
         status = out.returnCode;

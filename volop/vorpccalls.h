@@ -111,8 +111,11 @@ class VoRpcCalls {
     // D-blade status as it stands; or the clnt_stat / 5031. Status 297 is
     // retried like 33. A first call that times out, when retried is false, is
     // repeated once with a 2-second time-out (and retried true), and that
-    // answer is returned.
-    static unsigned dbladeVolDelete(VolDeleteIn* in, CLIENT* clnt, unsigned timeout, bool retried);
+    // answer is returned. A clnt_stat and a D-blade status share numbers:
+    // *transport, when given, is set to the failed call's clnt_stat, and to
+    // RPC_SUCCESS whenever the D-blade answered.
+    static unsigned dbladeVolDelete(VolDeleteIn* in, CLIENT* clnt, unsigned timeout, bool retried,
+                                    clnt_stat* transport = nullptr);
     static unsigned swapVolId(VolSwapVolIdIn* in, VolSwapVolIdOut_t* out, CLIENT* clnt,
                               unsigned timeout);
     // out is cleared first; the caller frees it with xdr_free on every return.

@@ -277,8 +277,10 @@ unsigned VoState::prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
         setHiLvlErr(voErrSrcVFSNotExist);
         return voErrSrcVFSNotExist;
     }
-    // The high-level code of a failed refresh stays as it was here.
-    return refreshValidateRecord(VO_SITE, VoTrace::vo_debug, voErrRcSuccess, clntVldb,
+    // A refresh that failed refuses the operation like a failed validation:
+    // with rc 0 beside the failing call, a client would read the refusal as
+    // a started operation.
+    return refreshValidateRecord(VO_SITE, VoTrace::vo_debug, voErrValidate, clntVldb,
                                  clntSrcDbladeVol);
 }
 
@@ -679,9 +681,16 @@ VoErr VoState::dbladeDeleteVfs(CLIENT* clntDbladeVol, unsigned vfsid, const unsi
     memset(&in, 0, sizeof in);
     in.vfsID = vfsid;
     memcpy(in.lpUUID, lid, sizeof in.lpUUID);
-    unsigned rc = VoRpcCalls::dbladeVolDelete(&in, clntDbladeVol, kDbladeTimeoutSec, false);
+    clnt_stat transport = RPC_SUCCESS;
+    unsigned rc =
+        VoRpcCalls::dbladeVolDelete(&in, clntDbladeVol, kDbladeTimeoutSec, false, &transport);
     if (rc != 0) {
         VO_TR(vo_srcvol, vo_warn, "dbladeVolDelete vfsid=%d failed: %d\n", vfsid, rc);
+        // Only the D-blade's own answer may say "not on that LP": a transport
+        // failure whose number happens to match must never pass for a volume
+        // already gone, so it keeps the call's transport code.
+        if (transport != RPC_SUCCESS || rc == VOD_ERR_CANT_SET_TIMEOUT)
+            return VoRpcCalls::foldErr(voErrDbladeVolDelete, static_cast<clnt_stat>(rc), 0);
         return voErr(voErrDbladeVolDelete, rc, rc);
     }
     return VoErr();
@@ -843,4 +852,178 @@ void VoState::copy_mountedat_attr(tarn_volsattrx_t& to, const tarn_volgattrx_t& 
     to.mountedatdirunique = from.mountedatdirunique;
     to.mountedatparentvnode = from.mountedatparentvnode;
     to.mountedatparentunique = from.mountedatparentunique;
+}
+
+// ---- Steps the operations with a stream share. ----
+
+VoErr VoState::dbladeOutcome(VoTraceSite at, VoTrace::Module mod, const char* call, voErrFunc func,
+                             unsigned long long opid, unsigned vfsid, unsigned rc,
+                             unsigned status) {
+    if (rc != 0) {
+        VO_TR_AT(at, mod, VoTrace::vo_warn, "opid=%lld %s vfsid=%d failed: %s\n", opid, call,
+                 vfsid, rpcErrText(rc));
+        return VoRpcCalls::foldErr(func, static_cast<clnt_stat>(rc), 0);
+    }
+    if (status != 0) {
+        VO_TR_AT(at, mod, VoTrace::vo_warn, "opid=%lld %s vfsid=%d err=%#X\n", opid, call, vfsid,
+                 status);
+        return VoRpcCalls::foldErr(func, RPC_SUCCESS, status);
+    }
+    return VoErr();
+}
+
+VoErr VoState::openDbladeOf(VoTraceSite site, CLIENT* clntVldb, const unsigned char* lid,
+                            VoRPCClient* out, VoRec* learn) {
+    VoErr err = mkDbladeClient(clntVldb, lid, out, learn);
+    if (err != 0) {
+        VO_TR_AT(site, VoTrace::vo_sinkvol, VoTrace::vo_warn,
+                 "opid=%lld fail to contact sink dblade controlling LP=" VO_LP_FMT
+                 " err.func=%d err.funcrc=%d\n",
+                 static_cast<long long>(_opid), VO_LP_ARGS(lid), err.func(), err.funcrc());
+        setAllErr(err);
+    }
+    return err;
+}
+
+unsigned VoState::deleteVolume(VoTraceSite site, VoTrace::Module mod, CLIENT* clntVldb,
+                               CLIENT* clntDbladeVol, const VoRec& vol, VolDeleteWording wording) {
+    using W = VolDeleteWording;
+    const long long opid = static_cast<long long>(_opid);
+    const unsigned vid = vol.vid();
+    const unsigned char* lid = vol.lid();
+    const VoTrace::Level audit = VoTrace::vo_audit;
+    const VoTrace::Level warn = VoTrace::vo_warn;
+
+    switch (wording) {
+        case W::moveSink:
+            VO_TR_AT(site, mod, audit, "opid=%lld delete sink vfs=%d\n", opid, vid);
+            break;
+        case W::moveOpSrc:
+            VO_TR_AT(site, mod, audit, "opid=%lld call dbladeDeleteVfs for opsrc vfs=%d\n", opid,
+                     vid);
+            break;
+        default:
+            VO_TR_AT(site, mod, audit, "opid=%lld call dbladeDeleteVfs vfsid=%d\n", opid, vid);
+            break;
+    }
+    VoErr err = dbladeDeleteVfs(clntDbladeVol, vid, lid);
+    // Deleted now or before: the LP no longer holds the volume, which is all
+    // that was asked. Only the D-blade's own status says so.
+    const bool gone = err == 0 || (err.func() == voErrDbladeVolDelete &&
+                                   static_cast<unsigned>(err) == TARN_ERR_LPMMISMATCH);
+    if (!gone) {
+        if (wording == W::moveOpSrc)
+            VO_TR_AT(site, mod, warn,
+                     "opid=%lld dbladeDeleteVfs vfsid=%d at LP=" VO_LP_FMT
+                     " err.func=%d err.funcrc=%d\n",
+                     opid, vid, VO_LP_ARGS(lid), err.func(), err.funcrc());
+        else
+            VO_TR_AT(site, mod, warn, "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n",
+                     opid, vid, err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+
+    switch (wording) {
+        case W::copySink:
+            // The copy's sink line has always named the call first.
+            VO_TR_AT(site, VoTrace::vo_vldb, audit, "call opid=%lld vldbDeleteRecord vfsid=%d\n",
+                     opid, vid);
+            break;
+        case W::moveSink:
+            VO_TR_AT(site, VoTrace::vo_vldb, audit, "opid=%lld delete sink VLDB=%d\n", opid, vid);
+            break;
+        case W::moveOpSrc:
+            VO_TR_AT(site, VoTrace::vo_vldb, audit, "opid=%lld vldbDeleteRecord for opsrc=%d\n",
+                     opid, vid);
+            break;
+        default:
+            VO_TR_AT(site, VoTrace::vo_vldb, audit, "opid=%lld call vldbDeleteRecord vfsid=%d\n",
+                     opid, vid);
+            break;
+    }
+    err = vldbDeleteRecord(clntVldb, vid, lid);
+    if (err != 0) {
+        if (wording == W::moveOpSrc)
+            VO_TR_AT(site, VoTrace::vo_vldb, warn,
+                     "opid=%lld vldbDeleteRecord vfsid=%d at LP=" VO_LP_FMT
+                     " err.func=%d err.funcrc=%d\n",
+                     opid, vid, VO_LP_ARGS(lid), err.func(), err.funcrc());
+        else
+            VO_TR_AT(site, VoTrace::vo_vldb, warn,
+                     "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
+                     err.func(), err.funcrc());
+        setAllErr(err);
+    }
+    return err;
+}
+
+unsigned VoState::lookupSrcVldb(VoTraceSite site, CLIENT* clntVldb,
+                                VoXdrResult<vldb_record_lookup_result>& found) {
+    const long long opid = static_cast<long long>(_opid);
+    const unsigned vid = _srcRec.vid();
+    clnt_stat st = lookupVfs(clntVldb, vid, _srcRec.lid(), found.get());
+    if (st != RPC_SUCCESS) {
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn,
+                 "opid=%lld vldb_record_lookup_3 vfsid=%d failed: %s\n", opid, vid,
+                 clnt_sperrno(st));
+        setErr(voErrVldbRecordLookupRpc, st);
+        return voErrVldbRecordLookupRpc;
+    }
+    const unsigned status = found->result;
+    if (status == VLDB_RECORD_NOT_FOUND || (status == 0 && found->r.r_len == 0)) {
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn,
+                 "opid=%lld no VLDB record for vfsid=%d LP=" VO_LP_FMT "\n", opid, vid,
+                 VO_LP_ARGS(_srcRec.lid()));
+        setErr(voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
+        return voErrVldbRecordLookup;
+    }
+    if (status != 0) {
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn,
+                 "opid=%lld vldb_record_lookup_3 vfsid=%d err %s\n", opid, vid, statLit(status));
+        setErr(voErrVldbRecordLookup, status);
+        return voErrVldbRecordLookup;
+    }
+    return 0;
+}
+
+int VoState::failedStreamTest(voErrRc rc, const VoSrcPgrs& src, const VoSinkPgrs& sink) {
+    if (rc != voErrRcSuccess) return 1;
+    if (src.completionCode != 0) return 2;
+    if (src.status != VoDone) return 3;
+    if (sink.isDone != 1) return 4;
+    if (sink.completionCode != 0 && sink.completionCode != VIC_ESINKUPTODATE) return 5;
+    return 0;
+}
+
+int VoState::traceFailedStreamTest(VoTraceSite site, voErrRc rc, const VoSrcPgrs& src,
+                                   const VoSinkPgrs& sink) {
+    const long long opid = static_cast<long long>(_opid);
+    const VoTrace::Module m = VoTrace::vo_vod;
+    const VoTrace::Level w = VoTrace::vo_warn;
+    const int failed = failedStreamTest(rc, src, sink);
+    switch (failed) {
+        case 0:
+            break;
+        case 1:
+            VO_TR_AT(site, m, w, "opid=%lld _pgrs.rc=%d expected=0\n", opid, int(rc));
+            break;
+        case 2:
+            VO_TR_AT(site, m, w, "opid=%lld _pgrs.src.completionCode=%d expected=0\n", opid,
+                     src.completionCode);
+            break;
+        case 3:
+            VO_TR_AT(site, m, w, "opid=%lld _pgrs.src.status=%d expected=%d\n", opid,
+                     int(src.status), int(VoDone));
+            break;
+        case 4:
+            VO_TR_AT(site, m, w, "opid=%lld _pgrs.sink.isDone=%d expected TRUE\n", opid,
+                     sink.isDone);
+            break;
+        default:
+            VO_TR_AT(site, m, w, "opid=%lld _pgrs.sink.completionCode=%d expected=0 or %d\n", opid,
+                     sink.completionCode, int(VIC_ESINKUPTODATE));
+            break;
+    }
+    return failed;
 }

@@ -35,9 +35,8 @@
 #include "vo.h"
 #include "voerrors.h"
 #include "vorec.h"
+#include "vorpcclient.h"
 #include "votrace.h"
-
-class VoRPCClient;
 
 // An LP id in traces: "0x" and its 16 bytes as %02X.
 #define VO_LP_FMT "0x%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X%02X"
@@ -303,6 +302,44 @@ class VoState {
     unsigned refreshValidateRecord(VoTraceSite site, VoTrace::Level stepLvl,
                                    voErrRc refreshHiLvl, CLIENT* clntVldb,
                                    CLIENT* clntSrcDbladeVol);
+    // ---- Steps the operations with a stream share. ----
+
+    // Opens a client to the D-blade serving LP lid (learning its id into
+    // *learn when given); a failure is traced on behalf of the step at site
+    // ("fail to contact sink dblade ...") and recorded.
+    VoErr openDbladeOf(VoTraceSite site, CLIENT* clntVldb, const unsigned char* lid,
+                       VoRPCClient* out, VoRec* learn);
+
+    // The trace lines of deleteVolume, one wording per kind of volume.
+    enum class VolDeleteWording { copySink, copyOpSrc, moveSink, moveOpSrc };
+    // Deletes vol on its D-blade (a volume already gone counts as deleted;
+    // a transport failure never does), then its VLDB record, tracing from
+    // site with the D-blade lines under mod. 0 or the failing step's code,
+    // recorded.
+    unsigned deleteVolume(VoTraceSite site, VoTrace::Module mod, CLIENT* clntVldb,
+                          CLIENT* clntDbladeVol, const VoRec& vol, VolDeleteWording wording);
+
+    // The source's VLDB records into found. 0 when there is at least one;
+    // else the failure, traced from site and recorded: voErrVldbRecordLookupRpc
+    // or voErrVldbRecordLookup (a missing record as VLDB_RECORD_NOT_FOUND).
+    unsigned lookupSrcVldb(VoTraceSite site, CLIENT* clntVldb,
+                           VoXdrResult<vldb_record_lookup_result>& found);
+
+    // Which of the five tests of a successful stream fails, 1 to 5 in the
+    // order rc, source completion, source status, sink done, sink completion
+    // (0 or VIC_ESINKUPTODATE); 0 when it passes them all.
+    static int failedStreamTest(voErrRc rc, const VoSrcPgrs& src, const VoSinkPgrs& sink);
+    // The same, tracing the failed test's line from site.
+    int traceFailedStreamTest(VoTraceSite site, voErrRc rc, const VoSrcPgrs& src,
+                              const VoSinkPgrs& sink);
+
+    // Folds the answer of one D-blade volume call (rc: the VoRpcCalls
+    // helper's transport answer; status: the D-blade's) into a VoErr, tracing
+    // a failure as "opid=%lld <call> vfsid=%d failed: %s" or "... err=%#X".
+    static VoErr dbladeOutcome(VoTraceSite at, VoTrace::Module mod, const char* call,
+                               voErrFunc func, unsigned long long opid, unsigned vfsid,
+                               unsigned rc, unsigned status);
+
     // vldb_record_lookup_3 of (vfsid, lid), both name strings empty. Judging
     // the transport answer and the status is the caller's; out is the
     // caller's to free.

@@ -54,6 +54,11 @@ char gLogPath[kPathMax] = "/var/log/vod.log";
 char gCountPath[kPathMax] = "/var/log/vod.cnt";
 
 thread_local char tBuf[kBufSize];
+// A mask of this thread's own (ThreadMask), in force while tHasOwnMask is set.
+thread_local bool tHasOwnMask = false;
+thread_local uint32_t tOwnMask = 0;
+
+uint32_t effectiveMask() { return tHasOwnMask ? tOwnMask : gMask.load(); }
 
 bool validModule(int m) { return m >= 0 && m < kNumModules; }
 bool validLevel(int l) { return l >= 0 && l < kNumLevels; }
@@ -138,7 +143,7 @@ void VoTrace::tr(Module m, Level l, const char* fmt, ...) {
     if (n == -1 || n > kBufSize) snprintf(tBuf, kBufSize, "trace buffer overflow: %d\n", n);
 
     int depth = gDepth.load();
-    bool toOutput = maskTakes(gMask.load(), m, l);
+    bool toOutput = maskTakes(effectiveMask(), m, l);
     if (!toOutput && !gPrivateOpen.load()) return;
 
     std::lock_guard<std::mutex> lock(gEmitLock);
@@ -204,7 +209,17 @@ bool VoTrace::enabledPrivateLog() { return gPrivateOpen.load(); }
 
 bool VoTrace::wants(Module m, Level l) {
     if (gPrivateOpen.load()) return true;
-    return validModule(m) && validLevel(l) && maskTakes(gMask.load(), m, l);
+    return validModule(m) && validLevel(l) && maskTakes(effectiveMask(), m, l);
+}
+
+VoTrace::ThreadMask::ThreadMask(unsigned mask) : _had(tHasOwnMask), _was(tOwnMask) {
+    tHasOwnMask = true;
+    tOwnMask = mask;
+}
+
+VoTrace::ThreadMask::~ThreadMask() {
+    tHasOwnMask = _had;
+    tOwnMask = _was;
 }
 
 VoTrace::Depth::Depth() { ++gDepth; }

@@ -57,6 +57,21 @@ public:
     // The call-site guard: enabledPrivateLog() or both the module and level bits in the mask.
     static bool wants(Module m, Level l);
 
+    // For the guard's lifetime, lines traced by this thread are judged by mask instead of the
+    // process-wide word, which stays as it is: a worker that must trace a dump in full cannot
+    // race vosettracemask, or lose what it set, by rewriting the shared mask.
+    class ThreadMask {
+    public:
+        explicit ThreadMask(unsigned mask);
+        ~ThreadMask();
+        ThreadMask(const ThreadMask&) = delete;
+        ThreadMask& operator=(const ThreadMask&) = delete;
+
+    private:
+        bool _had;
+        unsigned _was;
+    };
+
     // Raises the nesting depth shown in every line for the guard's lifetime.
     class Depth {
     public:

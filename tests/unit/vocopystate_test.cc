@@ -12,6 +12,7 @@
 #include "dldb_server.h"
 #include "fake_rpc_server.h"
 #include "vldb_server.h"
+#include "vldb_lit.h"
 #include "vodbCache.h"
 #include "vodldb.h"
 #include "vorpcclient.h"
@@ -81,7 +82,9 @@ class CopyTest : public ::testing::Test {
         vldb.onVoid<vodb_opid_lookup_result>(VODB_OPID_LOOKUP, xdr_vodb_opid_lookup_result,
                                              [this](vodb_opid_lookup_result& r) {
                                                  std::lock_guard<std::mutex> g(m);
+                                                 r.result = vodbIdStatus;
                                                  r.last_create_opid = vodbGeneration;
+                                                 return vodbIdAction;
                                              });
         vldb.onVoid<vodb_lookup_result>(VODB_LOOKUP, xdr_vodb_lookup_result,
                                         [this](vodb_lookup_result& r) {
@@ -235,6 +238,8 @@ class CopyTest : public ::testing::Test {
     std::vector<vodbRec> vodb;
     // Moves on every change, across tests too, so that the cache re-reads.
     static inline unsigned long long vodbGeneration = 1000;
+    int vodbIdStatus = 0;
+    FakeRpcServer::Action vodbIdAction = FakeRpcServer::Reply;
     unsigned lpConvertStatus = 0;
     int lookupStatus = 0;
     std::vector<Rec> lookupRecs;
@@ -320,6 +325,46 @@ TEST(VoCopyStateConclude, FiveTestsOfASuccessfulStream) {
         r.change(p);
         EXPECT_EQ(r.failed, VoCopyState::failedSuccessTest(p)) << r.what;
     }
+}
+
+// A copy refused because the VODB could not be read must never answer rc 0
+// beside the failing call: a client would take it for a started copy.
+TEST_F(CopyTest, AFailedVodbReadRefusesTheCopyWithANonZeroRc) {
+    struct {
+        const char* what;
+        int status;
+        FakeRpcServer::Action action;
+        voErrFunc func;
+    } cases[] = {
+        {"refused", VODB_NO_DATABASE, FakeRpcServer::Reply, voErrVodbOpidLookUp},
+        {"cut", 0, FakeRpcServer::Close, voErrVodbOpidLookUpRpc},
+    };
+    for (const auto& c : cases) {
+        {
+            std::lock_guard<std::mutex> g(m);
+            lookupRecs = {vldbRec(RW_VFS)};
+            vodbIdStatus = c.status;
+            vodbIdAction = c.action;
+        }
+        clntVldb.clntdestroy();
+        clntVldb.clnttcp_create("127.0.0.1", VLDB_PROG, VLDB_VERS);
+        TestCopy op(true);
+        EXPECT_NE(0u, op.prepare(clntVldb, clntVol)) << c.what;
+        voErrRc rc;
+        voErrFunc func;
+        unsigned funcrc;
+        op.getErr(&rc, &func, &funcrc);
+        EXPECT_EQ(voErrValidate, rc) << c.what;
+        EXPECT_EQ(c.func, func) << c.what;
+        EXPECT_TRUE(op.retiredFromVodb()) << c.what;
+    }
+    {
+        std::lock_guard<std::mutex> g(m);
+        vodbIdStatus = 0;
+        vodbIdAction = FakeRpcServer::Reply;
+    }
+    clntVldb.clntdestroy();
+    clntVldb.clnttcp_create("127.0.0.1", VLDB_PROG, VLDB_VERS);
 }
 
 TEST_F(CopyTest, ValidateRoleTable) {

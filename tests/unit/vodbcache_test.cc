@@ -161,6 +161,48 @@ TEST_F(VodbCacheTest, EmptyVodb) {
     EXPECT_EQ(0u, VoState::_lastCreatedOpid);
 }
 
+TEST_F(VodbCacheTest, NoRecordsFromTheRecordReadIsAnEmptyVodbNotAFailure) {
+    set({rec(5, 100)}, 5, 0);
+    ASSERT_EQ(0u, refresh());
+
+    // A VLDB that answers 135 to both reads once the last record went: the
+    // cache empties, and the next refresh has nothing more to read.
+    {
+        std::lock_guard<std::mutex> g(m);
+        answer.opidStatus = VLDB_RECORD_UNAVAILABLE;
+        answer.lookupStatus = VLDB_RECORD_UNAVAILABLE;
+    }
+    set({rec(9, 900)}, 0, 5);  // records that a "no records" answer must not carry in
+    ASSERT_EQ(0u, refresh());
+    EXPECT_TRUE(cache().empty());
+    EXPECT_EQ(0u, VoState::_lastCreatedOpid);
+    EXPECT_EQ(0u, VoState::_lastDeletedOpid);
+    const int reads = vldb.calls(VODB_LOOKUP);
+    ASSERT_EQ(0u, refresh());
+    EXPECT_EQ(reads, vldb.calls(VODB_LOOKUP));
+}
+
+TEST_F(VodbCacheTest, RecordsOfUnknownTypeOrRoleAreKeptRawAndMarkedUnknown) {
+    vodbRec badType = rec(5, 100);
+    badType.optype = 99;
+    vodbRec badRole = rec(6, 200);
+    badRole.vfsrole = -2;
+    set({badType, badRole, rec(7, 300)}, 7, 0);
+    ASSERT_EQ(0u, refresh());
+    std::vector<VoRec*> recs = cache();
+    ASSERT_EQ(3u, recs.size());
+    EXPECT_FALSE(recs[0]->isKnown());
+    EXPECT_EQ(VoRec::VODB_VOLOP_NULL, recs[0]->opType());
+    EXPECT_EQ(99u, recs[0]->rawOpType());
+    EXPECT_FALSE(recs[1]->isKnown());
+    EXPECT_EQ(VoRec::VODB_ROLE_NULL, recs[1]->role());
+    EXPECT_TRUE(recs[2]->isKnown());
+    // What goes back to the VODB is what came from it.
+    vodbRec out;
+    recs[0]->toVodbRec(&out);
+    EXPECT_EQ(99, out.optype);
+}
+
 TEST_F(VodbCacheTest, ObjectsAreReusedInPlaceWhenTheCacheShrinksOrGrows) {
     set({rec(1, 10), rec(2, 20), rec(3, 30), rec(4, 40), rec(5, 50)}, 5, 0);
     ASSERT_EQ(0u, refresh());

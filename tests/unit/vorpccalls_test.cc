@@ -420,14 +420,15 @@ TEST_F(VoRpcCallsTest, DeleteStatuses) {
         std::vector<Step> steps;
         unsigned want;
         int calls;
+        bool transportFailed;
     } cases[] = {
-        {"deleted", {st(0)}, 0, 1},
-        {"not on this LP", {st(TARN_ERR_LPMMISMATCH)}, TARN_ERR_LPMMISMATCH, 1},
-        {"already gone", {st(TARN_ERR_DELETE_DONE)}, 0, 1},
-        {"try again", {st(TARN_ERR_ENORNUM), st(0)}, 0, 2},
-        {"still deleting", {st(TARN_ERR_DELETE_BUSY), st(TARN_ERR_DELETE_BUSY), st(0)}, 0, 3},
-        {"other status", {st(0x1B)}, 0x1B, 1},
-        {"cut", {kCutStep}, kCut, 1},
+        {"deleted", {st(0)}, 0, 1, false},
+        {"not on this LP", {st(TARN_ERR_LPMMISMATCH)}, TARN_ERR_LPMMISMATCH, 1, false},
+        {"already gone", {st(TARN_ERR_DELETE_DONE)}, 0, 1, false},
+        {"try again", {st(TARN_ERR_ENORNUM), st(0)}, 0, 2, false},
+        {"still deleting", {st(TARN_ERR_DELETE_BUSY), st(TARN_ERR_DELETE_BUSY), st(0)}, 0, 3, false},
+        {"other status", {st(0x1B)}, 0x1B, 1, false},
+        {"cut", {kCutStep}, kCut, 1, true},
     };
     for (const Case& c : cases) {
         reconnect();
@@ -437,7 +438,10 @@ TEST_F(VoRpcCallsTest, DeleteStatuses) {
         VolDeleteIn in{};
         in.vfsID = 100;
         std::memcpy(in.lpUUID, kLid, 16);
-        EXPECT_EQ(c.want, VoRpcCalls::dbladeVolDelete(&in, volClnt, 60, false)) << c.what;
+        clnt_stat transport = RPC_CANTSEND;
+        EXPECT_EQ(c.want, VoRpcCalls::dbladeVolDelete(&in, volClnt, 60, false, &transport))
+            << c.what;
+        EXPECT_EQ(c.transportFailed, transport != RPC_SUCCESS) << c.what;
         EXPECT_EQ(c.calls, dblade.calls(VOLDELETE)) << c.what;
         EXPECT_EQ(static_cast<size_t>(c.calls - 1), gSlept.size()) << c.what;
     }

@@ -13,6 +13,8 @@
 #include "fake_vostate.h"
 #include "vldb_server.h"
 #include "vodbCache.h"
+#include "vorpccalls.h"
+#include "vorpcclient.h"
 
 namespace {
 
@@ -316,6 +318,38 @@ TEST_F(DbladeVolTest, DataVersionIsRefusedWhileTheVolumeIsBusy) {
     VoErr e = VoState::getDataVerFromDblade(nullptr, 7, lid, nullptr);
     EXPECT_EQ(static_cast<unsigned>(e), 5004u);
     EXPECT_EQ(e.func(), voErrVodAttrGetDataVer);
+}
+
+// A D-blade status and a transport failure that carry the same number must
+// never be taken for each other: only the D-blade's own 21 says "not there".
+TEST(VoStateDelete, OnlyTheDbladesOwnStatusSaysTheVolumeIsGone) {
+    std::atomic<int> action{FakeRpcServer::Reply};
+    std::atomic<u_int> status{TARN_ERR_LPMMISMATCH};
+    FakeRpcServer server{DBLADE_VOL_PROG, DBLADE_VOL_VERS};
+    server.on<VolDeleteIn, VolDeleteOut_t>(
+        VOLDELETE, xdr_VolDeleteIn, xdr_VolDeleteOut_t, [&](VolDeleteIn&, VolDeleteOut_t& out) {
+            out.returnCode = status;
+            return static_cast<FakeRpcServer::Action>(action.load());
+        });
+    unsigned char lid[16] = {1};
+    struct {
+        const char* what;
+        FakeRpcServer::Action action;
+        voErrFunc func;
+    } cases[] = {
+        {"the D-blade says not on that LP", FakeRpcServer::Reply, voErrDbladeVolDelete},
+        {"the connection is cut", FakeRpcServer::Close, voErrDbladeVolDeleteRpc},
+    };
+    for (const auto& c : cases) {
+        action = c.action;
+        VoRPCClient client;
+        ASSERT_EQ(0u, client.clnttcp_create("127.0.0.1", DBLADE_VOL_PROG, DBLADE_VOL_VERS));
+        VoErr e = VoState::dbladeDeleteVfs(client, 7, lid);
+        EXPECT_EQ(c.func, e.func()) << c.what;
+        const unsigned code = c.func == voErrDbladeVolDelete ? TARN_ERR_LPMMISMATCH
+                                                              : static_cast<unsigned>(c.func);
+        EXPECT_EQ(code, static_cast<unsigned>(e)) << c.what;
+    }
 }
 
 // setVfsType: refused while a recorded operation uses the volume; else the

@@ -1,6 +1,8 @@
 #include "votrace.h"
 
 #include <gtest/gtest.h>
+
+#include <atomic>
 #include <unistd.h>
 
 #include <climits>
@@ -186,6 +188,36 @@ TEST_F(VoTraceTest, MaskSettersReplaceOnlyTheirOwnBits) {
 
     VoTrace fresh;
     EXPECT_EQ(VoTrace::getMask(), 0x0003F0E0u);
+}
+
+TEST_F(VoTraceTest, AThreadMaskRulesOnlyItsOwnThreadAndLeavesTheWordAlone) {
+    VoTrace::setMask(0x000010C0);
+    std::atomic<bool> inside{false}, done{false};
+    std::atomic<bool> otherWants{true};
+    std::thread worker([&] {
+        VoTrace::ThreadMask all(0xFFFFFFFF);
+        EXPECT_TRUE(VoTrace::wants(VoTrace::vo_vldb, VoTrace::vo_debug));
+        inside = true;
+        while (!done) std::this_thread::yield();
+    });
+    while (!inside) std::this_thread::yield();
+    // Meanwhile the word is what it was, for everyone else, and a setter
+    // changes it as usual.
+    EXPECT_EQ(0x000010C0u, VoTrace::getMask());
+    otherWants = VoTrace::wants(VoTrace::vo_vldb, VoTrace::vo_debug);
+    VoTrace::setLvlMask(0x80);
+    done = true;
+    worker.join();
+    EXPECT_FALSE(otherWants);
+    EXPECT_EQ(0x00001080u, VoTrace::getMask());
+
+    {
+        VoTrace::ThreadMask quiet(0);
+        VoTrace::tr(VoTrace::vo_vod, VoTrace::vo_fatal, "x\n");
+        EXPECT_EQ(console(), "");
+    }
+    VoTrace::tr(VoTrace::vo_vod, VoTrace::vo_fatal, "x\n");
+    EXPECT_NE(console(), "");
 }
 
 TEST_F(VoTraceTest, PresetsSetModuleAndLevelMasks) {
