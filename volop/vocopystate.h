@@ -121,10 +121,6 @@ class VoCopyState : public VoState {
     unsigned deleteSink(CLIENT* clntVldb);
     unsigned deleteOpSrc(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
 
-    // Sets _rollForward: forward exactly when the sink exists on its D-blade
-    // at the data version its VLDB record expects. 0 when decided, else the
-    // error (the caller rolls back).
-    unsigned determineRecoveryStrategy(CLIENT* clntVldb, VoRec& sink);
 
     // failedStreamTest of the copy's last progress.
     static int failedSuccessTest(const VoCopyPgrsOut& p);

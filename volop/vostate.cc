@@ -28,6 +28,14 @@ const unsigned kTarnErrVolNotFound = 16;
 const unsigned kVolFlagsBusy = 0x800 | 0x8 | 0x4;
 
 const unsigned kDbladeTimeoutSec = 60;
+const unsigned kCloneTimeoutSec = 1800;
+const unsigned kCreateTimeoutSec = 300;
+
+timeval now() {
+    timeval tv = {0, 0};
+    gettimeofday(&tv, nullptr);
+    return tv;
+}
 
 const char* rpcErrText(unsigned rc) {
     return rc == VOD_ERR_CANT_SET_TIMEOUT ? "voErrRpcErrCantSetTimeOut"
@@ -1027,3 +1035,212 @@ int VoState::traceFailedStreamTest(VoTraceSite site, voErrRc rc, const VoSrcPgrs
     }
     return failed;
 }
+
+unsigned VoState::cloneOpSrc(VoTraceSite site, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                             const VoRec& opSrc) {
+    const unsigned long long opid = _opid;
+    const unsigned srcVid = _srcRec.vid();
+    const unsigned opSrcVid = opSrc.vid();
+    const unsigned char* srcLid = _srcRec.lid();
+    // Streaming from a clone leaves the source free to change meanwhile.
+    VO_TR_AT(site, VoTrace::vo_srcvol, VoTrace::vo_audit, "opid=%lld dbladeCloneVfs src %d clone %d\n",
+             opid, srcVid, opSrcVid);
+    VolCloneIn in;
+    memset(&in, 0, sizeof in);
+    in.srcVfsID = srcVid;
+    in.cloneVfsID = opSrcVid;
+    memcpy(in.lpUUID, srcLid, sizeof in.lpUUID);
+    VoXdrResult<VolCloneOut_t> out(xdr_VolCloneOut_t);
+    unsigned rc = VoRpcCalls::dbladeCloneVfs(&in, out.get(), clntSrcDbladeVol, kCloneTimeoutSec);
+    VoErr err = dbladeOutcome(site, VoTrace::vo_srcvol, "dbladeCloneVfs", voErrDbladeVolClone, opid,
+                              opSrcVid, rc, rc == 0 ? out->returnCode : 0);
+    if (err != 0) {
+        setAllErr(err);
+        return err;
+    }
+    // The clone is registered like any clone of the source, named after its
+    // part in the operation; it goes again when the operation ends.
+    VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_audit,
+             "opid=%lld call vldbCreateRecord for op src vfsid=%d\n", opid, opSrcVid);
+    VoRec named(opSrc);
+    named.genVname(nullptr);
+    timeval t = now();
+    err = vldbCreateRecord(clntVldb, opSrcVid, srcLid, named.getVname(), getFamily(), CLONE, 0,
+                           t.tv_sec, t.tv_usec, 0, _srcRec.dver(), getExportRuleset(), APP_VOD);
+    if (err != 0) {
+        setAllErr(err);
+        return err;
+    }
+    return 0;
+}
+
+unsigned VoState::makeSink(VoTraceSite site, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                           const VoRec& opSrc, VoRec& sink, std::string volName,
+                           std::string vldbName, unsigned long long* opSrcDver) {
+    const unsigned long long opid = _opid;
+    const unsigned opSrcVid = opSrc.vid();
+    const unsigned sinkVid = sink.vid();
+    const unsigned char* srcLid = opSrc.lid();
+
+    VO_TR_AT(site, VoTrace::vo_srcvol, VoTrace::vo_entry, "opid=%lld dbladeVfsGetAttrs vfsid=%d\n",
+             opid, opSrcVid);
+    VoXdrResult<VolGetattrOut_t> attrs(xdr_VolGetattrOut_t);
+    {
+        VolGetattrIn in;
+        memset(&in, 0, sizeof in);
+        in.vfsID = opSrcVid;
+        memcpy(in.lpUUID, srcLid, sizeof in.lpUUID);
+        unsigned rc =
+            VoRpcCalls::dbladeVfsGetAttrs(&in, attrs.get(), clntSrcDbladeVol, kDbladeTimeoutSec);
+        VoErr err = dbladeOutcome(site, VoTrace::vo_srcvol, "dbladeVfsGetAttrs",
+                                  voErrDbladeVolGetAttr, opid, opSrcVid, rc,
+                                  rc == 0 ? attrs->returnCode : 0);
+        if (err != 0) {
+            setAllErr(err);
+            return err;
+        }
+    }
+    const tarn_volgattrx_t& src = attrs->return_volattrs;
+    if (opSrcDver != nullptr) *opSrcDver = src.dataVersion;
+
+    VO_TR_AT(site, VoTrace::vo_sinkvol, VoTrace::vo_debug, "opid=%lld call mkDbladeClient\n", opid);
+    VoRPCClient sinkVol;
+    VoRec sinkDblade;  // learns the D-blade id the stream names
+    VoErr err = openDbladeOf(site, clntVldb, sink.lid(), &sinkVol, &sinkDblade);
+    getLock();
+    sink.setDid(sinkDblade.getDid());
+    releaseLock();
+    if (err != 0) return err;
+
+    for (std::string* name : {&volName, &vldbName}) {
+        if (name->size() <= static_cast<size_t>(VoRec::VNAME_MAX)) continue;
+        // Deliberately a truncation, not a failure.
+        VO_TR_AT(site, VoTrace::vo_sinkvol, VoTrace::vo_warn,
+                 "opid=%lld sink=%d volname is too long (%d) Truncate it for now\n", opid, sinkVid,
+                 static_cast<int>(name->size()));
+        name->resize(VoRec::VNAME_MAX);
+    }
+
+    // The sink is made with every attribute it keeps: its name, and the
+    // source's quotas, mounted-at fields and virtual server. Its creation
+    // time is its own; its contents and data version come with the stream.
+    VO_TR_AT(site, VoTrace::vo_sinkvol, VoTrace::vo_audit, "opid=%lld dbladeVfsCreate vfsid=%d\n",
+             opid, sinkVid);
+    {
+        VolCreateIn in;
+        memset(&in, 0, sizeof in);
+        memcpy(in.lpUUID, sink.lid(), sizeof in.lpUUID);
+        in.vfsID = sinkVid;
+        tarn_volsetattrx_t& set = in.set_attrs;
+        set.how = VOLSET_MINQUOTA | VOLSET_MAXQUOTA | VOLSET_VOLNAME | VOLSET_MOUNTEDATVOLNAME |
+                  VOLSET_MOUNTEDATDIRVNODE | VOLSET_MOUNTEDATDIRUNIQUE | VOLSET_MOUNTEDATPARENTVNODE |
+                  VOLSET_MOUNTEDATPARENTUNIQUE | VOLSET_VIRTUALSERVER;
+        set.attrs.minQuota = src.minQuota;
+        set.attrs.maxQuota = src.maxQuota;
+        set.attrs.volname = &volName[0];
+        copy_mountedat_attr(set.attrs, src);
+        char empty[] = "";
+        if (set.attrs.mountedatvolname == nullptr) set.attrs.mountedatvolname = empty;
+        set.attrs.virtualServer = src.virtualServer;
+        VoXdrResult<VolCreateOut_t> out(xdr_VolCreateOut_t);
+        unsigned rc = VoRpcCalls::dbladeVfsCreate(&in, out.get(), sinkVol, kCreateTimeoutSec);
+        err = dbladeOutcome(site, VoTrace::vo_sinkvol, "dbladeVfsCreate", voErrDbladeVolCreate, opid,
+                            sinkVid, rc, rc == 0 ? out->returnCode : 0);
+        if (err != 0) {
+            setAllErr(err);
+            return err;
+        }
+    }
+    sinkVol.clntdestroy();
+
+    VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_entry, "opid=%lld vldb_record_lookup_3 vfsid=%d\n",
+             opid, _srcRec.vid());
+    VoXdrResult<vldb_record_lookup_result> found(xdr_vldb_record_lookup_result);
+    if (unsigned r = lookupSrcVldb(site, clntVldb, found)) return r;
+    const Rec& srcVldb = found->r.r_val[0];
+
+    // The sink's record: a volume of its own (its name heads its family, it
+    // is nobody's root), of the source's kind (read-write only when the
+    // source is), expected at the data version the stream brings, with the
+    // source's virtual server, export rules and owner.
+    VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_audit, "opid=%lld call vldbCreateRecord for sink %d\n",
+             opid, sinkVid);
+    timeval t = now();
+    err = vldbCreateRecord(clntVldb, sinkVid, sink.lid(), vldbName.c_str(), vldbName.c_str(),
+                           isSrcRW() ? RW_VFS : RO_VFS, 0, t.tv_sec, t.tv_usec, srcVldb.vserver,
+                           src.dataVersion, srcVldb.exportRuleset, srcVldb.appId);
+    if (err != 0) {
+        setAllErr(err);
+        return err;
+    }
+    return 0;
+}
+
+unsigned VoState::determineRecoveryStrategy(CLIENT* clntVldb, VoRec& sink) {
+    VoTrace::Depth depth;
+    if (clntVldb == nullptr) {
+        VO_TR(vo_vod, vo_warn, "clntVldb=0\n");
+        setErr(voErrVodCrashRecovery, VOD_ERR_NO_VLDB_CLIENT);
+        return VOD_ERR_NO_VLDB_CLIENT;
+    }
+    const long long opid = static_cast<long long>(_opid);
+    const unsigned vid = sink.vid();
+    const unsigned char* lid = sink.lid();
+
+    VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient LP=" VO_LP_FMT "\n", opid,
+          VO_LP_ARGS(lid));
+    VoRPCClient sinkVol;
+    VoErr err = openDbladeOf(VO_SITE, clntVldb, lid, &sinkVol, nullptr);
+    if (err != 0) return err;
+
+    VO_TR(vo_sinkvol, vo_debug, "opid=%lld call getDataVerFromDblade vfsid=%d\n", opid, vid);
+    unsigned long long dver = 0;
+    err = getDataVerFromDblade(sinkVol, vid, lid, &dver);
+    if (err != 0) {
+        if (err.func() == voErrDbladeVolGetAttr &&
+            (err.funcrc() == kTarnErrVolNotFound || err.funcrc() == TARN_ERR_LPMMISMATCH)) {
+            VO_TR(vo_vod, vo_audit, "opid=%lld roll back. Sink vfs=%d does not exist.\n", opid,
+                  vid);
+            _rollForward = false;
+            return 0;
+        }
+        VO_TR(vo_vod, vo_warn,
+              "opid=%lld getDataVerFromDblade for sink vfsid=%d at LP=" VO_LP_FMT
+              " err.func=%d err.funcrc=%d\n",
+              opid, vid, VO_LP_ARGS(lid), err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+
+    VO_TR(vo_vldb, vo_debug, "opid=%lld call getDataVerFromVLDB vfsid=%d\n", opid, vid);
+    int isExist = 0;
+    unsigned long long expected = 0;
+    err = getDataVerFromVLDB(clntVldb, vid, lid, &isExist, &expected);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn,
+              "opid=%lld getDataVerFromVLDB for sink vfsid=%d at LP=" VO_LP_FMT
+              " err.func=%d err.funcrc=%d\n",
+              opid, vid, VO_LP_ARGS(lid), err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+    if (!isExist) {
+        VO_TR(vo_vod, vo_audit, "opid=%lld sink vfsid=%d is present but not its VLDB. Roll back\n",
+              opid, vid);
+        _rollForward = false;
+        return 0;
+    }
+    if (dver != expected) {
+        VO_TR(vo_vod, vo_audit,
+              "opid=%lld roll back. Sink vfsid=%d version %lld is not equal to the expected %lld\n",
+              opid, vid, static_cast<long long>(dver), static_cast<long long>(expected));
+        _rollForward = false;
+        return 0;
+    }
+    VO_TR(vo_vod, vo_audit,
+          "opid=%lld roll forward. Sink vfsid=%d version %lld is the same as the expected %lld\n",
+          opid, vid, static_cast<long long>(dver), static_cast<long long>(expected));
+    _rollForward = true;
+    return 0;
+}
+

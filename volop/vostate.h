@@ -28,6 +28,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <string>
 
 #include "dblade_incrcopy.h"
 #include "dblade_vol.h"
@@ -324,6 +325,25 @@ class VoState {
     // or voErrVldbRecordLookup (a missing record as VLDB_RECORD_NOT_FOUND).
     unsigned lookupSrcVldb(VoTraceSite site, CLIENT* clntVldb,
                            VoXdrResult<vldb_record_lookup_result>& found);
+
+    // Clones the source into opSrc (same LP) and registers the clone in the
+    // VLDB under a name made from its part in the operation. 0 or the
+    // failing step's code, recorded.
+    unsigned cloneOpSrc(VoTraceSite site, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                        const VoRec& opSrc);
+    // Makes sink on its LP's D-blade with opSrc's attributes and the volume
+    // name volName, learning the D-blade id into sink under the operation
+    // lock, and registers it in the VLDB as vldbName (its own family), of
+    // the source's kind, expected at opSrc's data version (also given back
+    // in *opSrcDver when asked). Names longer than VoRec::VNAME_MAX are cut.
+    // 0 or the failing step's code, recorded.
+    unsigned makeSink(VoTraceSite site, CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
+                      const VoRec& opSrc, VoRec& sink, std::string volName, std::string vldbName,
+                      unsigned long long* opSrcDver);
+    // Sets _rollForward: forward exactly when the sink exists on its D-blade
+    // at the data version its VLDB record expects. 0 when decided, else the
+    // error (the caller rolls back).
+    unsigned determineRecoveryStrategy(CLIENT* clntVldb, VoRec& sink);
 
     // Which of the five tests of a successful stream fails, 1 to 5 in the
     // order rc, source completion, source status, sink done, sink completion

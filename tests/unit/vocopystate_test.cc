@@ -29,6 +29,7 @@ class TestCopy : public VoCopyState {
   public:
     using VoCopyState::mkOpSrcSink;
     using VoCopyState::validate;
+    using VoState::determineRecoveryStrategy;
 
     explicit TestCopy(bool srcRW, const char* sinkName = "copy1") {
         setSrcVfsType(srcRW ? RW_VFS : RO_VFS);
