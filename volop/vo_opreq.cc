@@ -23,7 +23,6 @@
 namespace {
 
 using voopreq::MirrorKey;
-using voopreq::MoveKey;
 using voopreq::nothingOnFound;
 using voopreq::setTriple;
 
@@ -123,11 +122,6 @@ void VoServer::runOpComplete(VoState* op) {
 
 // ---- Start. ----
 
-void VoServer::vfsMove(VoLidIn*, VoOut* out) {
-    VoTrace::Depth depth;
-    notRunHere(out);
-}
-
 void VoServer::vfsMirror(VoIn*, VoOut* out) {
     VoTrace::Depth depth;
     notRunHere(out);
@@ -147,16 +141,6 @@ void VoServer::vfsMirrorLeaveGroup(VoVnameIn*, VoVidOut* out) {
 
 // ---- Progress. The kinds' own progress calls plug in with their classes. ----
 
-void VoServer::vfsMovePgrs(VoIn* in, VoMovePgrsOut* out) {
-    VoTrace::Depth depth;
-    memset(out, 0, sizeof *out);
-    lookupLockForward(
-        // Unlike copy and mirror, a move answers voOpid 0 unless its
-        // progress fills it in.
-        MoveKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_audit, nothingOnFound,
-        [out](VoState*, CLIENT*) { notRunHere(out); });
-}
-
 void VoServer::vfsMirrorPgrs(VoIn* in, VoMirrorPgrsOut* out) {
     VoTrace::Depth depth;
     memset(out, 0, sizeof *out);
@@ -168,12 +152,6 @@ void VoServer::vfsMirrorPgrs(VoIn* in, VoMirrorPgrsOut* out) {
 
 // ---- Cancel: each kind's own cancel plugs in with its class. ----
 
-void VoServer::vfsMoveCancel(VoIn* in, VoOut* out) {
-    VoTrace::Depth depth;
-    lookupLockForward(MoveKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
-                      nothingOnFound, [out](VoState*, CLIENT*) { notRunHere(out); });
-}
-
 void VoServer::vfsMirrorCancel(VoLidIn* in, VoOut* out) {
     VoTrace::Depth depth;
     lookupLockForward(MirrorKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
@@ -181,26 +159,6 @@ void VoServer::vfsMirrorCancel(VoLidIn* in, VoOut* out) {
 }
 
 // ---- Pause and resume: the virtual ones of VoState. ----
-
-void VoServer::vfsMovePause(VoIn* in, VoOut* out) {
-    VoTrace::Depth depth;
-    lookupLockForward(MoveKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
-                      nothingOnFound, [out](VoState* op, CLIENT* c) {
-                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoMove->pause()\n",
-                                op->getOpid());
-                          op->pause(c, out);
-                      });
-}
-
-void VoServer::vfsMoveResume(VoIn* in, VoOut* out) {
-    VoTrace::Depth depth;
-    lookupLockForward(MoveKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
-                      nothingOnFound, [out](VoState* op, CLIENT* c) {
-                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoMove->resume()\n",
-                                op->getOpid());
-                          op->resume(c, out);
-                      });
-}
 
 void VoServer::vfsMirrorPause(VoIn* in, VoOut* out) {
     VoTrace::Depth depth;

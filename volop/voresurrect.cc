@@ -14,6 +14,7 @@
 #include "vocopystate.h"
 #include "vodbCache.h"
 #include "vodelstate.h"
+#include "vomovestate.h"
 #include "vorec.h"
 #include "vorpcclient.h"
 #include "voserver.h"
@@ -32,6 +33,9 @@ VoState* allocOpOfType(int opType, bool* built) {
             return new (std::nothrow) VoCopyState();
         case VoRec::VODB_VOLOP_DELETE:
             return new (std::nothrow) VoDelState();
+        case VoRec::VODB_VOLOP_MOVE:
+        case VoRec::VODB_VOLOP_FINALMOVE:
+            return new (std::nothrow) VoMoveState();
         default:
             *built = false;
             return nullptr;

@@ -263,7 +263,11 @@ unsigned VoState::refreshValidateRecord(VoTraceSite site, VoTrace::Level stepLvl
     }
     VO_TR_AT(site, VoTrace::vo_vod, stepLvl, "validate vol op\n");
     if (!validate(clntVldb, clntSrcDbladeVol)) {
-        setHiLvlErr(voErrValidate);
+        // A target without room is the one refusal that has a high-level
+        // code of its own; every other one reads as a failed validation.
+        voErrRc rc = voErrRcSuccess;
+        getErr(&rc, nullptr, nullptr);
+        if (rc != voErrNotEnoughSpaceSinkLP) setHiLvlErr(voErrValidate);
         VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_warn, "cannot valid due to error\n");
         return voErrValidate;
     }
