@@ -12,9 +12,11 @@
 #include "dblade_vol.h"
 #include "sim/dblade_sync.h"
 #include "sim/incrcopy.h"
+#include "sim/incrcopy_move.h"
 #include "sim/simcontrol.h"
 #include "sim/simnode.h"
 #include "sim/volstore.h"
+#include "sim/writer.h"
 
 namespace {
 
@@ -362,4 +364,6 @@ void simDbladeInit() {
         }
     }
     registerCommands();
+    simMoveRegisterCommands();
+    simWriterRegisterCommands();
 }

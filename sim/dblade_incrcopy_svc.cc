@@ -6,6 +6,7 @@
 
 #include "dblade_incrcopy.h"
 #include "sim/incrcopy.h"
+#include "sim/incrcopy_move.h"
 #include "sim/simfaults.h"
 #include "sim/simnode.h"
 #include "sim/simservice.h"
@@ -33,10 +34,22 @@ bool_t incrcopymirror_1_svc(IncrCopyMirrorIn* in, u_int* out, struct svc_req*) {
     });
 }
 
-// The final pass of a move and the TCP dump and restore are not simulated yet.
-bool_t incrcopymove_1_svc(IncrCopyMoveIn*, u_int* out, struct svc_req*) {
-    return simServeStatus("incrcopymove", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
+bool_t incrcopymove_1_svc(IncrCopyMoveIn* in, u_int* out, struct svc_req*) {
+    return simServeStatus("incrcopymove", out, [&] {
+        SimMoveRequest rq;
+        rq.opId = in->opId;
+        rq.opType = in->opType;
+        rq.srcVfsid = in->srcVfsId;
+        rq.srcLp = simLpId(in->srcLpUuid);
+        rq.tmpVfsid = in->tmpVfsIdForSwap;
+        rq.dstVfsid = in->dstVfsId;
+        rq.dstLp = simLpId(in->dstLpUuid);
+        rq.dstDid = in->dstBladeId;
+        return simMoveStart(rq);
+    });
 }
+
+// The TCP dump and restore are not simulated yet.
 
 bool_t tcpvfsdump_1_svc(TcpVfsDumpIn*, u_int* out, struct svc_req*) {
     return simServeStatus("tcpvfsdump", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });

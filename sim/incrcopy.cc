@@ -43,6 +43,7 @@ struct Stream {
     uint64_t opId = 0;
     unsigned opType = 0;
     SimLpId srcLp{};
+    uint16_t srcDid = 0;
     uint32_t srcVfsid = 0;
     SimVolume* src = nullptr;      // valid while readerHeld
     bool readerHeld = false;
@@ -228,53 +229,81 @@ bool sendFile(Stream* st, const SimChange& c, std::vector<Sink*> targets,
     return ok;
 }
 
-void finish(Stream* st, bool sourceFailed) {
-    SimVolStore& store = SimVolStore::get();
-    bool anyCancelled = false, allCancelled = true;
-    for (Sink& s : st->sinks) {
-        if (active(s)) {
-            if (sourceFailed)
-                endSink(&s, VIC_EIO);
-            else
-                endSink(&s, store.finishSink(s.vol, st->dataVersion) ? VIC_EIO : 0);
-        }
-        bool cancelled = s.pgrs.completionCode == VIC_ECANCELLED;
-        anyCancelled = anyCancelled || cancelled;
-        allCancelled = allCancelled && cancelled;
-    }
-    releaseEnded(st);
-    if (st->readerHeld) {
-        st->src->readers--;
-        st->readerHeld = false;
-    }
-    st->completionCode = sourceFailed ? VIC_EIO : (anyCancelled && allCancelled) ? VIC_ECANCELLED : 0;
-    st->status = SIMSTREAM_DONE;
-    st->paused = false;
-}
-
-void run(std::shared_ptr<Stream> st) {
-    std::unique_lock<std::mutex> lk(SimNode::get().lock());
-    bool sourceFailed = false;
+// Sends each sink the changes it lacks.  True when the source image could not be read.
+bool transfer(Stream* st, std::unique_lock<std::mutex>& lk) {
     for (const SimChange& c : st->work) {
-        if (!waitRunnable(st.get(), lk)) break;
+        if (!waitRunnable(st, lk)) break;
         std::vector<Sink*> targets;
         for (Sink& s : st->sinks)
             if (active(s) && c.version > s.since) targets.push_back(&s);
         if (c.remove) {
             for (Sink* s : targets)
                 if (SimVolStore::get().commitDelete(s->vol, c.path, c.version)) endSink(s, VIC_EIO);
-        } else if (!targets.empty() && !sendFile(st.get(), c, targets, lk)) {
-            sourceFailed = true;
-            break;
+        } else if (!targets.empty() && !sendFile(st, c, targets, lk)) {
+            return true;
         }
         st->vnodesProcessed++;
     }
-    finish(st.get(), sourceFailed);
+    return false;
+}
+
+// Ends every sink still receiving: complete, at the source's data version, unless the
+// source failed.  Their volumes stay claimed until releaseAll.
+void finishSinks(Stream* st, bool sourceFailed) {
+    SimVolStore& store = SimVolStore::get();
+    for (Sink& s : st->sinks) {
+        if (!active(s)) continue;
+        if (sourceFailed)
+            endSink(&s, VIC_EIO);
+        else
+            endSink(&s, store.finishSink(s.vol, st->dataVersion) ? VIC_EIO : 0);
+    }
+}
+
+// Gives back every volume the stream holds; it stays known.
+void releaseAll(Stream* st) {
+    for (Sink& s : st->sinks) {
+        dropTmp(&s);
+        releaseSink(&s);
+    }
+    if (st->readerHeld) {
+        st->src->readers--;
+        st->readerHeld = false;
+    }
+}
+
+void endStream(Stream* st, unsigned code) {
+    releaseAll(st);
+    st->completionCode = code;
+    st->status = SIMSTREAM_DONE;
+    st->paused = false;
     st->cv.notify_all();
+}
+
+// Removes the frozen image without the lock: it is the stream's own.
+void dropImage(Stream* st, std::unique_lock<std::mutex>& lk) {
     std::string image = st->imageDir;
-    uint64_t opId = st->opId;
+    st->imageDir.clear();
+    if (image.empty()) return;
     lk.unlock();
     simRemoveTree(image);
+    lk.lock();
+}
+
+void run(std::shared_ptr<Stream> st) {
+    std::unique_lock<std::mutex> lk(SimNode::get().lock());
+    bool sourceFailed = transfer(st.get(), lk);
+    finishSinks(st.get(), sourceFailed);
+    bool anyCancelled = false, allCancelled = true;
+    for (const Sink& s : st->sinks) {
+        bool cancelled = s.pgrs.completionCode == VIC_ECANCELLED;
+        anyCancelled = anyCancelled || cancelled;
+        allCancelled = allCancelled && cancelled;
+    }
+    endStream(st.get(), sourceFailed ? VIC_EIO : (anyCancelled && allCancelled) ? VIC_ECANCELLED : 0);
+    uint64_t opId = st->opId;
+    dropImage(st.get(), lk);
+    lk.unlock();
     simNotifyVod(opId);
 }
 
@@ -284,7 +313,7 @@ Stream* findStream(uint64_t opId) {
 }
 
 // Decides whether one sink takes part; claims its volume when it does.
-void admitSink(Stream* st, Sink* s, const std::vector<Sink>& earlier) {
+void admitSink(Stream* st, Sink* s) {
     SimVolStore& store = SimVolStore::get();
     SimNode& node = SimNode::get();
     s->pgrs.vfsid = s->spec.vfsid;
@@ -292,8 +321,8 @@ void admitSink(Stream* st, Sink* s, const std::vector<Sink>& earlier) {
     SimLp* lp = node.findLp(s->spec.lp.data());
     if (!lp) return endSink(s, VIC_ELPNOTFOUND);
     if (lp->did != s->spec.did) return endSink(s, VIC_ELPMISMATCH);
-    for (const Sink& e : earlier)
-        if (e.spec.vfsid == s->spec.vfsid && e.spec.lp == s->spec.lp)
+    for (const Sink* e = st->sinks.data(); e != s; ++e)
+        if (e->spec.vfsid == s->spec.vfsid && e->spec.lp == s->spec.lp)
             return endSink(s, VIC_EDUPLICATE);
     if (s->spec.vfsid == st->srcVfsid && s->spec.lp == st->srcLp) return endSink(s, VIC_EINVAL);
     SimVolume* v = store.find(s->spec.lp, s->spec.vfsid);
@@ -309,11 +338,9 @@ void admitSink(Stream* st, Sink* s, const std::vector<Sink>& earlier) {
     v->writerOpId = st->opId;
 }
 
-}  // namespace
-
-unsigned simStreamStart(uint64_t opId, unsigned opType, const SimLpId& srcLp, uint32_t srcVfsid,
-                        const std::vector<SimSinkSpec>& sinks) {
-    SimVolStore& store = SimVolStore::get();
+// The checks every stream makes of its request; nothing is held or registered yet.
+unsigned newStream(uint64_t opId, unsigned opType, const SimLpId& srcLp, uint32_t srcVfsid,
+                   const std::vector<SimSinkSpec>& sinks, std::shared_ptr<Stream>* out) {
     if (sinks.empty()) return VIC_EINVAL;
     if (Stream* old = findStream(opId)) {
         if (old->status != SIMSTREAM_DONE) return VIC_EOPIDINUSE;
@@ -321,7 +348,7 @@ unsigned simStreamStart(uint64_t opId, unsigned opType, const SimLpId& srcLp, ui
     }
     SimLp* lp = SimNode::get().findLp(srcLp.data());
     if (!lp) return VIC_ELPNOTFOUND;
-    SimVolume* src = store.find(srcLp, srcVfsid);
+    SimVolume* src = SimVolStore::get().find(srcLp, srcVfsid);
     if (!src) return VIC_EVOLNOTFOUND;
     if (src->hidden || src->writerOpId) return VIC_EVOLBUSY;
 
@@ -329,33 +356,115 @@ unsigned simStreamStart(uint64_t opId, unsigned opType, const SimLpId& srcLp, ui
     st->opId = opId;
     st->opType = opType;
     st->srcLp = srcLp;
+    st->srcDid = lp->did;
     st->srcVfsid = srcVfsid;
     st->src = src;
-    st->srcBlockSize = store.blockSizeOf(srcLp);
-    st->dataVersion = src->dataVersion;
-    // Image folders are never reused, so a finished stream's thread can still clean up its
-    // own while a new stream with the same id starts.
-    st->imageDir = store.streamDir(lp->did, opId) + "-" + std::to_string(++gImageSeq);
-    std::string err;
-    if (!store.freezeImage(*src, st->imageDir, &err)) {
-        std::fprintf(stderr, "vodsim: stream %llu: %s\n", static_cast<unsigned long long>(opId),
-                     err.c_str());
-        return VIC_EIO;
-    }
-    uint64_t since = st->dataVersion;
+    st->srcBlockSize = SimVolStore::get().blockSizeOf(srcLp);
     for (const SimSinkSpec& spec : sinks) {
         Sink s;
         s.spec = spec;
-        admitSink(st.get(), &s, st->sinks);
-        if (s.claimed) since = std::min(since, s.since);
+        s.pgrs.vfsid = spec.vfsid;
+        s.pgrs.lp = spec.lp;
         st->sinks.push_back(std::move(s));
     }
-    st->work = simChangesSince(src->files, since);
-    src->readers++;
+    *out = std::move(st);
+    return 0;
+}
+
+// Freezes the source as it stands now, admits the sinks against it and lists what they
+// lack together.  VIC_EIO (nothing claimed) when the image cannot be made.
+unsigned prepare(Stream* st) {
+    SimVolStore& store = SimVolStore::get();
+    st->dataVersion = st->src->dataVersion;
+    // Image folders are never reused, so a finished stream's thread can still clean up its
+    // own while a new stream with the same id starts.
+    st->imageDir = store.streamDir(st->srcDid, st->opId) + "-" + std::to_string(++gImageSeq);
+    std::string err;
+    if (!store.freezeImage(*st->src, st->imageDir, &err)) {
+        std::fprintf(stderr, "vodsim: stream %llu: %s\n",
+                     static_cast<unsigned long long>(st->opId), err.c_str());
+        st->imageDir.clear();
+        return VIC_EIO;
+    }
+    uint64_t since = st->dataVersion;
+    for (Sink& s : st->sinks) {
+        if (s.pgrs.done) continue;   // cancelled before the send began
+        admitSink(st, &s);
+        if (s.claimed) since = std::min(since, s.since);
+    }
+    st->work = simChangesSince(st->src->files, since);
+    return 0;
+}
+
+void enroll(const std::shared_ptr<Stream>& st) {
+    st->src->readers++;
     st->readerHeld = true;
-    gStreams[opId] = st;
+    gStreams[st->opId] = st;
+}
+
+}  // namespace
+
+unsigned simStreamStart(uint64_t opId, unsigned opType, const SimLpId& srcLp, uint32_t srcVfsid,
+                        const std::vector<SimSinkSpec>& sinks) {
+    std::shared_ptr<Stream> st;
+    if (unsigned rc = newStream(opId, opType, srcLp, srcVfsid, sinks, &st)) return rc;
+    if (unsigned rc = prepare(st.get())) return rc;
+    enroll(st);
     std::thread(run, st).detach();
     return 0;
+}
+
+unsigned simStreamOpen(uint64_t opId, unsigned opType, const SimLpId& srcLp, uint32_t srcVfsid,
+                       const std::vector<SimSinkSpec>& sinks) {
+    std::shared_ptr<Stream> st;
+    if (unsigned rc = newStream(opId, opType, srcLp, srcVfsid, sinks, &st)) return rc;
+    enroll(st);
+    return 0;
+}
+
+unsigned simStreamSend(uint64_t opId, std::unique_lock<std::mutex>& lk) {
+    auto it = gStreams.find(opId);
+    if (it == gStreams.end()) return VIC_EOPNOTFOUND;
+    std::shared_ptr<Stream> st = it->second;
+    if (unsigned rc = prepare(st.get())) return rc;
+    bool sourceFailed = transfer(st.get(), lk);
+    finishSinks(st.get(), sourceFailed);
+    dropImage(st.get(), lk);
+    if (sourceFailed) return VIC_EIO;
+    for (const Sink& s : st->sinks)
+        if (s.pgrs.completionCode && s.pgrs.completionCode != VIC_ESINKUPTODATE)
+            return s.pgrs.completionCode;
+    return 0;
+}
+
+void simStreamWaitWhilePaused(uint64_t opId, std::unique_lock<std::mutex>& lk) {
+    auto it = gStreams.find(opId);
+    if (it == gStreams.end()) return;
+    std::shared_ptr<Stream> st = it->second;
+    st->cv.wait(lk, [&] { return !st->paused; });
+}
+
+void simStreamRelease(uint64_t opId) {
+    if (Stream* st = findStream(opId)) releaseAll(st);
+}
+
+void simStreamEnd(uint64_t opId, unsigned code) {
+    Stream* st = findStream(opId);
+    if (!st) return;
+    for (Sink& s : st->sinks) {
+        // A failed move leaves no sink complete, whatever it had received.
+        if (code && (!s.pgrs.completionCode || s.pgrs.completionCode == VIC_ESINKUPTODATE))
+            s.pgrs.done = false;
+        endSink(&s, code);
+    }
+    endStream(st, code);
+}
+
+void simStreamForget(uint64_t opId) {
+    if (Stream* st = findStream(opId)) {
+        releaseAll(st);
+        gStreams.erase(opId);
+    }
 }
 
 bool simStreamProgress(uint64_t opId, SimStreamProgress* out) {

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -69,6 +70,29 @@ std::vector<uint64_t> simStreamIds();
 void simStreamSetGlobalSpeed(unsigned kibps);
 unsigned simStreamGlobalSpeed();
 bool simStreamSetSpeed(uint64_t opId, unsigned kibps);
+
+// ---- a stream driven by its caller (the final pass of a move, incrcopy_move.cc) ----------
+//
+// simStreamOpen registers a stream that has sent nothing yet: it answers progress, pause,
+// resume and cancel as any stream, and holds its source as a stream does (the volume cannot
+// be deleted or renumbered), but it has no thread and no image.  The caller's thread then
+// sends with simStreamSend and ends it with simStreamEnd or simStreamForget; lk holds
+// SimNode::lock() throughout.
+
+// The refusals of simStreamStart.
+unsigned simStreamOpen(uint64_t opId, unsigned opType, const SimLpId& srcLp, uint32_t srcVfsid,
+                       const std::vector<SimSinkSpec>& sinks);
+// Freezes the source as it stands now, admits the sinks against it and sends each what it
+// lacks, releasing the lock while files move.  Sinks brought up to date keep their claim.
+// 0 when every sink holds the source's image, else the stream's or a sink's failure code.
+unsigned simStreamSend(uint64_t opId, std::unique_lock<std::mutex>& lk);
+void simStreamWaitWhilePaused(uint64_t opId, std::unique_lock<std::mutex>& lk);
+// Gives back the source and the sinks' volumes; the stream stays known.
+void simStreamRelease(uint64_t opId);
+// Ends the stream with code; a non-zero code also ends every sink with it.
+void simStreamEnd(uint64_t opId, unsigned code);
+// Forgets the stream at once, as a D-blade that died would: no progress, no notice.
+void simStreamForget(uint64_t opId);
 
 // Tells the local vod that a stream ended (incrcopycomplete).  Called by stream threads
 // without the lock; a vod that is not there loses the notice.

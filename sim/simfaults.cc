@@ -50,6 +50,12 @@ constexpr ProcName kProcs[] = {
     {"volswapvolid", "dblade_vol"},
     {"incrcopymirror", "dblade_incrcopy"},
     {"incrcopymove", "dblade_incrcopy"},
+    // Not procedures: the steps of a final move's thread, in the order they run.
+    {"incrcopymove.stop", "dblade_incrcopy"},
+    {"incrcopymove.stream", "dblade_incrcopy"},
+    {"incrcopymove.swap", "dblade_incrcopy"},
+    {"incrcopymove.vldb", "dblade_incrcopy"},
+    {"incrcopymove.notify", "dblade_incrcopy"},
     {"incrcopyprogress", "dblade_incrcopy"},
     {"incrcopypause", "dblade_incrcopy"},
     {"incrcopyresume", "dblade_incrcopy"},

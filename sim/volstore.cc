@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -765,16 +766,32 @@ unsigned SimVolStore::swapIds(const SimLpId& lp1, uint32_t vfsid1, const SimLpId
     // The spare id must be free where the first volume passes through it.
     if (SimVolume* t = _impl->find(lp1, tempVfsid))
         return t->hidden ? TARN_ERR_VOLHIDDEN : TARN_ERR_EEXIST;
-    if (lp1 != lp2 && (_impl->find(lp2, vfsid1) || _impl->find(lp1, vfsid2)))
-        return TARN_ERR_EEXIST;
+    return renumber({{lp1, vfsid1, vfsid2}, {lp2, vfsid2, vfsid1}});
+}
 
+unsigned SimVolStore::renumber(const std::vector<SimRenumber>& moves) {
+    std::vector<SimVolume*> vs;
+    for (const SimRenumber& m : moves) {
+        SimVolume* v;
+        if (unsigned st = locate(m.lp, m.from, &v)) return st;
+        if (v->hidden) return TARN_ERR_VOLHIDDEN;
+        if (busy(*v)) return TARN_ERR_ENORNUM;
+        if (m.to == 0 || std::find(vs.begin(), vs.end(), v) != vs.end()) return TARN_ERR_EINVAL;
+        vs.push_back(v);
+    }
     auto mapId = [&](const SimLpId& lp, uint32_t id) -> uint32_t {
-        if (lp == lp1 && id == vfsid1) return vfsid2;
-        if (lp == lp2 && id == vfsid2) return vfsid1;
+        for (const SimRenumber& m : moves)
+            if (m.lp == lp && m.from == id) return m.to;
         return id;
     };
-    std::string rel1 = _impl->relDir(*v1), rel2 = _impl->relDir(*v2);
-    std::string parking = parentOf(rel1) + "/" + kSimTmpPrefix + "-swap-" + std::to_string(v1->key);
+    for (size_t i = 0; i < moves.size(); ++i) {
+        const SimRenumber& m = moves[i];
+        for (size_t j = 0; j < i; ++j)
+            if (moves[j].lp == m.lp && moves[j].to == m.to) return TARN_ERR_EINVAL;
+        SimVolume* t = _impl->find(m.lp, m.to);
+        if (t && mapId(m.lp, m.to) == m.to) return t->hidden ? TARN_ERR_VOLHIDDEN : TARN_ERR_EEXIST;
+    }
+
     std::vector<std::pair<SimVolume*, SimVolume>> updates;
     for (auto& [key, w] : _impl->vols) {
         SimVolume next = *w;
@@ -786,13 +803,24 @@ unsigned SimVolStore::swapIds(const SimLpId& lp1, uint32_t vfsid1, const SimLpId
             next.upstream != w->upstream)
             updates.emplace_back(w.get(), std::move(next));
     }
+    std::vector<std::string> from, parking, to;
+    for (size_t i = 0; i < vs.size(); ++i) {
+        from.push_back(_impl->relDir(*vs[i]));
+        parking.push_back(parentOf(from[i]) + "/" + kSimTmpPrefix + "-swap-" +
+                          std::to_string(vs[i]->key));
+        to.push_back(_impl->relDir(vs[i]->did, moves[i].lp, moves[i].to));
+    }
+    // A folder no volume owns (a create or delete the simulator did not finish) would stop
+    // a rename; one that a volume of this step leaves is gone by then.
+    for (const std::string& t : to)
+        if (std::find(from.begin(), from.end(), t) == from.end())
+            removeTree(_impl->dataDir + "/" + t);
     Impl::Txn txn(_impl);
     bool ok = txn.ok();
     for (auto& [w, next] : updates) ok = ok && _impl->saveVolume(next);
-    // Through a parking name of the store's own, so the spare id's folder is never touched.
-    ok = ok && _impl->journalRename(rel1, parking) &&
-         _impl->journalRename(rel2, _impl->relDir(v2->did, lp2, vfsid1)) &&
-         _impl->journalRename(parking, _impl->relDir(v1->did, lp1, vfsid2));
+    // Every folder is parked before any lands, so the spare id's folder is never touched.
+    for (size_t i = 0; i < vs.size(); ++i) ok = ok && _impl->journalRename(from[i], parking[i]);
+    for (size_t i = 0; i < vs.size(); ++i) ok = ok && _impl->journalRename(parking[i], to[i]);
     if (!ok || !txn.commit()) return TARN_ERR_EIO;
     for (auto& [w, next] : updates) {
         w->vfsid = next.vfsid;
@@ -806,10 +834,11 @@ unsigned SimVolStore::swapIds(const SimLpId& lp1, uint32_t vfsid1, const SimLpId
 // Records one changed path and the data version it made, in one transaction.
 unsigned SimVolStore::bumpAndRecord(SimVolume* v, const std::string& path, const SimFileMeta& m) {
     Impl::Txn txn(_impl);
+    uint64_t before = v->dataVersion;
     v->dataVersion = m.version;
     bool ok = txn.ok() && _impl->saveVolume(*v) && _impl->saveFile(*v, path, m) && txn.commit();
     if (!ok) {
-        v->dataVersion = m.version - 1;
+        v->dataVersion = before;
         return TARN_ERR_EIO;
     }
     v->files[path] = m;
@@ -817,10 +846,10 @@ unsigned SimVolStore::bumpAndRecord(SimVolume* v, const std::string& path, const
 }
 
 unsigned SimVolStore::writeFile(SimVolume* v, const std::string& path, const std::string& data,
-                                bool append) {
+                                bool append, uint64_t dverStep) {
     if (v->hidden) return TARN_ERR_VOLHIDDEN;
-    if (v->writerOpId) return TARN_ERR_ENORNUM;
-    if (!simValidVolPath(path)) return TARN_ERR_EINVAL;
+    if (v->writerOpId || v->stoppedByOpId) return TARN_ERR_ENORNUM;
+    if (!simValidVolPath(path) || dverStep == 0) return TARN_ERR_EINVAL;
     std::string dir = _impl->absDir(*v), target = dir + "/" + path;
     auto it = v->files.find(path);
     bool had = it != v->files.end() && !it->second.deleted;
@@ -856,12 +885,12 @@ unsigned SimVolStore::writeFile(SimVolume* v, const std::string& path, const std
         unlink(tmp.c_str());
         return st;
     }
-    return bumpAndRecord(v, path, SimFileMeta{v->dataVersion + 1, newSize, false});
+    return bumpAndRecord(v, path, SimFileMeta{v->dataVersion + dverStep, newSize, false});
 }
 
 unsigned SimVolStore::removeFile(SimVolume* v, const std::string& path) {
     if (v->hidden) return TARN_ERR_VOLHIDDEN;
-    if (v->writerOpId) return TARN_ERR_ENORNUM;
+    if (v->writerOpId || v->stoppedByOpId) return TARN_ERR_ENORNUM;
     auto it = v->files.find(path);
     if (it == v->files.end() || it->second.deleted) return TARN_ERR_VOLNOTFOUND;
     std::string dir = _impl->absDir(*v), target = dir + "/" + path;

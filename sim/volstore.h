@@ -67,6 +67,12 @@ enum SimVolFlags : unsigned {
 
 using SimLpId = std::array<unsigned char, 16>;
 
+// One volume's new id in SimVolStore::renumber.
+struct SimRenumber {
+    SimLpId lp{};
+    uint32_t from = 0, to = 0;
+};
+
 // One file of a volume, or the tombstone of a deleted one.  `version` is the volume's data
 // version of the last change to that path.
 struct SimFileMeta {
@@ -101,9 +107,11 @@ struct SimVolume {
     uint32_t downstream = 0, upstream = 0;
     bool hidden = false;
     std::map<std::string, SimFileMeta> files;   // live files and tombstones
-    // Not kept on disk: streams reading this volume, and the stream writing into it.
+    // Not kept on disk: streams reading this volume, the stream writing into it, and the
+    // final move that stopped writes to it (file changes answer 33 while it is set).
     int readers = 0;
     uint64_t writerOpId = 0;
+    uint64_t stoppedByOpId = 0;
 
     uint32_t flags() const;
 };
@@ -130,11 +138,16 @@ public:
     unsigned setAttrs(const SimLpId& lp, uint32_t vfsid, unsigned how, const SimVolAttrs& in);
     unsigned swapIds(const SimLpId& lp1, uint32_t vfsid1, const SimLpId& lp2, uint32_t vfsid2,
                      uint32_t tempVfsid);
+    // Gives several volumes new ids as one step (one transaction; the folders move through
+    // parking names of the store's own), so an id may pass from one volume of the step to
+    // another.  Every other target must be free on its LP (17, or 32 when hidden); the
+    // volumes must be neither hidden nor busy.  References from the LP's volumes follow.
+    unsigned renumber(const std::vector<SimRenumber>& moves);
 
-    // File changes of the control interface; each bumps the data version once.
+    // File changes of the control interface; each bumps the data version once, by dverStep.
     // append: add to the end instead of replacing.
     unsigned writeFile(SimVolume* v, const std::string& path, const std::string& data,
-                       bool append);
+                       bool append, uint64_t dverStep = 1);
     unsigned removeFile(SimVolume* v, const std::string& path);
 
     uint64_t blocksUsed(const SimVolume& v) const;

@@ -263,13 +263,6 @@ TEST_F(DbladeIncrCopyTest, StreamRefusalsAndBusyVolumes) {
     waitDone(2);
     EXPECT_EQ(checksum(300, "lp1b"), before);
     EXPECT_EQ(remove(kLp1a, kSrc), 0u);
-
-    uint64_t opId = 5;
-    IncrCopyMoveIn move{};
-    move.opId = opId;
-    u_int st = 0;
-    ASSERT_EQ(incrcopymove_1(&move, &st, icp), RPC_SUCCESS);
-    EXPECT_EQ(st, unsigned{VIC_ENOTSUPPORTED});
 }
 
 TEST_F(DbladeIncrCopyTest, ARestartedSimulatorHasForgottenItsStreams) {
