@@ -207,6 +207,7 @@ TEST_F(AdminTest, FindGivesTheVfsIdOnceTheNameIsFound) {
         std::vector<std::string> fault;
         u_int code, vfsid, modifiable;
     };
+    // clang-format off
     const Case cases[] = {
         {"VLDB refuses the lookup of the name", {"status", "vldb_record_lookup", "133"},
          vldbCode(0x00, 133), 0, 0},
@@ -215,6 +216,7 @@ TEST_F(AdminTest, FindGivesTheVfsIdOnceTheNameIsFound) {
         {"coordinator does not know the D-blade's node", {"status", "admin_2_getnode", "7"},
          codeOf(VoProcHAMgrAdmin2GetNode, VO_ERR_HAMGR_BASE + 7), base, 1},
     };
+    // clang-format on
     for (const Case& c : cases) {
         fault(c.fault);
         FindResult r = find("base");
