@@ -59,6 +59,9 @@ const resourceRow dbladeincrcopyRows[] = {
     {"error", "total record count mismatch", "", "00020115"},
     {"error", "sink is not a root VFS", "", "00020116"},
     {"error", "dumped VFS is not a root VFS", "", "00020117"},
+    // The catch-all row closes the catalog, as in vodClient; no formatted
+    // code is ever the empty key, so the lookup never returns it.
+    {"error", "{0}", "", ""},
 };
 
 }  // namespace

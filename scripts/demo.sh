@@ -1,11 +1,16 @@
 #!/usr/bin/env bash
 # A short tour of one node: the simulated cluster (vodsim: VLDB with its VODB,
-# DLDB, coordinator, two D-blades with two LPs each), vod in the foreground
-# with its trace visible, and voctl creating, cloning, finding and deleting
-# volumes through it. A delete is then interrupted and vod killed, and a new
-# vod finishes it from its VODB record. Builds into build-demo and runs
-# everything inside a private node sandbox (scripts/node-sandbox.sh), so the
-# machine's own rpcbind and logs are left alone. Needs root.
+# DLDB, coordinator, two D-blades with two LPs each), vod in the foreground,
+# and voctl creating, cloning, finding and deleting volumes through it. A
+# delete is then interrupted and vod killed, and a new vod finishes it from
+# its VODB record. Builds into build-demo and runs everything inside a
+# private node sandbox (scripts/node-sandbox.sh), so the machine's own
+# rpcbind and logs are left alone. Needs root.
+#
+# What the tools print is the story; vod's trace goes to a file
+# (build-demo/vod-trace.log) and the tour quotes it where it tells something
+# the tools cannot show: how a delete is recorded, why one stays behind, how
+# the next vod finds and finishes it, the steps of a copy.
 #
 # The tour is the list of steps in STEPS below: to show more, write a
 # step_* function and add its name to the list.
@@ -15,17 +20,24 @@ ROOT=$(cd "$(dirname "$0")/.." && pwd)
 if [[ "${1:-}" != --inside ]]; then
   bash "$ROOT/scripts/install-deps.sh"
   cmake -S "$ROOT" -B "$ROOT/build-demo" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVOD_TESTS=OFF >/dev/null
-  cmake --build "$ROOT/build-demo" -j2 --target vod voctl vodsim vodsimctl
+  echo "Building vod, voctl and the simulator in build-demo ..."
+  if ! cmake --build "$ROOT/build-demo" -j2 --target vod voctl vodsim vodsimctl \
+    >"$ROOT/build-demo/build.log" 2>&1; then
+    cat "$ROOT/build-demo/build.log" >&2
+    exit 1
+  fi
   exec bash "$ROOT/scripts/node-sandbox.sh" bash "$ROOT/scripts/demo.sh" --inside "$ROOT/build-demo"
 fi
 
 BUILD=$2
 VOD=$BUILD/volop/vod
-VOCTL=$BUILD/voctl/voctl
 VODSIM=$BUILD/sim/vodsim
 SIMDIR=$(mktemp -d /tmp/vodsim-demo.XXXXXX)
-SIMCTL=("$BUILD/sim/vodsimctl" --control "$SIMDIR/control.sock")
+VODLOG=$BUILD/vod-trace.log
 VOPROG=536872452  # 0x20000604, as rpcinfo prints it
+# The two tools by their own names, so that the commands shown read as typed.
+voctl() { "$BUILD/voctl/voctl" "$@"; }
+vodsimctl() { "$BUILD/sim/vodsimctl" --control "$SIMDIR/control.sock" "$@"; }
 VOD_PID=
 SIM_PID=
 ALPHA=
@@ -49,22 +61,51 @@ run_failing() {
   fi
   echo "(exit status $status)"
 }
+# Like run, for a listing that may be empty: says so instead of printing nothing.
+run_list() {
+  printf '$ %s\n' "$*"
+  local out
+  out=$("$@")
+  if [[ -n "$out" ]]; then echo "$out"; else echo "(none)"; fi
+}
 # The number after "KEY": in voctl's JSON output.
 json_number() {
   local re="\"$1\":([0-9]+)"
   [[ $2 =~ $re ]] && echo "${BASH_REMATCH[1]}"
 }
 
+# vod's trace: marks a point in it, and quotes the lines written since the
+# last mark that match a pattern. The loop's "sleepTime = N" line after every
+# wake-up is never quoted.
+TRACE_MARK=0
+trace_mark() { TRACE_MARK=$(wc -l <"$VODLOG"); }
+# quote_trace PATTERN [UNTIL]: waits up to 5 s for a line matching UNTIL
+# (written by a worker thread after the tool returned), then quotes.
+quote_trace() {
+  local pattern=$1 until=${2:-}
+  if [[ -n "$until" ]]; then
+    for _ in $(seq 50); do
+      tail -n +"$((TRACE_MARK + 1))" "$VODLOG" | grep -qE -- "$until" && break
+      sleep 0.1
+    done
+  fi
+  echo "  vod's trace:"
+  tail -n +"$((TRACE_MARK + 1))" "$VODLOG" | grep -v 'sleepTime = ' | grep -E -- "$pattern" |
+    sed 's/^/  | /'
+  trace_mark
+}
+
 start_vod() {
-  # Line-buffered, so trace lines show up as they are written even in a pipe.
+  # Line-buffered, so that the trace can be quoted as soon as it is written.
   # Preset 2: audits, warnings and fatal errors, one line per step.
-  stdbuf -oL -eL "$VOD" -d2 &
+  stdbuf -oL -eL "$VOD" -d2 >>"$VODLOG" 2>&1 &
   VOD_PID=$!
   for _ in $(seq 100); do
     rpcinfo -p 127.0.0.1 2>/dev/null | grep -q "^ *$VOPROG " && return 0
     sleep 0.1
   done
   echo "demo: vod did not register with rpcbind" >&2
+  cat "$VODLOG" >&2
   return 1
 }
 
@@ -73,116 +114,135 @@ step_start_sim() {
   "$VODSIM" --dir "$SIMDIR" --quiet &
   SIM_PID=$!
   for _ in $(seq 100); do
-    "${SIMCTL[@]}" ping >/dev/null 2>&1 && break
+    vodsimctl ping >/dev/null 2>&1 && break
     sleep 0.1
   done
-  run "${SIMCTL[@]}" lps
-  run "${SIMCTL[@]}" vservers
+  run vodsimctl lps
+  run vodsimctl vservers
 }
 
 step_start_vod() {
-  say "vod in the foreground (-d2): its trace lines appear among the output below"
+  say "vod starts in the foreground (-d2), its trace going to build-demo/vod-trace.log"
+  : >"$VODLOG"
+  trace_mark
   start_vod
+  echo "A trace line: nesting depth, level (A audit, W warning, F fatal), module, time,"
+  echo "and for most lines the function and source line before the message."
+  quote_trace . "listens on port 909"
 }
 
 step_ping() {
   say "Is it there?"
-  run "$VOCTL" ping
+  run voctl ping
 }
 
 step_decode() {
   say "What does the code that cancelop answers mean? (as JSON too, for scripts)"
-  run "$VOCTL" decode 0x01859C52
-  run "$VOCTL" --json decode 0x01859C52
+  run voctl decode 0x01859C52
+  run voctl --json decode 0x01859C52
 }
 
 step_create() {
   say "Create two volumes: LPs and virtual servers by name"
   local out
-  printf '$ %s\n' "$VOCTL --json create alpha lp1a vs1"
-  out=$("$VOCTL" --json create alpha lp1a vs1)
+  printf '$ %s\n' "voctl --json create alpha lp1a vs1"
+  out=$(voctl --json create alpha lp1a vs1)
   echo "$out"
   ALPHA=$(json_number vfsid "$out")
-  run "$VOCTL" create beta lp2a vs2
-  BETA=$(json_number vfsid "$("$VOCTL" --json find beta)")
+  run voctl create beta lp2a vs2
+  BETA=$(json_number vfsid "$(voctl --json find beta)")
 }
 
 step_clone_find() {
   say "Clone alpha, then find volumes by name"
   local out
-  printf '$ %s\n' "$VOCTL --json clone $ALPHA"
-  out=$("$VOCTL" --json clone "$ALPHA")
+  printf '$ %s\n' "voctl --json clone $ALPHA"
+  out=$(voctl --json clone "$ALPHA")
   echo "$out"
   CLONE=$(json_number cloneVfsid "$out")
-  run "$VOCTL" find alpha
-  run "$VOCTL" find "alpha.clone$CLONE"
-  run_failing "$VOCTL" find nosuch
+  run voctl find alpha
+  run voctl find "alpha.clone$CLONE"
+  run_failing voctl find nosuch
 }
 
 step_show_cluster() {
   say "What the VLDB and the D-blades hold now"
-  run "${SIMCTL[@]}" vldb
-  run "${SIMCTL[@]}" vol-list
+  run vodsimctl vldb
+  run vodsimctl vol-list
 }
 
 step_set_ro() {
   say "Make alpha read-only and back (the LP may be given by its 32-digit id too)"
-  run "$VOCTL" set-ro "$ALPHA" lp1a
-  run "$VOCTL" set-rw "$ALPHA" 0x010A0000000000000000000000000000
+  run voctl set-ro "$ALPHA" lp1a
+  run voctl set-rw "$ALPHA" 0x010A0000000000000000000000000000
 }
 
 step_delete() {
   say "Delete the clone by name and beta by id; each delete is an operation in the VODB"
-  run "$VOCTL" delete-by-name "alpha.clone$CLONE"
-  run "$VOCTL" delete-by-id "$BETA"
-  run "$VOCTL" ops
+  trace_mark
+  run voctl delete-by-name "alpha.clone$CLONE"
+  quote_trace 'vfsDelete|mkRec|del [0-9]+ ' 'clean up done'
+  run voctl delete-by-id "$BETA"
+  trace_mark
+  run voctl ops
 }
 
 step_interrupted_delete() {
   say "A delete that fails half way: the D-blade deletes alpha, the VLDB refuses to drop its record"
-  run "${SIMCTL[@]}" fault status vldb_delete_record 133
-  run_failing "$VOCTL" delete "$ALPHA" lp1a
+  run vodsimctl fault status vldb_delete_record 133
+  trace_mark
+  run_failing voctl delete "$ALPHA" lp1a
+  quote_trace 'mkRec|del [0-9]+ |VLDB rec|failed to clean up|Attempt clean up later'
   say "The operation stays in the VODB until it is finished"
-  run "$VOCTL" ops
-  run "${SIMCTL[@]}" vldb
-  run "${SIMCTL[@]}" vol-list
+  run voctl ops
+  run_list vodsimctl vldb
+  run_list vodsimctl vol-list
 }
 
 step_crash_and_recover() {
-  say "vod is killed; a new vod finds the delete in the VODB and finishes it"
-  kill -9 "$VOD_PID"
+  say "vod is killed with the delete unfinished; voctl still explains codes, from vod's own tables"
+  run kill -9 "$VOD_PID"
   wait "$VOD_PID" 2>/dev/null || true
+  VOD_PID=
+  run voctl decode 0x01819C4D
+  say "A new vod finds the delete in the VODB and finishes it"
+  trace_mark
   start_vod
-  for _ in $(seq 100); do
-    "$VOCTL" ops | grep -q "no operations" && break
-    sleep 0.2
-  done
-  run "$VOCTL" ops
-  run "${SIMCTL[@]}" vldb
-  run "${SIMCTL[@]}" vol-list
+  quote_trace 'resurrect|recoverFromCrash|recover successful|del [0-9]+ |dbladeVolDelete|vldbDeleteRecord' \
+    'recover successful'
+  echo "The D-blade's 21 says alpha is gone already: that counts as deleted, so the VLDB"
+  echo "record goes next, and the VODB record last."
+  run voctl ops
+  run_list vodsimctl vldb
+  run_list vodsimctl vol-list
 }
 
 step_copy() {
   say "A volume holding real files: gamma gets 40 files of 64 KiB and a text file"
   local out sink
-  out=$("$VOCTL" --json create gamma lp1a vs1)
+  out=$(voctl --json create gamma lp1a vs1)
   GAMMA=$(json_number vfsid "$out")
-  run "${SIMCTL[@]}" vol-fill "$GAMMA" lp1a --files 40 --size 65536
-  run "${SIMCTL[@]}" vol-write "$GAMMA" lp1a docs/readme.txt --text "gamma, copied by vod"
+  run vodsimctl vol-fill "$GAMMA" lp1a --files 40 --size 65536
+  run vodsimctl vol-write "$GAMMA" lp1a docs/readme.txt --text "gamma, copied by vod"
   say "Copy it to lp2b, on the other D-blade; voctl follows the copy to its end"
   # Slowed to 1 MiB/s so that the progress bar has something to show.
-  "${SIMCTL[@]}" stream-speed 1024 >/dev/null
-  run "$VOCTL" copy "$GAMMA" lp1a lp2b gamma.copy --interval 0.2
-  "${SIMCTL[@]}" stream-speed 0 >/dev/null
+  vodsimctl stream-speed 1024 >/dev/null
+  trace_mark
+  run voctl copy "$GAMMA" lp1a lp2b gamma.copy --interval 0.2
+  vodsimctl stream-speed 0 >/dev/null
+  quote_trace 'mkRec|mkOpSrcSink|startStream|opComplete\(\)|concluded|_rollForward|concludeCopy|deleteOpSrc [0-9]+ ' \
+    'deleteVodbRec'
+  echo "The copy reads from a clone of gamma (the op src); the D-blade streams it into the"
+  echo "new volume (the sink), and at the end the sink is committed and the clone deleted."
   say "The copy holds what the source holds: equal checksums; no clone or record is left"
-  sink=$(json_number vfsid "$("$VOCTL" --json find gamma.copy)")
+  sink=$(json_number vfsid "$(voctl --json find gamma.copy)")
   local a b
-  a=$("${SIMCTL[@]}" vol-checksum "$GAMMA" lp1a)
-  b=$("${SIMCTL[@]}" vol-checksum "$sink" lp2b)
+  a=$(vodsimctl vol-checksum "$GAMMA" lp1a)
+  b=$(vodsimctl vol-checksum "$sink" lp2b)
   printf 'gamma      (vfs %s on lp1a): %s\ngamma.copy (vfs %s on lp2b): %s\n' "$GAMMA" "$a" "$sink" "$b"
   if [[ "$a" == "$b" ]]; then echo "equal"; else echo "demo: the checksums differ" >&2; return 1; fi
-  run "${SIMCTL[@]}" vol-list
-  run "$VOCTL" ops
+  run vodsimctl vol-list
+  run voctl ops
 }
 
 step_stop() {
@@ -220,6 +280,5 @@ cleanup() {
 trap cleanup EXIT
 for s in "${STEPS[@]}"; do
   "$s"
-  sleep 0.2  # let vod's trace of the step reach the screen before the next heading
 done
-say "Done"
+say "Done. vod's whole trace of this tour: build-demo/vod-trace.log"

@@ -11,6 +11,9 @@ PACKAGES=(
   libcli11-dev nlohmann-json3-dev
   libsqlite3-dev sqlite3
   iproute2 util-linux procps
+  # /etc/protocols: without it rpcbind does not answer and no RPC client can
+  # be made (a minimal Debian 12 lacks it)
+  netbase
 )
 
 missing=()

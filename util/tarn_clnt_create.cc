@@ -65,6 +65,11 @@ CLIENT* unixClient(const char* path, unsigned long prog, unsigned long vers) {
 
 }  // namespace
 
+bool tarn_proto_known(const char* proto) {
+    int number = 0;
+    return proto != nullptr && protoNumber(proto, &number);
+}
+
 void tarn_set_port_lookup(TarnPortLookup lookup) {
     std::lock_guard<std::mutex> g(gLookupMutex);
     gLookup = std::move(lookup);

@@ -18,6 +18,12 @@
 CLIENT* tarn_clnt_create(const char* host, unsigned long prog, unsigned long vers,
                          const char* proto);
 
+// True when the machine's protocol database knows proto ("tcp", "udp").
+// Debian's netbase package provides it as /etc/protocols; without it every
+// creation over "tcp" or "udp" fails with RPC_UNKNOWNPROTO. Safe from any
+// thread.
+bool tarn_proto_known(const char* proto);
+
 // The port of (prog, vers) over ipproto (IPPROTO_TCP or IPPROTO_UDP) at the
 // IPv4 address addr, in host order; 0 when it is not registered or the port
 // mapper cannot be reached. Asks the host's port mapper, unless the test seam

@@ -22,8 +22,19 @@ const char* funcName(unsigned func);
 // exit status returned.
 int resolveLp(Context& ctx, const std::string& text, LpId* out);
 
-// "(module) procedure: message" for code: vod's decodeerror on c when given
-// and answering, else the same decoding done here.
+// A code decoded: its two halves and "(module) procedure: message".
+struct DecodedCode {
+    unsigned proc = 0, low = 0;
+    std::string message;
+    bool byVod = false;    // vod's decodeerror answered; else voctl's own tables
+    std::string whyLocal;  // when not byVod: why vod could not be asked
+};
+
+// vod's decodeerror on c when given and answering, else the same decoding
+// done here: voctl links the daemon's tables.
+DecodedCode decodeCodeVia(VoClient* c, unsigned code);
+
+// decodeCodeVia(c, code).message.
 std::string decodeCode(VoClient* c, unsigned code);
 
 // Reports a failure code: "voctl: WHAT failed: code 0x... (decoded)" on

@@ -106,20 +106,36 @@ const char* funcName(unsigned func) {
     return lookupName(kFuncNames, sizeof kFuncNames / sizeof kFuncNames[0], func);
 }
 
-std::string decodeCode(VoClient* c, unsigned code) {
-    if (c != nullptr && c->connected()) {
+DecodedCode decodeCodeVia(VoClient* c, unsigned code) {
+    DecodedCode d;
+    if (c == nullptr) {
+        d.whyLocal = "no connection to vod";
+    } else if (!c->connected()) {
+        d.whyLocal = c->createError();
+    } else {
         XdrResult<VoErrOut> res(xdr_VoErrOut);
         u_int arg = code;
-        if (c->call(decodeerror_1, &arg, res.get()) == RPC_SUCCESS && res->message != nullptr)
-            return res->message;
+        if (c->call(decodeerror_1, &arg, res.get()) == RPC_SUCCESS && res->message != nullptr) {
+            d.proc = res->proc;
+            d.low = res->code;
+            d.message = res->message;
+            d.byVod = true;
+            return d;
+        }
+        d.whyLocal = c->callError();
     }
+    d.whyLocal = trimTrailing(d.whyLocal);
     // vod is not there to ask: its own tables give the same text.
     VoErrOut out{};
     char* text = errorDecode(code, &out);
-    std::string s = text != nullptr ? text : "";
+    d.proc = out.proc;
+    d.low = out.code;
+    d.message = text != nullptr ? text : "";
     free(text);
-    return s;
+    return d;
 }
+
+std::string decodeCode(VoClient* c, unsigned code) { return decodeCodeVia(c, code).message; }
 
 int codeFailure(Context& ctx, VoClient* c, const std::string& what, unsigned code) {
     std::string decoded = decodeCode(c, code);

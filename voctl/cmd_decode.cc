@@ -1,10 +1,12 @@
-// voctl decode CODE: what vod makes of a 32-bit error code.
+// voctl decode CODE: what vod makes of a 32-bit error code; when vod cannot
+// be asked, what its tables, linked into voctl, make of it.
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <memory>
 #include <string>
 
+#include "voctl/admin_common.h"
 #include "voctl/command.h"
 #include "voctl/number.h"
 
@@ -32,15 +34,19 @@ DecodedText splitDecodedText(const std::string& s) {
 
 int decode(Context& ctx, const std::string& codeText) {
     uint32_t code = *parseU32(codeText);  // checked at parse time
-    auto c = ctx.connect();
-    if (!c) return kExitUnreachable;
-    XdrResult<VoErrOut> res(xdr_VoErrOut);
-    u_int arg = code;
-    if (c->call(decodeerror_1, &arg, res.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
+    // No connection is no failure here: voctl carries the same tables, so a
+    // code can be read on a node whose vod is down.
+    VoClient c(ctx.opts.host, ctx.opts.timeoutSec);
+    DecodedCode dc = decodeCodeVia(&c, code);
+    if (!dc.byVod) ctx.out.note(dc.whyLocal + "; decoded by voctl's own tables");
 
-    std::string raw = res->message != nullptr ? res->message : "";
-    DecodedText d = splitDecodedText(raw);
-    nlohmann::json obj = {{"code", code}, {"proc", res->proc}, {"low", res->code}, {"message", raw}};
+    DecodedText d = splitDecodedText(dc.message);
+    nlohmann::json obj = {{"code", code},
+                          {"proc", dc.proc},
+                          {"low", dc.low},
+                          {"message", dc.message},
+                          {"decodedBy", dc.byVod ? "vod" : "voctl"}};
+    if (!dc.byVod) obj["vodError"] = dc.whyLocal;
     if (d.parsed) {
         obj["module"] = d.module;
         obj["procName"] = d.procName;
@@ -50,22 +56,24 @@ int decode(Context& ctx, const std::string& codeText) {
     char hex[32], num[64];
     std::snprintf(hex, sizeof hex, "0x%08X = %u", code, code);
     std::vector<std::pair<std::string, std::string>> rows = {{"code", hex}};
-    std::snprintf(num, sizeof num, "%u", res->proc);
+    std::snprintf(num, sizeof num, "%u", dc.proc);
     rows.push_back({"procedure", d.parsed && !d.procName.empty() ? std::string(num) + " " + d.procName
                                                                  : std::string(num)});
-    std::snprintf(num, sizeof num, "%u", res->code);
+    std::snprintf(num, sizeof num, "%u", dc.low);
     rows.push_back({"low half", num});
     if (d.parsed) {
         rows.push_back({"module", d.module});
         rows.push_back({"message", d.message});
     }
-    std::string text = raw + "\n" + formatTable(rows, "  ");
+    std::string text = dc.message + "\n" + formatTable(rows, "  ");
     ctx.out.result(obj, text);
     return kExitOk;
 }
 
 const CommandRegistrar reg(
-    "decode", "Explain an error code: procedure, module and message, as vod decodes it",
+    "decode",
+    "Explain an error code: procedure, module and message, as vod decodes it (decoded by "
+    "voctl itself, with a note, when vod cannot be asked)",
     [](CLI::App& sub) -> Action {
         auto code = std::make_shared<std::string>();
         sub.add_option("CODE", *code,

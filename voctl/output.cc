@@ -16,9 +16,13 @@ void Output::result(const nlohmann::json& obj, const std::string& text) const {
     std::fflush(_out);
 }
 
+std::string trimTrailing(std::string s) {
+    while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
+    return s;
+}
+
 int Output::failure(int status, const std::string& message) const {
-    std::string m = message;
-    while (!m.empty() && (m.back() == '\n' || m.back() == ' ')) m.pop_back();
+    const std::string m = trimTrailing(message);
     std::fprintf(_err, "voctl: %s\n", m.c_str());
     if (_json) {
         nlohmann::json obj = {{"error", m}, {"status", status}};
@@ -26,6 +30,11 @@ int Output::failure(int status, const std::string& message) const {
         std::fflush(_out);
     }
     return status;
+}
+
+void Output::note(const std::string& message) const {
+    std::fprintf(_err, "voctl: note: %s\n", trimTrailing(message).c_str());
+    std::fflush(_err);
 }
 
 std::string formatTable(const std::vector<std::pair<std::string, std::string>>& rows,

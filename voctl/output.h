@@ -29,11 +29,18 @@ class Output {
     // script always gets an object. Returns status.
     int failure(int status, const std::string& message) const;
 
+    // A remark beside the result, in either mode: "voctl: note: message" on
+    // standard error, so that standard output stays the result alone.
+    void note(const std::string& message) const;
+
  private:
     bool _json;
     std::FILE* _out;
     std::FILE* _err;
 };
+
+// s without the newlines and spaces at its end (library error texts carry them).
+std::string trimTrailing(std::string s);
 
 // Rows of "label  value", each after indent, labels padded to one column.
 std::string formatTable(const std::vector<std::pair<std::string, std::string>>& rows,

@@ -239,8 +239,10 @@ void VoServer::vfsFindByName(char* name, FindVfsByNameOut* out) {
         return;
     }
     unsigned char lid[16];
-    unsigned vfsId = 0, kind = 0;
-    unsigned code = VoRpcCalls::findLpByVfsName(vldb, name, lid, vfsId, kind);
+    unsigned kind = 0;
+    // The id goes out as soon as the name is found: a caller learns it even
+    // when the volume's D-blade or node cannot be found after.
+    unsigned code = VoRpcCalls::findLpByVfsName(vldb, name, lid, out->vfsId, kind);
     if (code != 0) {
         out->code = code;
         return;
@@ -251,7 +253,6 @@ void VoServer::vfsFindByName(char* name, FindVfsByNameOut* out) {
         out->code = code;
         return;
     }
-    out->vfsId = vfsId;
     out->isVfsModifiable = kind == RW_VFS;
     out->code = VoRpcCalls::getHostAddrs(did, &out->ipAddrs.ipAddrs_len, &out->ipAddrs.ipAddrs_val);
 }
@@ -352,10 +353,8 @@ unsigned cloneVolume(VoServer& server, unsigned vfsId, unsigned* cloneId, std::s
     unsigned code = VoRpcCalls::vldbFindVfs(vldb, lookup, *found);
     unsigned matches = code == 0 ? found->r.r_len : 0;
     VO_TR(vo_vod, vo_audit, "vldbFindVfs(%d) has %d matches\n", vfsId, matches);
-    // A lookup that could not be made says why; one that found no volume or
-    // several is refused alike.
-    if (code != 0 && code != VO_RC_VFS_NOT_FOUND) return code;
-    if (matches != 1) return kNotOneMatch;
+    // No match, several, or a lookup that failed: all are the one refusal.
+    if (code != 0 || matches != 1) return kNotOneMatch;
     const Rec& src = found->r.r_val[0];
     unsigned char lid[16];
     memcpy(lid, src.lp_uuid, sizeof lid);

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "util/tarn_clnt_create.h"
 #include "vo.h"
 #include "vo_dispatch.h"
 #include "vodoptions.h"
@@ -64,6 +65,15 @@ int main(int argc, char** argv) {
         VO_TR_RAW(vo_vod, vo_audit, "vod runs as a daemon\n");
     } else {
         VO_TR_RAW(vo_vod, vo_audit, "vod runs as a console app\n");
+    }
+
+    // Without the protocol database every client vod makes fails with
+    // "Unknown protocol" and rpcbind does not answer: name the cause once,
+    // before the first call that needs it.
+    if (!tarn_proto_known("tcp")) {
+        VO_TR_RAW(vo_vod, vo_fatal,
+                  "protocol \"tcp\" is unknown: /etc/protocols is missing (install the netbase "
+                  "package); no RPC client can be made\n");
     }
 
     pmap_unset(VOPROG, VOVERS);

@@ -1,9 +1,10 @@
 // Command-line options of vod.
 //
 // The daemon takes single-letter options only.  A letter takes a number when the
-// character right after it is a decimal digit (-t20, never -t 20); a word that
-// does not begin with '-' and any unknown letter are ignored without a message;
-// a later occurrence overrides an earlier one.
+// character right after it is a decimal digit (-t20, never -t 20; -h-5 is -h
+// alone); -t alone also reads a negative count, only so that it is refused.  A
+// word that does not begin with '-' and any unknown letter are ignored without
+// a message; a later occurrence overrides an earlier one.
 #ifndef VOLOP_VODOPTIONS_H
 #define VOLOP_VODOPTIONS_H
 

@@ -169,6 +169,10 @@ TEST_F(AdminTest, RefusalsAnswerTheirCodesAndUndoTheStepBefore) {
          {"status", "vldb_record_lookup", "133"},
          [&] { return deleteByName("base"); },
          vldbCode(0x00, 133)},
+        {"VLDB refuses the lookup of the volume to clone",
+         {"status", "vldb_record_lookup", "133"},
+         [&] { return clone(base).code; },
+         kNotExactlyOne},
         {"D-blade refuses the clone",
          {"status", "volclone", "28"},
          [&] { return clone(base).code; },
@@ -177,10 +181,6 @@ TEST_F(AdminTest, RefusalsAnswerTheirCodesAndUndoTheStepBefore) {
          {"status", "vldb_create_record", "141"},
          [&] { return clone(base).code; },
          0x01010000 | 141},
-        {"coordinator does not know the D-blade's node",
-         {"status", "admin_2_getnode", "7"},
-         [&] { return find("base").code; },
-         codeOf(VoProcHAMgrAdmin2GetNode, VO_ERR_HAMGR_BASE + 7)},
     };
     for (const Case& c : cases) {
         std::vector<std::string> f = c.fault;
@@ -196,6 +196,36 @@ TEST_F(AdminTest, RefusalsAnswerTheirCodesAndUndoTheStepBefore) {
     fault({"status", "volsetattr", "5"});
     expectTriple(setRo(base, "lp1b"), voErrMakeVFS, voErrDbladeVolSetAttr, 5);
     EXPECT_EQ(recordOf(vldb(), base)["type"], 1);
+}
+
+// A find that fails after the name was found still gives the volume's id;
+// whether it is writable is told only once its D-blade is known.
+TEST_F(AdminTest, FindGivesTheVfsIdOnceTheNameIsFound) {
+    const uint32_t base = makeVolume("base", "lp1b");
+    struct Case {
+        const char* what;
+        std::vector<std::string> fault;
+        u_int code, vfsid, modifiable;
+    };
+    // clang-format off
+    const Case cases[] = {
+        {"VLDB refuses the lookup of the name", {"status", "vldb_record_lookup", "133"},
+         vldbCode(0x00, 133), 0, 0},
+        {"VLDB does not convert the LP to its D-blade", {"status", "vldb_lp_convert", "133"},
+         vldbCode(0x03, 133), base, 0},
+        {"coordinator does not know the D-blade's node", {"status", "admin_2_getnode", "7"},
+         codeOf(VoProcHAMgrAdmin2GetNode, VO_ERR_HAMGR_BASE + 7), base, 1},
+    };
+    // clang-format on
+    for (const Case& c : cases) {
+        fault(c.fault);
+        FindResult r = find("base");
+        fault({"clear"});
+        EXPECT_EQ(r.code, c.code) << c.what;
+        EXPECT_EQ(r.vfsid, c.vfsid) << c.what;
+        EXPECT_EQ(r.modifiable, c.modifiable) << c.what;
+        EXPECT_TRUE(r.addrs.empty()) << c.what;
+    }
 }
 
 TEST_F(AdminTest, UnreachableDldbFailsTheCreateInTransport) {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -171,6 +172,49 @@ TEST_F(VoctlNodeTest, DecodeShowsModuleProcedureAndMessage) {
     EXPECT_EQ(j["message"], wantText);
     EXPECT_EQ(j["module"], "VOD");
     EXPECT_EQ(j["procName"], "VodVfsOpCancel");
+    EXPECT_EQ(j["decodedBy"], "vod");
+    EXPECT_FALSE(j.contains("vodError"));
+    EXPECT_EQ(r.err, "");
+}
+
+// Without vod, decode reads the same tables itself and says so on standard
+// error; the result is the one vod would have given.
+TEST_F(VoctlNodeTest, DecodeWithoutVodUsesVoctlsOwnTables) {
+    const struct {
+        const char* how;
+        std::function<void()> takeVodAway;
+        const char* reason;  // in the note
+    } cases[] = {
+        {"vod killed, rpcbind still lists it", [&] { node.killVod(); }, "Connection refused"},
+        {"unknown to rpcbind", [] { pmap_unset(VOPROG, VOVERS); }, "Program not registered"},
+    };
+    VoErrOut want;
+    memset(&want, 0, sizeof want);
+    ASSERT_NE(errorDecode(0x01859C52, &want), nullptr);
+    const std::string wantText = want.message;
+    free(want.message);
+
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.how);
+        c.takeVodAway();
+        Node::Result r = node.voctl({"--timeout", "5", "decode", "0x01859C52"});
+        EXPECT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(r.out.rfind(wantText + "\n", 0), 0u) << r.out;
+        EXPECT_NE(r.out.find("procedure  389 VodVfsOpCancel"), std::string::npos) << r.out;
+        EXPECT_NE(r.err.find("voctl: note: "), std::string::npos) << r.err;
+        EXPECT_NE(r.err.find(c.reason), std::string::npos) << r.err;
+        EXPECT_NE(r.err.find("decoded by voctl's own tables"), std::string::npos) << r.err;
+
+        r = node.voctl({"--json", "--timeout", "5", "decode", "0x01859C52"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        json j = json::parse(r.out);
+        EXPECT_EQ(j["decodedBy"], "voctl");
+        EXPECT_NE(j["vodError"].get<std::string>().find(c.reason), std::string::npos) << r.out;
+        EXPECT_EQ(j["message"], wantText);
+        EXPECT_EQ(j["proc"], 389u);
+        EXPECT_EQ(j["low"], 0x9C52u);
+        EXPECT_EQ(j["procName"], "VodVfsOpCancel");
+    }
 }
 
 TEST_F(VoctlNodeTest, TraceMaskAndDbgDump) {
@@ -198,7 +242,7 @@ TEST_F(VoctlNodeTest, UnreachableVodExitsWithStatusThree) {
 
     // Unknown to rpcbind, and in JSON mode.
     pmap_unset(VOPROG, VOVERS);
-    r = node.voctl({"--json", "--timeout", "5", "decode", "1"});
+    r = node.voctl({"--json", "--timeout", "5", "ping"});
     EXPECT_EQ(r.status, 3) << r.out << r.err;
     json j = json::parse(r.out);
     EXPECT_EQ(j["status"], 3);

@@ -1,12 +1,15 @@
 // VOPROG as a client sees it: replies on the wire, refusals of malformed
-// calls, the start-up options that end the process, and vod staying
+// calls, the start-up options that end the process, what vod says at start
+// about a machine it cannot work on, and vod staying
 // responsive while other connections misbehave.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <rpc/rpc.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstring>
@@ -238,6 +241,27 @@ TEST_F(VodStartTest, NonPositiveThreadCountIsRefusedBeforeServing) {
             << node.vodOutput();
         EXPECT_EQ(node.vodPort(), 0) << "refused before registering";
     }
+}
+
+// A machine without /etc/protocols (a minimal Debian lacks netbase): vod names
+// the cause at start instead of leaving only "Unknown protocol" behind.
+TEST_F(VodStartTest, MissingProtocolDatabaseIsNamedAtStart) {
+    const std::string line = "/etc/protocols is missing (install the netbase package)";
+    ASSERT_TRUE(node.startVod({"-d"}));
+    ASSERT_TRUE(node.waitForTrace("vod listens on port", 10));
+    EXPECT_EQ(node.vodOutput().find(line), std::string::npos) << node.vodOutput();
+    node.killVod();
+
+    // The sandbox's mounts are this test's own: an empty file hides the
+    // machine's protocol database from the next vod alone.
+    const std::string empty = node.dir() + "/protocols";
+    std::ofstream(empty).close();
+    ASSERT_EQ(mount(empty.c_str(), "/etc/protocols", nullptr, MS_BIND, nullptr), 0)
+        << strerror(errno);
+    ASSERT_TRUE(node.startVod({"-d"}, Node::Wait::No));
+    EXPECT_TRUE(node.waitForTrace(line, 20)) << node.vodOutput();
+    node.killVod();
+    EXPECT_EQ(umount2("/etc/protocols", MNT_DETACH), 0) << strerror(errno);
 }
 
 TEST_F(VodStartTest, ServesFivePassesWithX5ThenExits) {

@@ -7,7 +7,6 @@
 
 namespace {
 
-
 struct Case {
     std::vector<const char*> args;
     int preset, daemon, holdOff, keep, threads, calls;
@@ -28,6 +27,16 @@ TEST(VodOptions, DefaultsLettersAloneAndWithDigits) {
         {{"-t20"},                   1, 1, 0, 0, 20, 0},
         {{"-t0"},                    1, 1, 0, 0, 0, 0},
         {{"-t-3"},                   1, 1, 0, 0, -3, 0},
+        // a sign is not a digit: the letter counts as alone, so nothing
+        // negative reaches the unsigned hold-off and pass count
+        {{"-h-5"},                   1, 1, 0, 0, 10, 0},
+        {{"-h30", "-h-5"},           1, 1, 30, 0, 10, 0},
+        {{"-x-1"},                   1, 1, 0, 0, 10, 1},
+        {{"-k-1"},                   1, 1, 0, 1, 10, 0},
+        {{"-d-1"},                   4, 0, 0, 0, 10, 0},
+        // only -t reads a sign, and only before a digit, to refuse the count
+        {{"-t-"},                    1, 1, 0, 0, 10, 0},
+        {{"-t+3"},                   1, 1, 0, 0, 10, 0},
         {{"-x"},                     1, 1, 0, 0, 10, 1},
         {{"-x5"},                    1, 1, 0, 0, 10, 5},
         // a number must be glued to its letter; the separate word is ignored

@@ -171,20 +171,23 @@ TEST(ErrorDecode, VoErrStartsClearAndKeepsItsParts) {
 }
 
 // Structural checks over every catalog: a row the lookup cannot reach, or a
-// duplicate that shadows another, is a silent wrong message at run time.
+// duplicate that shadows another, is a silent wrong message at run time. The
+// row counts are those the catalogs are published with; vodClient and
+// dbladeincrcopy end with the catch-all row (empty key, "{0}").
 TEST(MessageCatalogs, TableAndRowsAreWellFormed) {
     const struct {
         int slot;
         const char* name;
         unsigned rows;
         const char* keyFormat;  // null: keys are not looked up
+        bool catchAll;          // the last row is the catch-all
     } catalogs[] = {
-        {RB_SLOT_DBLADEINCRCOPY, "dbladeincrcopy", 54, "%08u"},
-        {RB_SLOT_VOD, "vod", 9, nullptr},
-        {RB_SLOT_TARNFSCLIENT, "tarnfsClient", 44, "0x%08x"},
-        {RB_SLOT_VLDBCLIENT, "vldbClient", 57, "%08u"},
-        {RB_SLOT_VODCLIENT, "vodClient", 124, "%08u"},
-        {RB_SLOT_RPC, "rpc", 16, "%u"},
+        {RB_SLOT_DBLADEINCRCOPY, "dbladeincrcopy", 55, "%08u", true},
+        {RB_SLOT_VOD, "vod", 9, nullptr, false},
+        {RB_SLOT_TARNFSCLIENT, "tarnfsClient", 44, "0x%08x", false},
+        {RB_SLOT_VLDBCLIENT, "vldbClient", 57, "%08u", false},
+        {RB_SLOT_VODCLIENT, "vodClient", 124, "%08u", true},
+        {RB_SLOT_RPC, "rpc", 16, "%u", false},
     };
     std::set<int> filled;
     for (const auto& c : catalogs) {
@@ -193,7 +196,10 @@ TEST(MessageCatalogs, TableAndRowsAreWellFormed) {
         const arrayResourceBundle* rb = resourceBundleTable[c.slot];
         ASSERT_NE(rb, nullptr);
         EXPECT_STREQ(rb->name_, c.name);
-        EXPECT_EQ(rb->table_size_, c.rows);
+        ASSERT_EQ(rb->table_size_, c.rows);
+        const resourceRow& last = rb->resource_table_[rb->table_size_ - 1];
+        EXPECT_EQ(std::string(last[RB_KEY]).empty() && std::string(last[RB_MESSAGE]) == "{0}",
+                  c.catchAll);
 
         std::set<std::string> keys;
         for (unsigned i = 0; i < rb->table_size_; ++i) {
