@@ -237,9 +237,9 @@ bool ClusterTest::advanceTo(const std::string& proc) {
 
 // ---- vod's life
 
-void ClusterTest::startVod() {
+void ClusterTest::startVod(const std::vector<std::string>& args) {
     _vo = nullptr;
-    ASSERT_TRUE(node.startVod({"-d"}));
+    ASSERT_TRUE(node.startVod(args));
 }
 
 void ClusterTest::restartVod() {

@@ -95,7 +95,7 @@ class ClusterTest : public NodeTest {
     bool advanceTo(const std::string& proc);
 
     // ---- vod's life; each gives new clients from then on
-    void startVod();    // vod -d
+    void startVod(const std::vector<std::string>& args = {"-d"});  // vod -d unless told
     void restartVod();  // SIGKILL, then start again
     void killVod();     // SIGKILL
     CLIENT* vo();       // a client to the current vod

@@ -79,6 +79,122 @@ class MoveTest : public ClusterTest {
     }
 };
 
+// ---- moves that complete
+
+// The volume ends under its own id on the target LP, with its contents and
+// data version; the VLDB points there; the source LP keeps nothing (or, with
+// -k, the old source); no clone, op sink or temp is left; the VODB is empty.
+TEST_F(MoveTest, AVolumeMovesWholeToAnotherDbladeOrLocally) {
+    struct Case {
+        const char* what;
+        const char* dst;
+        bool readOnly;
+        bool keepSrc;
+    } cases[] = {
+        {"read-write, to another D-blade", "lp2a", false, false},
+        {"read-write, local to one D-blade", "lp1b", false, false},
+        {"read-only, to another D-blade", "lp2b", true, false},
+        {"read-write, local, keeping the source", "lp1b", false, true},
+        {"read-write, to another D-blade, keeping the source", "lp2a", false, true},
+    };
+    int n = 0;
+    bool keeping = false;
+    // The cases that keep a source come last: what they leave on the source
+    // LP has no VLDB record, which the settled checks of the others refuse.
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        if (c.keepSrc && !keeping) {
+            killVod();
+            startVod({"-d", "-k"});
+            keeping = true;
+        }
+        const std::string name = "mv.whole" + std::to_string(n++);
+        const uint32_t vid = filled(name, "lp1a", 30, 8192);
+        if (c.readOnly) expectTriple(setRo(vid, "lp1a"), 0, 0, 0, "set-ro");
+        const std::string sum = checksum(vid, "lp1a");
+        auto dvOn = [&](const std::string& lp) {
+            for (const DbladeVolume& v : volumes())
+                if (v.lp == lp && v.vfsid == vid) return v.dv;
+            return uint64_t{0};
+        };
+        const uint64_t dver = dvOn("lp1a");
+        ASSERT_NE(0u, dver);
+        const std::set<VolumeKey> others = [&] {
+            std::set<VolumeKey> k = volumeKeys();
+            k.erase({"lp1a", vid});
+            return k;
+        }();
+
+        expectTriple(startMove(vid, "lp1a", c.dst), 0, 0, 0, "start");
+        VoMovePgrsOut last{};
+        ASSERT_TRUE(waitVodbEmpty(60));
+        EXPECT_TRUE(waitForMove(
+            vid, "lp1a", [](const VoMovePgrsOut& r) { return r.rc == voErrNoSuchOp || r.rc == 0; },
+            10, &last));
+
+        std::set<VolumeKey> want = others;
+        want.insert({c.dst, vid});
+        if (c.keepSrc) {
+            // The old source stays on its LP, under its own id or the temp
+            // id of a local swap, without a VLDB record.
+            for (const DbladeVolume& v : volumes())
+                if (v.lp == "lp1a" && !others.count({v.lp, v.vfsid})) want.insert({v.lp, v.vfsid});
+            EXPECT_EQ(want.size(), others.size() + 2);
+            EXPECT_TRUE(vodbRecords().empty());
+            EXPECT_EQ(want, volumeKeys());
+        } else {
+            expectSettled(want);
+        }
+        EXPECT_EQ(sum, checksum(vid, c.dst));
+        json rec = vldbRecord(vid, c.dst);
+        ASSERT_FALSE(rec.is_null());
+        EXPECT_EQ(dver, dvOn(c.dst));
+        EXPECT_EQ(dver, rec["dataVer"].get<uint64_t>());
+        EXPECT_TRUE(vldbRecord(vid, "lp1a").is_null());
+    }
+}
+
+TEST_F(MoveTest, AWriterMakesMorePassesAndANeverSettlingSourceStopsAtTheLimit) {
+    // Converging: a writer keeps changing files; the passes catch up and the
+    // final pass brings the last changes.
+    const uint32_t vid = filled("mv.busy", "lp1a", 40, 64 * 1024);
+    sim({"writer", "start", std::to_string(vid), "lp1a", "200", "--files", "20"});
+    speed(4096);
+    expectTriple(startMove(vid, "lp1a", "lp2a"), 0, 0, 0, "start");
+    int passes = 0;
+    bool sawFinal = false;
+    ASSERT_TRUE(waitForMove(
+        vid, "lp1a",
+        [&](const VoMovePgrsOut& r) {
+            if (r.rc == 0 && r.loopNum + 1 > passes) passes = r.loopNum + 1;
+            if (r.isFinalLoop) sawFinal = true;
+            return vodbRecords().empty();
+        },
+        90));
+    sim({"writer", "stop", std::to_string(vid), "lp1a"});
+    speed(0);
+    ASSERT_TRUE(waitVodbEmpty(30));
+    EXPECT_GE(passes, 2);
+    EXPECT_TRUE(sawFinal);
+    ASSERT_FALSE(vldbRecord(vid, "lp2a").is_null());
+    expectVldbAgreesWithDblades();
+
+    // Never settling: every change moves the data version far beyond the
+    // final-pass gap, so passes 0 to 4 run and the sixth is refused.
+    const uint32_t restless = filled("mv.restless", "lp1a", 10, 4096);
+    const std::string before = checksum(restless, "lp1a");
+    sim({"writer", "start", std::to_string(restless), "lp1a", "50", "--dver-step", "20000"});
+    expectTriple(startMove(restless, "lp1a", "lp2b"), 0, 0, 0, "start");
+    ASSERT_TRUE(waitVodbEmpty(90));
+    sim({"writer", "stop", std::to_string(restless), "lp1a"});
+    VoMovePgrsOut last = moveProgress(restless, "lp1a");
+    expectTriple(last, voErrValidate, voErrVodValidate, VOD_ERR_TOO_MANY_MOVE_PASSES, "limit");
+    EXPECT_FALSE(vldbRecord(restless, "lp1a").is_null());
+    EXPECT_TRUE(vldbRecord(restless, "lp2b").is_null());
+    expectVldbAgreesWithDblades();
+    (void)before;
+}
+
 // ---- refusals
 
 TEST_F(MoveTest, RefusalsNameTheirCauseAndRecordNothing) {
