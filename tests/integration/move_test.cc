@@ -23,7 +23,11 @@ using nlohmann::json;
 constexpr unsigned kSameLp = 5010;
 
 class MoveTest : public ClusterTest {
-  protected:
+  public:
+    using ClusterTest::hold;
+    using ClusterTest::speed;
+    using ClusterTest::waitHeld;
+
     VoOut startMove(uint32_t vid, const std::string& srcLp, const std::string& dstLp) {
         VoLidIn in{};
         in.vidSrc = vid;
@@ -256,6 +260,157 @@ TEST_F(MoveTest, CancelDuringARegularPassRollsBackAndLeavesTheSourceWritable) {
     sim({"vol-write", std::to_string(vid), "lp1a", "after-cancel", "--text", "x"});
     EXPECT_NE(sum, checksum(vid, "lp1a"));
 }
+
+}  // namespace
+}  // namespace vodtest
+
+// ---- vod killed at each step boundary of a move
+
+namespace vodtest {
+namespace {
+
+class MoveCrash;
+
+// Every call a crash point may leave held; dropped unanswered once vod is
+// dead, as if it never arrived, unless the point lets the D-blade go on.
+const char* const kMoveHeldProcs[] = {
+    "volclone",           "vodb_update_optype_by_opid", "vodb_create",        "voldelete",
+    "incrcopymove.stop",  "incrcopymove.stream",        "incrcopymove.swap",  "incrcopymove.vldb",
+    "incrcopymove.notify"};
+
+struct MoveCrashPoint {
+    const char* name;
+    bool local;  // lp1a -> lp1b on one D-blade, else lp1a -> lp2a
+    // Starts the move and runs it up to the point where vod is to die.
+    void (*reach)(MoveCrash& t);
+    // A step of the D-blade's final move held at that point, which the
+    // D-blade then carries out to its end while vod is down; null: every
+    // held call is dropped, the D-blade's own steps as a D-blade that died.
+    const char* dbladeGoesOn;
+    // The D-blade also restarts while vod is down and forgets its streams.
+    bool dbladeRestarts;
+    bool rollsForward;  // the volume ends on the target LP
+};
+
+class MoveCrash : public MoveTest, public ::testing::WithParamInterface<MoveCrashPoint> {
+  public:
+    uint32_t src = 0;
+    std::string dst;
+
+    void holdThenStart(const char* proc) {
+        hold(proc);
+        expectTriple(startMove(src, "lp1a", dst), 0, 0, 0, "start");
+        ASSERT_TRUE(waitHeld(proc, 60)) << "vod never called " << proc;
+    }
+    void midPass() {
+        speed(128);
+        expectTriple(startMove(src, "lp1a", dst), 0, 0, 0, "start");
+        ASSERT_TRUE(waitForMove(
+            src, "lp1a",
+            [](const VoMovePgrsOut& r) { return r.rc == 0 && r.src.vnodesProcessed > 0; }, 30))
+            << "the first pass never streamed";
+    }
+    uint64_t opid() {
+        for (const auto& rec : vodbRecords()) return rec["opid"].get<uint64_t>();
+        return 0;
+    }
+    bool streamDone(uint64_t id) {
+        return pollUntil(
+            [&] {
+                Node::Result r = node.simctl({"stream-show", std::to_string(id)});
+                return r.status != 0 || r.out.find("status=done") != std::string::npos;
+            },
+            60, 0.05);
+    }
+    bool restartSimulator() { return node.restartSim(); }
+};
+
+void PrintTo(const MoveCrashPoint& p, std::ostream* os) { *os << p.name; }
+
+const MoveCrashPoint kMovePoints[] = {
+    {"AfterTheRecordsWereWritten", false, [](MoveCrash& t) { t.holdThenStart("volclone"); },
+     nullptr, false, false},
+    // The D-blade finishes the pass while vod is down: the next vod goes on
+    // with the next pass and completes the move.
+    {"MidPassWhileTheStreamRunsOn", false, [](MoveCrash& t) { t.midPass(); }, nullptr, false,
+     true},
+    {"MidPassAndTheDbladeForgotTheStream", false, [](MoveCrash& t) { t.midPass(); }, nullptr, true,
+     false},
+    {"BetweenPasses", false, [](MoveCrash& t) { t.holdThenStart("vodb_update_optype_by_opid"); },
+     nullptr, false, true},
+    // Recorded as a final move whose op src is not recorded yet.
+    {"AtTheSwitchToTheFinalMove", false, [](MoveCrash& t) { t.holdThenStart("vodb_create"); },
+     nullptr, false, false},
+    {"InTheFinalMoveBeforeTheSwapAndTheDbladeDied", false,
+     [](MoveCrash& t) { t.holdThenStart("incrcopymove.swap"); }, nullptr, false, false},
+    {"InTheFinalMoveBeforeTheSwapAndTheDbladeWentOn", false,
+     [](MoveCrash& t) { t.holdThenStart("incrcopymove.swap"); }, "incrcopymove.swap", false, true},
+    // Another D-blade holds the volume's id, the VLDB does not point there.
+    {"AfterTheSwapBeforeTheVldbSwitchAndTheDbladeDied", false,
+     [](MoveCrash& t) { t.holdThenStart("incrcopymove.vldb"); }, nullptr, false, false},
+    // One D-blade: the old source has its temp id, the target holds the volume.
+    {"LocalAfterTheSwapBeforeTheVldbSwitchAndTheDbladeDied", true,
+     [](MoveCrash& t) { t.holdThenStart("incrcopymove.vldb"); }, nullptr, false, true},
+    {"LocalBeforeTheSwapAndTheDbladeDied", true,
+     [](MoveCrash& t) { t.holdThenStart("incrcopymove.swap"); }, nullptr, false, false},
+    {"AfterTheVldbSwitch", false, [](MoveCrash& t) { t.holdThenStart("incrcopymove.notify"); },
+     nullptr, false, true},
+    {"MidCleanUp", false, [](MoveCrash& t) { t.holdThenStart("voldelete"); }, nullptr, false,
+     true},
+    {"LocalMidCleanUp", true, [](MoveCrash& t) { t.holdThenStart("voldelete"); }, nullptr, false,
+     true},
+};
+
+TEST_P(MoveCrash, TheVolumeEndsWholeInExactlyOnePlace) {
+    const MoveCrashPoint& point = GetParam();
+    dst = point.local ? "lp1b" : "lp2a";
+    src = filled("crashmove", "lp1a", 16, 64 * 1024);
+    const std::string sum = checksum(src, "lp1a");
+    const json srcRecord = vldbRecord(src, "lp1a");
+    std::set<VolumeKey> others = volumeKeys();
+    others.erase({"lp1a", src});
+
+    point.reach(*this);
+    ASSERT_FALSE(HasFatalFailure());
+    const uint64_t id = opid();
+    ASSERT_NE(id, 0u) << "the move has no VODB records at this point:\n" << sim({"vodb"});
+
+    killVod();
+    if (point.dbladeGoesOn != nullptr) {
+        EXPECT_TRUE(release(point.dbladeGoesOn));
+        EXPECT_TRUE(streamDone(id)) << "the D-blade's final move did not finish";
+    }
+    for (const char* proc : kMoveHeldProcs) release(proc, /*drop=*/true);
+    sim({"fault", "clear"});
+    if (point.dbladeRestarts) {
+        // Before the stream may speed up: the op sink must stay half-written.
+        EXPECT_TRUE(restartSimulator()) << "the simulator did not come back";
+    } else if (std::string(point.name).rfind("MidPass", 0) == 0) {
+        speed(0);
+        EXPECT_TRUE(streamDone(id)) << "the pass did not finish";
+    }
+    speed(0);
+    restartVod();
+
+    EXPECT_TRUE(waitVodbEmpty(120)) << "recovery did not finish:\n" << sim({"vodb"});
+    std::set<VolumeKey> want = others;
+    const std::string home = point.rollsForward ? dst : "lp1a";
+    want.insert({home, src});
+    expectSettled(want);  // one volume, no clone, op sink, temp or record left
+    EXPECT_EQ(sum, checksum(src, home)) << "the volume's contents changed";
+    EXPECT_FALSE(vldbRecord(src, home).is_null());
+    if (!point.rollsForward) {
+        EXPECT_EQ(srcRecord, vldbRecord(src, "lp1a")) << "the source's VLDB record changed";
+        // Writable again: no final move keeps it stopped.
+        sim({"vol-write", std::to_string(src), "lp1a", "after", "--text", "x"});
+        EXPECT_NE(sum, checksum(src, "lp1a"));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(KilledAt, MoveCrash, ::testing::ValuesIn(kMovePoints),
+                         [](const ::testing::TestParamInfo<MoveCrashPoint>& p) {
+                             return std::string(p.param.name);
+                         });
 
 }  // namespace
 }  // namespace vodtest
