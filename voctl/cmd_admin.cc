@@ -155,8 +155,9 @@ int resolveLp(Context& ctx, const std::string& text, LpId* out) {
     XdrResult<DldbGetLidRes> res(xdr_DldbGetLidRes);
     dldb_name_t name = const_cast<char*>(text.c_str());
     if (getlidbylpname_1(&name, res.get(), dldb.get()) != RPC_SUCCESS)
-        return ctx.out.failure(kExitUnreachable,
-                               "DLDB: " + std::string(clnt_sperror(dldb.get(), ctx.opts.host.c_str())));
+        return ctx.out.failure(
+            kExitUnreachable,
+            "DLDB: " + std::string(clnt_sperror(dldb.get(), ctx.opts.host.c_str())));
     unsigned status = res->status;
     std::copy(std::begin(res->lid), std::end(res->lid), out->begin());
     if (status != DLDB_STATUS_OK)

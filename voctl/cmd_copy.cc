@@ -107,14 +107,7 @@ class CopyOp : public StreamOp {
         return "copied " + keyText() + " as '" + _name.substr(0, kMaxVolumeName) + "'";
     }
     bool poll(VoClient& c, StreamReport* r, std::string* why) const override {
-        VoVidLidIn in = wireKey(_key);
-        XdrResult<VoCopyPgrsOut> out(xdr_VoCopyPgrsOut);
-        if (c.call(vocopypgrs_1, &in, out.get()) != RPC_SUCCESS) {
-            *why = c.callError();
-            return false;
-        }
-        *r = streamReportOf(*out);
-        return true;
+        return pollStream(c, vocopypgrs_1, wireKey(_key), xdr_VoCopyPgrsOut, r, why);
     }
     CopyOutcome outcomeFromCluster(VoClient* c, std::string* why) const override {
         return outcomeByName(c, _name, _key.sinkVid, why);

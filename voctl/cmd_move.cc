@@ -100,14 +100,7 @@ class MoveOp : public StreamOp {
     nlohmann::json keyJson() const override { return voctl::keyJson(_key); }
     std::string doneText() const override { return "moved " + keyText(); }
     bool poll(VoClient& c, StreamReport* r, std::string* why) const override {
-        VoIn in = wireKey(_key);
-        XdrResult<VoMovePgrsOut> out(xdr_VoMovePgrsOut);
-        if (c.call(vomovepgrs_1, &in, out.get()) != RPC_SUCCESS) {
-            *why = c.callError();
-            return false;
-        }
-        *r = streamReportOf(*out);
-        return true;
+        return pollStream(c, vomovepgrs_1, wireKey(_key), xdr_VoMovePgrsOut, r, why);
     }
     // A pass's megabytes are what its sink received.
     Progress progressOf(const StreamReport& r) const override {
@@ -165,7 +158,8 @@ class MoveDryRun {
         XdrResult<vldb_record_lookup_result> res(xdr_vldb_record_lookup_result);
         unsigned code = VoRpcCalls::vldbFindVfs(_vldb.get(), in, *res);
         if (code == VO_RC_VFS_NOT_FOUND) return kExitOk;
-        if (code != 0) return lookupFailed(_ctx, "VLDB look-up of vfs " + std::to_string(_key.vid), code);
+        if (code != 0)
+            return lookupFailed(_ctx, "VLDB look-up of vfs " + std::to_string(_key.vid), code);
         _f.sourceFound = res->r.r_len > 0;
         if (_f.sourceFound) _f.vfsType = res->r.r_val[0].vfstype;
         return kExitOk;
@@ -196,9 +190,11 @@ class MoveDryRun {
 
     // Which D-blade serves each LP, and the target D-blade's host.
     int findDblades() {
-        if (unsigned code = VoRpcCalls::findDbladeByLpId(_vldb.get(), _key.srcLp.data(), _f.srcDblade))
+        if (unsigned code =
+                VoRpcCalls::findDbladeByLpId(_vldb.get(), _key.srcLp.data(), _f.srcDblade))
             return lookupFailed(_ctx, "D-blade of LP " + formatLpId(_key.srcLp), code);
-        if (unsigned code = VoRpcCalls::findDbladeByLpId(_vldb.get(), _key.dstLp.data(), _f.dstDblade))
+        if (unsigned code =
+                VoRpcCalls::findDbladeByLpId(_vldb.get(), _key.dstLp.data(), _f.dstDblade))
             return lookupFailed(_ctx, "D-blade of LP " + formatLpId(_key.dstLp), code);
 
         std::string err;
@@ -214,10 +210,11 @@ class MoveDryRun {
             if (r.did == _f.dstDblade && r.host.name != nullptr) _f.dstHost = r.host.name;
         }
         if (res->status != DLDB_STATUS_OK || _srcHost.empty() || _f.dstHost.empty())
-            return codeFailure(_ctx, nullptr, "DLDB host of D-blades " +
-                                                  std::to_string(_f.srcDblade) + " and " +
-                                                  std::to_string(_f.dstDblade),
-                               voCompositeCode(VoProcDldbGetHostByDid, VOD_ERR_BASE + VOD_ERR_NO_HOST));
+            return codeFailure(
+                _ctx, nullptr,
+                "DLDB host of D-blades " + std::to_string(_f.srcDblade) + " and " +
+                    std::to_string(_f.dstDblade),
+                voCompositeCode(VoProcDldbGetHostByDid, VOD_ERR_BASE + VOD_ERR_NO_HOST));
         return kExitOk;
     }
 
@@ -225,8 +222,8 @@ class MoveDryRun {
         std::string where = "attributes of vfs " + std::to_string(_key.vid) + " on D-blade " +
                             std::to_string(_f.srcDblade) + " (" + _srcHost + ")";
         std::string err;
-        ServiceClient vol = connectService(_srcHost, DBLADE_VOL_PROG, DBLADE_VOL_VERS,
-                                           _ctx.opts.timeoutSec, &err);
+        ServiceClient vol =
+            connectService(_srcHost, DBLADE_VOL_PROG, DBLADE_VOL_VERS, _ctx.opts.timeoutSec, &err);
         if (!vol) return _ctx.out.failure(kExitUnreachable, where + ": " + err);
         XdrResult<VolGetattrOut_t> attrs(xdr_VolGetattrOut_t);
         unsigned code = VoRpcCalls::dbladeGetAttrs(vol.get(), _key.vid, _key.srcLp.data(), *attrs);
@@ -251,17 +248,14 @@ class MoveDryRun {
         if (lp_get_attrs_by_uuid_1(uuid, res.get(), lpm.get()) != RPC_SUCCESS)
             return _ctx.out.failure(kExitUnreachable, where + ": " + serviceError(lpm.get()));
         if (res->status != 0)
-            return _ctx.out.failure(kExitVodFailure,
-                                    where + ": LP management answered status " +
-                                        std::to_string(res->status));
+            return _ctx.out.failure(kExitVodFailure, where + ": LP management answered status " +
+                                                         std::to_string(res->status));
         _f.unreservedFree = res->attr.unreservedSpaceAvailableInBlocks;
         _f.blockSize = res->attr.blockSize;
         return kExitOk;
     }
 
-    std::string serviceError(CLIENT* c) const {
-        return clnt_sperror(c, _ctx.opts.host.c_str());
-    }
+    std::string serviceError(CLIENT* c) const { return clnt_sperror(c, _ctx.opts.host.c_str()); }
 
     std::string blocksText(uint64_t blocks) const {
         char buf[96];
@@ -276,10 +270,10 @@ class MoveDryRun {
     int report() {
         const VoOut verdict = moveVerdict(_f);
         const bool accepted = verdict.rc == voErrRcSuccess;
-        std::string verdictText = accepted ? "vod would accept the move"
-                                           : "vod would refuse the move: " +
-                                                 tripleText(nullptr, verdict.rc, verdict.func,
-                                                            verdict.funcrc);
+        std::string verdictText =
+            accepted ? "vod would accept the move"
+                     : "vod would refuse the move: " +
+                           tripleText(nullptr, verdict.rc, verdict.func, verdict.funcrc);
 
         nlohmann::json obj = voOutJson(verdict);
         obj["event"] = "dry-run";
@@ -295,9 +289,9 @@ class MoveDryRun {
 
         std::vector<std::pair<std::string, std::string>> rows;
         rows.push_back({"target D-blade", std::to_string(_f.dstDblade) + " (" + _f.dstHost + ")"});
-        rows.push_back({"local move", _f.local() ? "yes, the same D-blade serves both LPs"
-                                                 : "no, from D-blade " +
-                                                       std::to_string(_f.srcDblade)});
+        rows.push_back({"local move", _f.local()
+                                          ? "yes, the same D-blade serves both LPs"
+                                          : "no, from D-blade " + std::to_string(_f.srcDblade)});
         if (!_f.sourceFound) {
             rows.push_back({"source", "no VLDB record of the volume on the source LP"});
         } else {
@@ -310,16 +304,14 @@ class MoveDryRun {
         }
         if (_f.spaceKnown()) {
             uint64_t need = _f.needed(), free = *_f.unreservedFree;
-            obj["space"] = {{"minQuota", *_f.minQuota},
-                            {"blocksUsed", *_f.blocksUsed},
-                            {"neededBlocks", need},
-                            {"blockSize", _f.blockSize},
-                            {"freeBlocksBefore", free},
-                            {"freeBlocksAfter", _f.fits() ? free - need : 0},
-                            {"fits", _f.fits()}};
+            obj["space"] = {
+                {"minQuota", *_f.minQuota}, {"blocksUsed", *_f.blocksUsed},
+                {"neededBlocks", need},     {"blockSize", _f.blockSize},
+                {"freeBlocksBefore", free}, {"freeBlocksAfter", _f.fits() ? free - need : 0},
+                {"fits", _f.fits()}};
             char buf[96];
-            std::snprintf(buf, sizeof buf, ": the larger of minQuota %" PRIu64
-                          " and blocksUsed %" PRIu64,
+            std::snprintf(buf, sizeof buf,
+                          ": the larger of minQuota %" PRIu64 " and blocksUsed %" PRIu64,
                           *_f.minQuota, *_f.blocksUsed);
             rows.push_back({"volume size", blocksText(need) + buf});
             rows.push_back({"free before", blocksText(free) + " unreserved on the target LP"});
@@ -350,8 +342,8 @@ class MoveDryRun {
         }
         rows.push_back({"verdict", accepted ? "accepted" : "refused"});
 
-        _ctx.out.result(obj, "dry run of the move of " + keyText(_key) + ": " + verdictText +
-                                 "\n" + formatTable(rows, "  "));
+        _ctx.out.result(obj, "dry run of the move of " + keyText(_key) + ": " + verdictText + "\n" +
+                                 formatTable(rows, "  "));
         return accepted ? kExitOk : kExitVodFailure;
     }
 
@@ -431,8 +423,7 @@ int moveControl(Context& ctx, const ControlWords& words, MoveStub stub, const Ke
 
 void addKeyArgs(CLI::App& sub, KeyArgs& a) {
     sub.add_option("VFS", a.vid, "VFS id of the volume being moved")->required()->check(u32Check());
-    sub.add_option("SRC-LP", a.srcLp, "the LP it is moved from: name or 32 hex digits")
-        ->required();
+    sub.add_option("SRC-LP", a.srcLp, "the LP it is moved from: name or 32 hex digits")->required();
 }
 
 // The pause, resume and cancel subcommands.
@@ -489,9 +480,9 @@ const CommandRegistrar pauseReg("move-pause", "Pause a move's stream",
                                 controlSetup({"pause", "paused"}, vomovepause_1));
 const CommandRegistrar resumeReg("move-resume", "Resume a paused move",
                                  controlSetup({"resume", "resumed"}, vomoveresume_1));
-const CommandRegistrar cancelReg(
-    "move-cancel", "Cancel a move: its stream stops and vod removes what it made",
-    controlSetup({"cancel", "cancelled"}, vomovecancel_1));
+const CommandRegistrar cancelReg("move-cancel",
+                                 "Cancel a move: its stream stops and vod removes what it made",
+                                 controlSetup({"cancel", "cancelled"}, vomovecancel_1));
 
 }  // namespace
 }  // namespace voctl

@@ -22,13 +22,12 @@ constexpr int kVodbEmpty = 135;
 
 int ops(Context& ctx, const std::string& vldbHost) {
     std::string err;
-    ServiceClient vldb =
-        connectService(vldbHost, VLDB_PROG, VLDB_VERS, ctx.opts.timeoutSec, &err);
+    ServiceClient vldb = connectService(vldbHost, VLDB_PROG, VLDB_VERS, ctx.opts.timeoutSec, &err);
     if (!vldb) return ctx.out.failure(kExitUnreachable, "VLDB: " + err);
     XdrResult<vodb_lookup_result> res(xdr_vodb_lookup_result);
     if (vodb_lookup_3(nullptr, res.get(), vldb.get()) != RPC_SUCCESS)
-        return ctx.out.failure(kExitUnreachable, "VLDB: " + std::string(clnt_sperror(
-                                                                 vldb.get(), vldbHost.c_str())));
+        return ctx.out.failure(kExitUnreachable,
+                               "VLDB: " + std::string(clnt_sperror(vldb.get(), vldbHost.c_str())));
     if (res->result != 0 && res->result != kVodbEmpty)
         return codeFailure(ctx, nullptr, "VODB lookup on " + vldbHost,
                            VO_ERR_VLDB_BASE + static_cast<unsigned>(res->result));

@@ -12,10 +12,10 @@
 #include <optional>
 #include <string>
 
-#include "voctl/copy_report.h"
-#include "voctl/lpid.h"
 #include "vldb_lit.h"
 #include "vo.h"
+#include "voctl/copy_report.h"
+#include "voctl/lpid.h"
 #include "voerrors.h"
 
 namespace voctl {
@@ -62,8 +62,8 @@ size_t findMoveConflict(const Rec* recs, size_t n, uint32_t vfsid, const LpId& s
 struct MoveFacts {
     uint32_t vfsid = 0;
     LpId srcLp{}, dstLp{};
-    bool sourceFound = false;  // the VLDB holds the volume on srcLp
-    unsigned vfsType = 0;      // its VLDB type: 1 read-write, 2 read-only, 3 clone
+    bool sourceFound = false;               // the VLDB holds the volume on srcLp
+    unsigned vfsType = 0;                   // its VLDB type: 1 read-write, 2 read-only, 3 clone
     uint16_t srcDblade = 0, dstDblade = 0;  // the D-blades serving the two LPs
     std::string dstHost;
     unsigned blockSize = 0;  // the target LP's; 0 while unknown

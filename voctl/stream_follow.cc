@@ -213,7 +213,8 @@ class StreamFollower {
             text = std::string(_op.noun()) + " of " + _op.keyText() +
                    " failed and was rolled back: " + detail;
         } else {
-            text = std::string(_op.noun()) + " of " + _op.keyText() + ": outcome unknown: " + detail;
+            text =
+                std::string(_op.noun()) + " of " + _op.keyText() + ": outcome unknown: " + detail;
         }
 
         if (_json) {
@@ -422,8 +423,8 @@ int showStreamState(Context& ctx, const StreamOp& op) {
     nlohmann::json obj = reportJson(r, phase);
     obj[op.noun()] = op.keyJson();
     if (final) obj["outcome"] = op.outcomeName(outcome);
-    ctx.out.result(obj, std::string(op.noun()) + " of " + op.keyText() + "\n" +
-                            formatTable(rows, "  "));
+    ctx.out.result(obj,
+                   std::string(op.noun()) + " of " + op.keyText() + "\n" + formatTable(rows, "  "));
     return failed ? kExitVodFailure : kExitOk;
 }
 

@@ -44,6 +44,20 @@ struct ControlWords {
 int reportControl(Context& ctx, VoClient* c, const ControlWords& words, const char* noun,
                   const std::string& keyText, const nlohmann::json& keyJson, const VoOut& out);
 
+// One progress call (vocopypgrs_1, vomovepgrs_1) with in, its reply kept as
+// *r; false when vod could not be asked (why says so).
+template <typename In, typename Reply, typename Filter>
+bool pollStream(VoClient& c, clnt_stat (*stub)(In*, Reply*, CLIENT*), In in, Filter filter,
+                StreamReport* r, std::string* why) {
+    XdrResult<Reply> out(filter);
+    if (c.call(stub, &in, out.get()) != RPC_SUCCESS) {
+        *why = c.callError();
+        return false;
+    }
+    *r = streamReportOf(*out);
+    return true;
+}
+
 // One kind of stream operation, as the follower needs to know it.
 class StreamOp {
   public:
@@ -85,8 +99,7 @@ int showStreamState(Context& ctx, const StreamOp& op);
 // while, and reports how the operation ended. c may be the connection that
 // started it. Returns 0 when it went through, 1 when it failed or its outcome
 // is unknown, 3 when vod stayed out of reach.
-int followStream(Context& ctx, std::unique_ptr<VoClient> c, const StreamOp& op,
-                 double intervalSec);
+int followStream(Context& ctx, std::unique_ptr<VoClient> c, const StreamOp& op, double intervalSec);
 
 }  // namespace voctl
 

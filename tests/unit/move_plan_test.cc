@@ -1,9 +1,10 @@
+#include "voctl/move_plan.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
 
-#include "voctl/move_plan.h"
 #include "vorec.h"
 
 namespace {
@@ -49,12 +50,12 @@ TEST(MoveVerdict, FirstRefusalInTheOrderVodChecks) {
     };
     const Case cases[] = {
         {"accepted", [](MoveFacts&) {}, voErrRcSuccess, voErrFuncSuccess, 0},
-        {"needed equals the free space", [](MoveFacts& f) { f.blocksUsed = 100; },
-         voErrRcSuccess, voErrFuncSuccess, 0},
+        {"needed equals the free space", [](MoveFacts& f) { f.blocksUsed = 100; }, voErrRcSuccess,
+         voErrFuncSuccess, 0},
         {"one block short", [](MoveFacts& f) { f.blocksUsed = 101; }, voErrNotEnoughSpaceSinkLP,
          voErrFuncSuccess, 0},
-        {"the minimum quota counts when it is larger",
-         [](MoveFacts& f) { f.minQuota = 101; }, voErrNotEnoughSpaceSinkLP, voErrFuncSuccess, 0},
+        {"the minimum quota counts when it is larger", [](MoveFacts& f) { f.minQuota = 101; },
+         voErrNotEnoughSpaceSinkLP, voErrFuncSuccess, 0},
         {"space unknown is no refusal", [](MoveFacts& f) { f.unreservedFree.reset(); },
          voErrRcSuccess, voErrFuncSuccess, 0},
         {"busy before space",
@@ -109,9 +110,7 @@ TEST(MoveConflict, TheVolumeRecordedOnEitherEndHoldsIt) {
         {"on the source LP, any role",
          {rec(8, 1, 0), rec(7, 1, VoRec::VODB_ROLE_OPSRC), rec(7, 2, 0)},
          1},
-        {"on the target LP",
-         {rec(7, 3, 0), rec(9, 2, 0), rec(7, 2, VoRec::VODB_ROLE_SINK)},
-         2},
+        {"on the target LP", {rec(7, 3, 0), rec(9, 2, 0), rec(7, 2, VoRec::VODB_ROLE_SINK)}, 2},
     };
     for (const Case& c : cases)
         EXPECT_EQ(voctl::findMoveConflict(c.recs, 3, 7, lp(1), lp(2)), c.want) << c.what;
