@@ -27,4 +27,16 @@ std::string VoClient::callError() const {
     return _clnt != nullptr ? clnt_sperror(_clnt, _host.c_str()) : _createError;
 }
 
+ServiceClient connectService(const std::string& host, unsigned long prog, unsigned long vers,
+                             unsigned timeoutSec, std::string* err) {
+    timeval tv{static_cast<time_t>(timeoutSec), 0};
+    ServiceClient c(clnt_create_timed(host.c_str(), prog, vers, "tcp", &tv));
+    if (!c) {
+        *err = clnt_spcreateerror(host.c_str());
+        return c;
+    }
+    clnt_control(c.get(), CLSET_TIMEOUT, reinterpret_cast<char*>(&tv));
+    return c;
+}
+
 }  // namespace voctl

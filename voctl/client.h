@@ -6,6 +6,7 @@
 #include <rpc/rpc.h>
 
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "util/xdrproc.h"
@@ -44,6 +45,18 @@ class VoClient {
     CLIENT* _clnt = nullptr;
     std::string _createError;
 };
+
+// A client of one of the node's other services (VLDB, DLDB, a D-blade's
+// programs), destroyed with its owner.
+struct ClntDestroyer {
+    void operator()(CLIENT* c) const { clnt_destroy(c); }
+};
+using ServiceClient = std::unique_ptr<CLIENT, ClntDestroyer>;
+
+// Connects to (prog, vers) over TCP on host; every call gets timeoutSec.
+// Null on failure, with *err set to the RPC library's "host: RPC: ..." text.
+ServiceClient connectService(const std::string& host, unsigned long prog, unsigned long vers,
+                             unsigned timeoutSec, std::string* err);
 
 // Holds one decoded result record and gives its memory back with xdr_free
 // when it goes out of scope, on every path. Starts zeroed, as the stubs need.

@@ -164,24 +164,18 @@ int resolveLp(Context& ctx, const std::string& text, LpId* out) {
         return kExitOk;
     }
     // A name: the node's DLDB knows every LP of the cluster by name.
-    timeval tv{static_cast<time_t>(ctx.opts.timeoutSec), 0};
-    CLIENT* dldb = clnt_create_timed(ctx.opts.host.c_str(), DLDB_PROG, DLDB_VERS, "tcp", &tv);
-    if (dldb == nullptr)
-        return ctx.out.failure(kExitUnreachable,
-                               "DLDB: " + std::string(clnt_spcreateerror(ctx.opts.host.c_str())));
-    clnt_control(dldb, CLSET_TIMEOUT, reinterpret_cast<char*>(&tv));
-    DldbGetLidRes res{};
+    std::string err;
+    ServiceClient dldb =
+        connectService(ctx.opts.host, DLDB_PROG, DLDB_VERS, ctx.opts.timeoutSec, &err);
+    if (!dldb) return ctx.out.failure(kExitUnreachable, "DLDB: " + err);
+    XdrResult<DldbGetLidRes> res(xdr_DldbGetLidRes);
     dldb_name_t name = const_cast<char*>(text.c_str());
-    clnt_stat st = getlidbylpname_1(&name, &res, dldb);
-    if (st != RPC_SUCCESS) {
-        std::string err = clnt_sperror(dldb, ctx.opts.host.c_str());
-        clnt_destroy(dldb);
-        return ctx.out.failure(kExitUnreachable, "DLDB: " + err);
-    }
-    unsigned status = res.status;
-    std::copy(std::begin(res.lid), std::end(res.lid), out->begin());
-    xdr_free(xdrProc(xdr_DldbGetLidRes), reinterpret_cast<char*>(&res));
-    clnt_destroy(dldb);
+    if (getlidbylpname_1(&name, res.get(), dldb.get()) != RPC_SUCCESS)
+        return ctx.out.failure(
+            kExitUnreachable,
+            "DLDB: " + std::string(clnt_sperror(dldb.get(), ctx.opts.host.c_str())));
+    unsigned status = res->status;
+    std::copy(std::begin(res->lid), std::end(res->lid), out->begin());
     if (status != DLDB_STATUS_OK)
         return codeFailure(ctx, nullptr, "LP name '" + text + "'",
                            voCompositeCode(VoProcDldbGetLidByLpName, VO_ERR_DLDB_BASE + status));

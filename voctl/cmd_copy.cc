@@ -2,36 +2,25 @@
 // bar; copy-progress, copy-pause, copy-resume and copy-cancel act on a copy
 // that runs. A copy is named by its source (VFS id, LP) and its sink (VFS id,
 // LP), the four values vod finds it by.
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <chrono>
-#include <cinttypes>
 #include <cstdio>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include "voctl/admin_common.h"
 #include "voctl/command.h"
 #include "voctl/copy_report.h"
 #include "voctl/lpid.h"
 #include "voctl/number.h"
+#include "voctl/stream_follow.h"
 
 namespace voctl {
 namespace {
 
 // vod keeps at most this many characters of a volume name.
 constexpr size_t kMaxVolumeName = 128;
-
-// How long a waiting copy keeps trying to reach a vod that stopped answering:
-// long enough for vod to be restarted and to rebuild the copy from its records.
-constexpr double kReconnectWindowSec = 180;
-// And how often it tries meanwhile, whatever the poll interval.
-constexpr double kReconnectStepSec = 0.5;
 
 // The low half of vod's code for a name the VLDB has no record of.
 constexpr unsigned kVldbNoRecord = 30400 + 119;
@@ -52,12 +41,6 @@ VoVidLidIn wireKey(const CopyKey& k) {
     return in;
 }
 
-LpId lpOf(const u_char* bytes) {
-    LpId id{};
-    std::copy(bytes, bytes + id.size(), id.begin());
-    return id;
-}
-
 std::string keyText(const CopyKey& k) {
     char buf[64];
     std::snprintf(buf, sizeof buf, "vfs %u", k.srcVid);
@@ -71,99 +54,6 @@ nlohmann::json keyJson(const CopyKey& k) {
             {"srcLp", formatLpId(k.srcLp)},
             {"sinkVfsid", k.sinkVid},
             {"sinkLp", formatLpId(k.sinkLp)}};
-}
-
-// vod's "(module) procedure: message" without the empty procedure name that
-// codes carrying only a low half have: "module: message".
-std::string decodedText(VoClient* c, unsigned code) {
-    std::string s = decodeCode(c, code);
-    if (s.size() > 2 && s[0] == '(') {
-        size_t close = s.find(") : ");
-        if (close != std::string::npos) return s.substr(1, close - 1) + ": " + s.substr(close + 4);
-    }
-    return s;
-}
-
-// "func=403 voErrDbladeVolCreate, funcrc=28 (TarnFS: ...)".
-std::string funcText(VoClient* c, unsigned func, unsigned funcrc) {
-    char buf[160];
-    std::snprintf(buf, sizeof buf, "func=%u %s, funcrc=%u", func, funcName(func), funcrc);
-    std::string s = buf;
-    if (unsigned code = decodableFuncrc(func, funcrc)) s += " (" + decodedText(c, code) + ")";
-    return s;
-}
-
-// "rc=3 voErrRollBackOp, func=403 voErrDbladeVolCreate, funcrc=28 (TarnFS: ...)".
-std::string tripleText(VoClient* c, unsigned rc, unsigned func, unsigned funcrc) {
-    char buf[64];
-    std::snprintf(buf, sizeof buf, "rc=%u %s", rc, rcName(rc));
-    std::string s = buf;
-    if (func != 0 || funcrc != 0) s += ", " + funcText(c, func, funcrc);
-    return s;
-}
-
-Progress progressOf(const VoCopyPgrsOut& r) {
-    Progress p;
-    p.megs = r.src.megsProcessed;
-    p.vnodesDone = r.src.vnodesProcessed;
-    p.vnodesTotal = r.src.vnodesTotal;
-    return p;
-}
-
-nlohmann::json reportJson(const VoCopyPgrsOut& r, CopyPhase phase) {
-    return {{"opid", r.voOpid},
-            {"phase", copyPhaseName(phase)},
-            {"rc", r.rc},
-            {"rcName", rcName(r.rc)},
-            {"func", r.func},
-            {"funcName", funcName(r.func)},
-            {"funcrc", r.funcrc},
-            {"src",
-             {{"vfsid", r.src.vfsId},
-              {"lp", formatLpId(lpOf(r.src.uuid))},
-              {"status", r.src.status},
-              {"completionCode", r.src.completionCode},
-              {"vnodesTotal", r.src.vnodesTotal},
-              {"vnodesProcessed", r.src.vnodesProcessed},
-              {"megs", r.src.megsProcessed}}},
-            {"sink",
-             {{"isDone", r.sink.isDone != 0},
-              {"completionCode", r.sink.completionCode},
-              {"vfsid", r.sink.vfsId},
-              {"lp", formatLpId(lpOf(r.sink.uuid))},
-              {"megs", r.sink.megsProcessed}}}};
-}
-
-// Why a final report counts as a failure, in words: the error triple and the
-// stream's completion codes, each decoded.
-std::string failureReasons(VoClient* c, const VoCopyPgrsOut& r) {
-    std::vector<std::string> reasons;
-    if (r.rc != voErrRcSuccess) reasons.push_back(tripleText(c, r.rc, r.func, r.funcrc));
-    if (hasStreamCounters(r)) {
-        char buf[96];
-        if (r.src.completionCode != 0) {
-            std::snprintf(buf, sizeof buf, "source side of the stream ended with %u",
-                          r.src.completionCode);
-            reasons.push_back(buf + (" (" + decodedText(c, r.src.completionCode) + ")"));
-        }
-        if (r.sink.completionCode != 0 && r.sink.completionCode != kSinkUpToDate) {
-            std::snprintf(buf, sizeof buf, "sink side of the stream ended with %u",
-                          r.sink.completionCode);
-            reasons.push_back(buf + (" (" + decodedText(c, r.sink.completionCode) + ")"));
-        }
-        if (r.src.status != VoDone)
-            reasons.push_back("the stream did not finish");
-        else if (r.sink.isDone == 0)
-            reasons.push_back("the sink was not finished");
-    }
-    // A step that failed without turning the whole operation's rc still says
-    // what went wrong last.
-    if (r.rc == voErrRcSuccess && r.func != voErrFuncSuccess)
-        reasons.push_back("last error " + funcText(c, r.func, r.funcrc));
-    if (reasons.empty()) return "no reason given";
-    std::string s = reasons[0];
-    for (size_t i = 1; i < reasons.size(); ++i) s += "; " + reasons[i];
-    return s;
 }
 
 // Whether the sink ended up registered under its name: what decides the
@@ -204,220 +94,31 @@ CopyOutcome outcomeByName(VoClient* c, const std::string& name, uint32_t sinkVid
     return CopyOutcome::Unknown;
 }
 
-// One poll: false when vod could not be asked (why says so).
-bool pollCopy(VoClient& c, const CopyKey& key, XdrResult<VoCopyPgrsOut>* out, std::string* why) {
-    VoVidLidIn in = wireKey(key);
-    if (c.call(vocopypgrs_1, &in, out->get()) != RPC_SUCCESS) {
-        *why = c.callError();
-        return false;
-    }
-    return true;
-}
-
-// Lines between progress-bar redraws: on a terminal the bar's line is erased
-// first so the note does not end up glued to it.
-class Notes {
+// A copy as the follower sees it; name is empty when only its progress is shown.
+class CopyOp : public StreamOp {
   public:
-    explicit Notes(bool terminal) : _terminal(terminal) {}
-    void say(const std::string& text) const {
-        std::fprintf(stdout, "%s%s\n", _terminal ? "\r\x1b[K" : "", text.c_str());
-        std::fflush(stdout);
+    CopyOp(const CopyKey& key, std::string name) : _key(key), _name(std::move(name)) {}
+
+    const char* noun() const override { return "copy"; }
+    const char* doneWord() const override { return "copied"; }
+    std::string keyText() const override { return voctl::keyText(_key); }
+    nlohmann::json keyJson() const override { return voctl::keyJson(_key); }
+    std::string doneText() const override {
+        return "copied " + keyText() + " as '" + _name.substr(0, kMaxVolumeName) + "'";
+    }
+    bool poll(VoClient& c, StreamReport* r, std::string* why) const override {
+        return pollStream(c, vocopypgrs_1, wireKey(_key), xdr_VoCopyPgrsOut, r, why);
+    }
+    CopyOutcome outcomeFromCluster(VoClient* c, std::string* why) const override {
+        return outcomeByName(c, _name, _key.sinkVid, why);
+    }
+    void addFinalJson(nlohmann::json& obj) const override {
+        obj["name"] = _name.substr(0, kMaxVolumeName);
     }
 
   private:
-    bool _terminal;
-};
-
-std::string phaseNote(CopyPhase phase, bool streamed) {
-    switch (phase) {
-        case CopyPhase::Initialising:
-            return "waiting for a worker thread of vod";
-        case CopyPhase::Streaming:
-            return streamed ? "streaming" : "";
-        case CopyPhase::Paused:
-            return "paused";
-        case CopyPhase::StreamEnded:
-            return "stream finished; vod is concluding the copy";
-        case CopyPhase::RollingForward:
-            return "committing the copy";
-        case CopyPhase::RollingBack:
-            // vod says the same while it makes the clone and the sink.
-            return streamed ? "rolling back" : "preparing the source and the sink";
-        default:
-            return "";
-    }
-}
-
-struct FollowOptions {
-    std::string name;
-    double intervalSec = 1;
-};
-
-void sleepFor(double sec) { std::this_thread::sleep_for(std::chrono::duration<double>(sec)); }
-
-// Follows one copy from its start to its final report: polls, shows the
-// progress, rides out a vod that stops answering for a while, and reports how
-// the copy ended.
-class CopyFollower {
-  public:
-    CopyFollower(Context& ctx, std::unique_ptr<VoClient> c, const CopyKey& key, FollowOptions fo)
-        : _ctx(ctx),
-          _c(std::move(c)),
-          _key(key),
-          _fo(std::move(fo)),
-          _json(ctx.out.json()),
-          _notes(!_json && isatty(STDOUT_FILENO) != 0),
-          _bar(stdout, !_json && isatty(STDOUT_FILENO) != 0, "copy"),
-          _endReport(xdr_VoCopyPgrsOut) {}
-
-    // 0 copied, 1 failed or unknown, 3 when vod stayed out of reach.
-    int run() {
-        const double startSec = ProgressBar::now();
-        if (int rc = waitForEnd(); rc != kExitOk) return rc;
-        std::string detail;
-        CopyOutcome outcome = decideOutcome(&detail);
-        report(outcome, detail, ProgressBar::now() - startSec);
-        return outcome == CopyOutcome::Copied ? kExitOk : kExitVodFailure;
-    }
-
-  private:
-    // Polls until the final report, or until vod no longer knows the copy.
-    int waitForEnd() {
-        double lostSince = -1;
-        std::string lastNote;
-        for (;;) {
-            std::string why;
-            XdrResult<VoCopyPgrsOut> r(xdr_VoCopyPgrsOut);
-            if (!poll(&r, &why)) {
-                double now = ProgressBar::now();
-                if (lostSince < 0) {
-                    lostSince = now;
-                    if (!_json) _notes.say("lost contact with vod (" + why + "); retrying");
-                } else if (now - lostSince > kReconnectWindowSec) {
-                    return _ctx.out.failure(kExitUnreachable,
-                                            "gave up waiting for vod to answer: " + why +
-                                                "; the copy may still be running");
-                }
-                sleepFor(std::max(_fo.intervalSec, kReconnectStepSec));
-                continue;
-            }
-            if (lostSince >= 0) {
-                lostSince = -1;
-                if (!_json) _notes.say("vod answers again");
-            }
-
-            CopyPhase phase = classifyCopyReport(*r);
-            if (phase == CopyPhase::Final || phase == CopyPhase::Gone) {
-                _endPhase = phase;
-                std::swap(*_endReport, *r);
-                return kExitOk;
-            }
-            if (hasStreamCounters(*r)) {
-                _streamed = true;
-                _last = *r;  // plain values only: the record owns no heap memory
-            }
-            if (_json) {
-                nlohmann::json obj = reportJson(*r, phase);
-                obj["event"] = "progress";
-                _ctx.out.result(obj, "");
-            } else {
-                std::string note = phase == CopyPhase::PollFailed
-                                       ? "vod could not poll the stream: " +
-                                             tripleText(_c.get(), r->rc, r->func, r->funcrc)
-                                       : phaseNote(phase, _streamed);
-                if (!note.empty() && note != lastNote) _notes.say(note);
-                lastNote = note;
-                if (hasStreamCounters(*r)) {
-                    _bar.update(progressOf(*r));
-                    _barShown = true;
-                }
-            }
-            sleepFor(_fo.intervalSec);
-        }
-    }
-
-    // One poll on the current connection, made anew when there is none.
-    bool poll(XdrResult<VoCopyPgrsOut>* r, std::string* why) {
-        if (!_c) {
-            _c = std::make_unique<VoClient>(_ctx.opts.host, _ctx.opts.timeoutSec);
-            if (!_c->connected()) {
-                *why = _c->createError();
-                _c.reset();
-                return false;
-            }
-        }
-        if (pollCopy(*_c, _key, r, why)) return true;
-        _c.reset();
-        return false;
-    }
-
-    CopyOutcome decideOutcome(std::string* detail) {
-        CopyOutcome outcome = CopyOutcome::Unknown;
-        if (_endPhase == CopyPhase::Final) {
-            outcome = outcomeOfFinalReport(*_endReport);
-            if (hasStreamCounters(*_endReport)) _last = *_endReport;
-            if (outcome == CopyOutcome::RolledBack) *detail = failureReasons(_c.get(), *_endReport);
-        }
-        // Rebuilt after a restart, or its last report went to someone else.
-        if (outcome == CopyOutcome::Unknown)
-            outcome = outcomeByName(_c.get(), _fo.name, _key.sinkVid, detail);
-        return outcome;
-    }
-
-    void report(CopyOutcome outcome, const std::string& detail, double elapsed) {
-        if (!_json && _barShown) {
-            if (_streamed) _bar.update(progressOf(_last));
-            _bar.finish(outcome == CopyOutcome::Copied ? "done" : "failed");
-        }
-        const std::string name = _fo.name.substr(0, kMaxVolumeName);
-        char buf[256];
-        std::string text;
-        if (outcome == CopyOutcome::Copied) {
-            std::snprintf(buf, sizeof buf, " as '%s' in %.1f s", name.c_str(), elapsed);
-            text = "copied " + keyText(_key) + buf;
-            if (_streamed) {
-                std::snprintf(buf, sizeof buf, ": %" PRIu64 " MB, %u vnodes",
-                              _last.src.megsProcessed, _last.src.vnodesProcessed);
-                text += buf;
-            }
-            if (!detail.empty()) text += " (" + detail + ")";
-        } else if (outcome == CopyOutcome::RolledBack) {
-            text = "copy of " + keyText(_key) + " failed and was rolled back: " + detail;
-        } else {
-            text = "copy of " + keyText(_key) + ": outcome unknown: " + detail;
-        }
-
-        if (_json) {
-            nlohmann::json obj = _endPhase == CopyPhase::Final ? reportJson(*_endReport, _endPhase)
-                                                               : nlohmann::json::object();
-            obj["event"] = "final";
-            obj["phase"] = copyPhaseName(_endPhase);
-            obj["outcome"] = copyOutcomeName(outcome);
-            obj["copy"] = keyJson(_key);
-            obj["name"] = name;
-            obj["elapsedSec"] = elapsed;
-            obj["message"] = text;
-            _ctx.out.result(obj, "");
-        } else if (outcome == CopyOutcome::Copied) {
-            std::printf("%s\n", text.c_str());
-            std::fflush(stdout);
-        } else {
-            std::fprintf(stderr, "voctl: %s\n", text.c_str());
-        }
-    }
-
-    Context& _ctx;
-    std::unique_ptr<VoClient> _c;  // null while vod cannot be reached
     const CopyKey _key;
-    const FollowOptions _fo;
-    const bool _json;
-    Notes _notes;
-    ProgressBar _bar;
-    bool _barShown = false;
-    bool _streamed = false;  // a report with stream counters was seen
-    VoCopyPgrsOut _last{};   // the last report with stream counters
-    XdrResult<VoCopyPgrsOut> _endReport;
-    CopyPhase _endPhase = CopyPhase::Gone;
+    const std::string _name;
 };
 
 struct CopyArgs {
@@ -441,20 +142,9 @@ int copyStart(Context& ctx, const CopyArgs& a) {
     in.vnameSink = const_cast<char*>(a.name.c_str());
     XdrResult<VoVidOut> res(xdr_VoVidOut);
     if (c->call(vocopy_1, &in, res.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
-    if (res->rc != voErrRcSuccess) {
-        VoOut out{res->rc, res->func, res->funcrc};
-        std::string msg = "copy of vfs " + std::to_string(key.srcVid) +
-                          " refused: " + tripleText(c.get(), res->rc, res->func, res->funcrc);
-        if (ctx.out.json()) {
-            nlohmann::json obj = voOutJson(out);
-            obj["event"] = "refused";
-            obj["error"] = msg;
-            obj["status"] = kExitVodFailure;
-            ctx.out.result(obj, "");
-        }
-        std::fprintf(stderr, "voctl: %s\n", msg.c_str());
-        return kExitVodFailure;
-    }
+    if (res->rc != voErrRcSuccess)
+        return reportRefusal(ctx, c.get(), "copy of vfs " + std::to_string(key.srcVid) + " refused",
+                             {res->rc, res->func, res->funcrc});
     key.sinkVid = res->vid;
 
     nlohmann::json started = keyJson(key);
@@ -470,7 +160,7 @@ int copyStart(Context& ctx, const CopyArgs& a) {
         return kExitOk;
     }
     ctx.out.result(started, startedText);
-    return CopyFollower(ctx, std::move(c), key, {a.name, a.intervalSec}).run();
+    return followStream(ctx, std::move(c), CopyOp(key, a.name), a.intervalSec);
 }
 
 struct KeyArgs {
@@ -487,82 +177,21 @@ int resolveKey(Context& ctx, const KeyArgs& a, CopyKey* key) {
 int copyProgress(Context& ctx, const KeyArgs& a) {
     CopyKey key;
     if (int rc = resolveKey(ctx, a, &key); rc != kExitOk) return rc;
-    auto c = ctx.connect();
-    if (!c) return kExitUnreachable;
-    XdrResult<VoCopyPgrsOut> r(xdr_VoCopyPgrsOut);
-    std::string why;
-    if (!pollCopy(*c, key, &r, &why)) return ctx.callFailed(*c);
-
-    CopyPhase phase = classifyCopyReport(*r);
-    if (phase == CopyPhase::Gone)
-        return ctx.out.failure(kExitVodFailure, "vod knows no copy of " + keyText(key));
-    bool failed = phase == CopyPhase::Final && outcomeOfFinalReport(*r) == CopyOutcome::RolledBack;
-
-    char buf[160];
-    std::vector<std::pair<std::string, std::string>> rows;
-    std::snprintf(buf, sizeof buf, "%" PRIu64, static_cast<uint64_t>(r->voOpid));
-    rows.push_back({"operation", buf});
-    std::string state = copyPhaseName(phase);
-    if (phase == CopyPhase::Final)
-        state += std::string(", ") + copyOutcomeName(outcomeOfFinalReport(*r));
-    rows.push_back({"state", state});
-    if (r->rc != voErrRcSuccess)
-        rows.push_back({"result", tripleText(c.get(), r->rc, r->func, r->funcrc)});
-    if (hasStreamCounters(*r)) {
-        static const char* const kStatus[] = {"running", "paused", "done"};
-        const char* status = r->src.status <= VoDone ? kStatus[r->src.status] : "?";
-        std::snprintf(buf, sizeof buf, "vfs %u, stream %s, completion %u", r->src.vfsId, status,
-                      r->src.completionCode);
-        rows.push_back({"source", buf});
-        std::snprintf(buf, sizeof buf, "vfs %u, %s, completion %u", r->sink.vfsId,
-                      r->sink.isDone ? "done" : "not done", r->sink.completionCode);
-        rows.push_back({"sink", buf});
-        std::snprintf(buf, sizeof buf, "%" PRIu64 " MB, %u/%u vnodes", r->src.megsProcessed,
-                      r->src.vnodesProcessed, r->src.vnodesTotal);
-        rows.push_back({"progress", buf});
-    }
-    if (failed) rows.push_back({"why", failureReasons(c.get(), *r)});
-
-    nlohmann::json obj = reportJson(*r, phase);
-    obj["copy"] = keyJson(key);
-    if (phase == CopyPhase::Final) obj["outcome"] = copyOutcomeName(outcomeOfFinalReport(*r));
-    ctx.out.result(obj, "copy of " + keyText(key) + "\n" + formatTable(rows, "  "));
-    return failed ? kExitVodFailure : kExitOk;
+    return showStreamState(ctx, CopyOp(key, ""));
 }
 
-// copy-pause, copy-resume and copy-cancel differ only in the call and the words.
-struct Control {
-    const char* verb;  // for messages: "pause"
-    const char* done;  // "paused"
-    clnt_stat (*stub)(VoVidLidIn*, VoOut*, CLIENT*);
-};
+using CopyStub = clnt_stat (*)(VoVidLidIn*, VoOut*, CLIENT*);
 
-int copyControl(Context& ctx, const Control& what, const KeyArgs& a) {
+// copy-pause, copy-resume and copy-cancel differ only in the call and the words.
+int copyControl(Context& ctx, const ControlWords& words, CopyStub stub, const KeyArgs& a) {
     CopyKey key;
     if (int rc = resolveKey(ctx, a, &key); rc != kExitOk) return rc;
     auto c = ctx.connect();
     if (!c) return kExitUnreachable;
     VoVidLidIn in = wireKey(key);
     XdrResult<VoOut> out(xdr_VoOut);
-    if (c->call(what.stub, &in, out.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
-
-    nlohmann::json obj = voOutJson(*out);
-    obj["copy"] = keyJson(key);
-    obj["action"] = what.verb;
-    if (out->rc == voErrRcSuccess) {
-        ctx.out.result(obj, std::string(what.done) + " copy of " + keyText(key));
-        return kExitOk;
-    }
-    std::string msg = std::string(what.verb) + " of copy " + keyText(key) +
-                      " failed: " + tripleText(c.get(), out->rc, out->func, out->funcrc);
-    if (out->rc == VoJobInit) msg += "; the copy has not started yet, try again in a moment";
-    if (ctx.out.json()) {
-        obj["error"] = msg;
-        obj["status"] = kExitVodFailure;
-        ctx.out.result(obj, "");
-    }
-    std::fprintf(stderr, "voctl: %s\n", msg.c_str());
-    return kExitVodFailure;
+    if (c->call(stub, &in, out.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
+    return reportControl(ctx, c.get(), words, "copy", keyText(key), keyJson(key), *out);
 }
 
 CLI::Validator volumeNameCheck() {
@@ -628,7 +257,7 @@ const CommandRegistrar progressReg(
 const CommandRegistrar pauseReg("copy-pause", "Pause a copy's stream", [](CLI::App& sub) -> Action {
     auto a = std::make_shared<KeyArgs>();
     addKeyArgs(sub, *a);
-    return [a](Context& ctx) { return copyControl(ctx, {"pause", "paused", vocopypause_1}, *a); };
+    return [a](Context& ctx) { return copyControl(ctx, {"pause", "paused"}, vocopypause_1, *a); };
 });
 
 const CommandRegistrar resumeReg(
@@ -636,7 +265,7 @@ const CommandRegistrar resumeReg(
         auto a = std::make_shared<KeyArgs>();
         addKeyArgs(sub, *a);
         return [a](Context& ctx) {
-            return copyControl(ctx, {"resume", "resumed", vocopyresume_1}, *a);
+            return copyControl(ctx, {"resume", "resumed"}, vocopyresume_1, *a);
         };
     });
 
@@ -646,7 +275,7 @@ const CommandRegistrar cancelReg(
         auto a = std::make_shared<KeyArgs>();
         addKeyArgs(sub, *a);
         return [a](Context& ctx) {
-            return copyControl(ctx, {"cancel", "cancelled", vocopycancel_1}, *a);
+            return copyControl(ctx, {"cancel", "cancelled"}, vocopycancel_1, *a);
         };
     });
 

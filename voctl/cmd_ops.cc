@@ -1,8 +1,6 @@
 // Recorded operations: voctl ops lists the VODB as the VLDB holds it (what is
 // in flight, whether or not vod runs); voctl purge drops one operation's
 // records through vod.
-#include <sys/time.h>
-
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
@@ -23,20 +21,13 @@ namespace {
 constexpr int kVodbEmpty = 135;
 
 int ops(Context& ctx, const std::string& vldbHost) {
-    timeval tv{static_cast<time_t>(ctx.opts.timeoutSec), 0};
-    CLIENT* vldb = clnt_create_timed(vldbHost.c_str(), VLDB_PROG, VLDB_VERS, "tcp", &tv);
-    if (vldb == nullptr)
-        return ctx.out.failure(kExitUnreachable,
-                               "VLDB: " + std::string(clnt_spcreateerror(vldbHost.c_str())));
-    clnt_control(vldb, CLSET_TIMEOUT, reinterpret_cast<char*>(&tv));
+    std::string err;
+    ServiceClient vldb = connectService(vldbHost, VLDB_PROG, VLDB_VERS, ctx.opts.timeoutSec, &err);
+    if (!vldb) return ctx.out.failure(kExitUnreachable, "VLDB: " + err);
     XdrResult<vodb_lookup_result> res(xdr_vodb_lookup_result);
-    clnt_stat st = vodb_lookup_3(nullptr, res.get(), vldb);
-    if (st != RPC_SUCCESS) {
-        std::string err = clnt_sperror(vldb, vldbHost.c_str());
-        clnt_destroy(vldb);
-        return ctx.out.failure(kExitUnreachable, "VLDB: " + err);
-    }
-    clnt_destroy(vldb);
+    if (vodb_lookup_3(nullptr, res.get(), vldb.get()) != RPC_SUCCESS)
+        return ctx.out.failure(kExitUnreachable,
+                               "VLDB: " + std::string(clnt_sperror(vldb.get(), vldbHost.c_str())));
     if (res->result != 0 && res->result != kVodbEmpty)
         return codeFailure(ctx, nullptr, "VODB lookup on " + vldbHost,
                            VO_ERR_VLDB_BASE + static_cast<unsigned>(res->result));

@@ -1,7 +1,11 @@
-// Reading a copy's progress reports. vod answers every poll with one
-// VoCopyPgrsOut; what state the copy is in has to be read from its rc and the
-// stream counters together, because a finished copy reports its final error
+// Reading a copy's or a move's progress reports. vod answers every poll with
+// one VoCopyPgrsOut (VoMovePgrsOut for a move, the same fields and the pass);
+// what state the operation is in has to be read from its rc and the stream
+// counters together, because a finished operation reports its final error
 // triple in the same rc field that otherwise says "still going".
+//
+// The readings take any record with the fields rc, func, src and sink: the
+// wire records themselves, or the StreamReport the tool keeps of either.
 //
 // Header-only so that the tests can use it without linking the tool.
 #ifndef VOCTL_COPY_REPORT_H
@@ -52,11 +56,47 @@ inline const char* copyPhaseName(CopyPhase p) {
     return "?";
 }
 
-// True when the report carries counters of a D-blade stream. A copy that vod
-// rebuilt after a restart has none: its stream died with the old vod.
-inline bool hasStreamCounters(const VoCopyPgrsOut& r) { return r.src.vfsId != 0; }
+// One progress report of a copy or a move, copied out of the reply: the
+// records hold no heap memory, so a plain copy is the whole report.
+struct StreamReport {
+    uint64_t voOpid = 0;  // a move's is 0 unless the operation fills it
+    voErrRc rc = voErrRcSuccess;
+    voErrFunc func = voErrFuncSuccess;
+    unsigned funcrc = 0;
+    VoSrcPgrs src{};
+    VoSinkPgrs sink{};
+    int pass = -1;  // a move's pass (loopNum); -1 for a copy
+    bool finalPass = false;
+};
 
-inline CopyPhase classifyCopyReport(const VoCopyPgrsOut& r) {
+template <typename Reply>
+StreamReport streamReportOf(const Reply& r) {
+    StreamReport s;
+    s.voOpid = r.voOpid;
+    s.rc = r.rc;
+    s.func = r.func;
+    s.funcrc = r.funcrc;
+    s.src = r.src;
+    s.sink = r.sink;
+    return s;
+}
+
+inline StreamReport streamReportOf(const VoMovePgrsOut& r) {
+    StreamReport s = streamReportOf<VoMovePgrsOut>(r);
+    s.pass = r.loopNum;
+    s.finalPass = r.isFinalLoop != 0;
+    return s;
+}
+
+// True when the report carries counters of a D-blade stream. An operation
+// that vod rebuilt after a restart has none: its stream died with the old vod.
+template <typename Report>
+bool hasStreamCounters(const Report& r) {
+    return r.src.vfsId != 0;
+}
+
+template <typename Report>
+CopyPhase classifyCopyReport(const Report& r) {
     switch (r.rc) {
         case VoJobInit:
             return CopyPhase::Initialising;
@@ -86,8 +126,8 @@ inline CopyPhase classifyCopyReport(const VoCopyPgrsOut& r) {
 }
 
 enum class CopyOutcome {
-    Copied,      // the sink holds the source's contents and is registered
-    RolledBack,  // the copy failed or was cancelled; the sink is gone
+    Copied,      // the sink holds the source's contents and is registered (moved, for a move)
+    RolledBack,  // the operation failed or was cancelled; the sink is gone
     Unknown      // the report cannot tell: ask the VLDB whether the sink exists
 };
 
@@ -105,7 +145,8 @@ inline const char* copyOutcomeName(CopyOutcome o) {
 
 // The outcome a final report shows: the tests vod itself applies before it
 // commits a copy, plus a clean error triple.
-inline CopyOutcome outcomeOfFinalReport(const VoCopyPgrsOut& r) {
+template <typename Report>
+CopyOutcome outcomeOfFinalReport(const Report& r) {
     if (r.rc == voErrRcSuccess && !hasStreamCounters(r)) return CopyOutcome::Unknown;
     bool streamOk = r.src.status == VoDone && r.src.completionCode == 0 && r.sink.isDone != 0 &&
                     (r.sink.completionCode == 0 || r.sink.completionCode == kSinkUpToDate);

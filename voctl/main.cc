@@ -5,6 +5,7 @@
 #include <string>
 
 #include "voctl/command.h"
+#include "votrace.h"
 
 // Sanitizer builds only: libtirpc keeps a few bytes it never frees when the
 // port-mapper lookup of clnt_create fails. The library has no frame pointers,
@@ -46,6 +47,9 @@ int main(int argc, char** argv) {
         return rc == 0 ? kExitOk : kExitUsage;
     }
 
+    // The daemon's remote-call helpers that some subcommands borrow trace to
+    // standard output; voctl reports their failures itself.
+    VoTrace::setMask(0);
     Context ctx{opts, Output(opts.json)};
     return chosen(ctx);
 }

@@ -952,6 +952,13 @@ unsigned VoMoveState::concludeRegularMove(CLIENT* clntVldb, CLIENT* clntSrcDblad
     if (_rollForward) {
         // The pass is done; the next one is not until it has run.
         _rollForward = false;
+        // Until the next pass's stream is known to the D-blade, a poll would
+        // find the last one forgotten and take the move for ended: handlers
+        // answer VoJobInit meanwhile, as for a move not yet started. start()
+        // leaves the state at VO_JOB_STARTED.
+        getLock();
+        setJobState(VO_JOB_INIT);
+        releaseLock();
         VO_TR(vo_vod, vo_audit, "opid=%lld call prepare\n", opid);
         unsigned r = prepare(clntVldb, clntSrcDbladeVol);
         if (r != 0) {
@@ -965,6 +972,7 @@ unsigned VoMoveState::concludeRegularMove(CLIENT* clntVldb, CLIENT* clntSrcDblad
             }
             VO_TR(vo_vod, vo_warn, "opid=%lld failed to start next pass\n", opid);
         }
+        setJobState(VO_JOB_STARTED);
         if (_rollForward) {
             VO_TR(vo_vod, vo_warn, "opid=%lld expect _rollforward to be FALSE!\n", opid);
             _rollForward = false;
