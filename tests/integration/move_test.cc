@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -187,16 +188,50 @@ TEST_F(MoveTest, AWriterMakesMorePassesAndANeverSettlingSourceStopsAtTheLimit) {
     // final-pass gap, so passes 0 to 4 run and the sixth is refused.
     const uint32_t restless = filled("mv.restless", "lp1a", 10, 4096);
     const std::string before = checksum(restless, "lp1a");
-    sim({"writer", "start", std::to_string(restless), "lp1a", "50", "--dver-step", "20000"});
+    // Each pass carries at least one changed 64 KiB file at 512 KiB/s, long
+    // enough for the writer to change the source again meanwhile.
+    sim({"writer", "start", std::to_string(restless), "lp1a", "50", "--bytes", "65536",
+         "--dver-step", "20000"});
+    speed(512);
     expectTriple(startMove(restless, "lp1a", "lp2b"), 0, 0, 0, "start");
     ASSERT_TRUE(waitVodbEmpty(90));
     sim({"writer", "stop", std::to_string(restless), "lp1a"});
+    speed(0);
     VoMovePgrsOut last = moveProgress(restless, "lp1a");
     expectTriple(last, voErrValidate, voErrVodValidate, VOD_ERR_TOO_MANY_MOVE_PASSES, "limit");
     EXPECT_FALSE(vldbRecord(restless, "lp1a").is_null());
     EXPECT_TRUE(vldbRecord(restless, "lp2b").is_null());
     expectVldbAgreesWithDblades();
     (void)before;
+}
+
+// voctl follows the passes and reports the outcome the VLDB confirms.
+TEST_F(MoveTest, VoctlFollowsEveryPassToTheOutcome) {
+    const uint32_t vid = filled("mv.tool", "lp1a", 40, 64 * 1024);
+    sim({"writer", "start", std::to_string(vid), "lp1a", "100", "--files", "10"});
+    speed(8192);
+    RunResult tool = runProgram(voctlBinary(),
+                                {"--json", "move", std::to_string(vid), "lp1a", "lp2b",
+                                 "--interval", "0.02"},
+                                120);
+    sim({"writer", "stop", std::to_string(vid), "lp1a"});
+    speed(0);
+    ASSERT_EQ(tool.status, 0) << tool.out << tool.err;
+    std::istringstream lines(tool.out);
+    std::string line;
+    json fin;
+    bool sawFinalPass = false;
+    while (std::getline(lines, line)) {
+        json j = json::parse(line, nullptr, false);
+        if (j.is_discarded()) continue;
+        if (j["event"] == "progress" && j.value("finalPass", false)) sawFinalPass = true;
+        if (j["event"] == "final") fin = j;
+    }
+    EXPECT_EQ(fin["outcome"], "moved") << tool.out;
+    EXPECT_TRUE(sawFinalPass) << tool.out;
+    ASSERT_TRUE(waitVodbEmpty(30));
+    EXPECT_FALSE(vldbRecord(vid, "lp2b").is_null());
+    expectVldbAgreesWithDblades();
 }
 
 // ---- refusals
