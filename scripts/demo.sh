@@ -245,6 +245,32 @@ step_copy() {
   run voctl ops
 }
 
+step_move() {
+  say "Move gamma to lp2a while a writer keeps changing ten of its files, 20 times a second"
+  run voctl move --dry-run "$GAMMA" lp1a lp2a
+  run vodsimctl writer start "$GAMMA" lp1a 20 --files 10
+  # Slowed to 8 MiB/s so that the passes can be watched converging.
+  vodsimctl stream-speed 8192 >/dev/null
+  trace_mark
+  run voctl move "$GAMMA" lp1a lp2a --interval 0.1
+  vodsimctl stream-speed 0 >/dev/null
+  quote_trace 'too many changes|_isFinal = 1|final pass of local move|incrcopymove_1 succeeded|_rollForward=1|vldbDeleteRecord vfsid|deleteOpSrc' \
+    'vodb_delete_by_opid_3 opid'
+  echo "Every pass streamed what changed since the last one, from a fresh clone; once the"
+  echo "source had nearly settled, the final pass stopped it, sent the rest, and the volume"
+  echo "took its own id on lp2a. The old source, the clones and the op sink are gone."
+  printf '$ %s\n' "vodsimctl writer stop $GAMMA lp1a"
+  vodsimctl writer stop "$GAMMA" lp1a
+  say "gamma lives on lp2a now, under its own id, with the writer's last change"
+  local a
+  a=$(vodsimctl vol-checksum "$GAMMA" lp2a)
+  printf 'gamma (vfs %s on lp2a): %s\n' "$GAMMA" "$a"
+  run vodsimctl move-stats
+  run vodsimctl vldb "$GAMMA"
+  run_list vodsimctl vol-list lp1a
+  run_list voctl ops
+}
+
 step_stop() {
   say "Stop vod and the simulator"
   kill "$VOD_PID"
@@ -268,6 +294,7 @@ STEPS=(
   step_interrupted_delete
   step_crash_and_recover
   step_copy
+  step_move
   step_stop
 )
 
