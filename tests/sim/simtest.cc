@@ -146,7 +146,7 @@ std::string SimProcess::log() const {
 }
 
 void SimTest::SetUp() {
-  if (!sandboxed()) GTEST_SKIP() << "no private sandbox for the simulator: " << whyNotSandboxed();
+  VODTEST_REQUIRE_SANDBOX();
   char tmpl[] = "/tmp/vodsim-test-XXXXXX";
   ASSERT_NE(mkdtemp(tmpl), nullptr) << std::strerror(errno);
   scratch = tmpl;
