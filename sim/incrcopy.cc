@@ -358,6 +358,12 @@ unsigned simStreamStart(uint64_t opId, unsigned opType, const SimLpId& srcLp, ui
     return 0;
 }
 
+uint16_t simStreamDblade(uint64_t opId) {
+    Stream* st = findStream(opId);
+    const SimLp* lp = st ? SimNode::get().findLp(st->srcLp.data()) : nullptr;
+    return lp ? lp->did : 0;
+}
+
 bool simStreamProgress(uint64_t opId, SimStreamProgress* out) {
     Stream* st = findStream(opId);
     if (!st) return false;

@@ -4,8 +4,10 @@
 // can run side by side, and leave no process behind.
 //
 // The test binary's main calls Node::enterSandbox() first; it re-executes the
-// binary as pid 1 of fresh namespaces (loopback up, private /run and
-// /var/log, rpcbind running). When the namespaces end, so does every process
+// binary as pid 1 of fresh namespaces (loopback up and carrying 127.0.0.1 to
+// 127.0.0.8, a private /etc/hosts that names them dblade1 to dblade8, private
+// /run and /var/log, rpcbind running). D-blade n of the simulated cluster
+// answers at 127.0.0.n. When the namespaces end, so does every process
 // in them. Tests use NodeTest as their fixture: when the sandbox could not be
 // had it fails, with the reason, under CI=true or as root (where a sandbox is
 // expected, so a run must not go green having run nothing); a developer
@@ -136,7 +138,8 @@ class Node {
     // Call first in main, before InitGoogleTest. Outside the sandbox:
     // re-executes this binary inside unshare and never returns, or returns
     // unsandboxed when that cannot be done (see sandboxed()). Inside: brings
-    // up loopback, mounts private /run and /var/log and starts rpcbind; exits
+    // up loopback with the D-blade addresses, mounts private /run, /var/log
+    // and /etc/hosts (with the D-blade names) and starts rpcbind; exits
     // with status 1 if that fails. Listing the tests needs no sandbox.
     static void enterSandbox(int argc, char** argv);
     static bool sandboxed();
