@@ -103,7 +103,7 @@ step_create() {
   out=$("$VOCTL" --json create alpha lp1a vs1)
   echo "$out"
   ALPHA=$(json_number vfsid "$out")
-  run "$VOCTL" create beta lp2a vs2
+  run "$VOCTL" create beta lp1b vs2
   BETA=$(json_number vfsid "$("$VOCTL" --json find beta)")
 }
 

@@ -239,6 +239,7 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
   uint16_t did = 0;
   std::string why;
   if (!takeDbladeOption(&a, &did, &why)) return fail(why);
+  if (a.empty()) return fail(kFaultUsage);
   const std::string verb = a[0];
   const bool aimable = verb == "status" || verb == "drop" || verb == "lose-reply" ||
                        verb == "delay" || verb == "hold" || verb == "refuse";
