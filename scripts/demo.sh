@@ -149,7 +149,7 @@ step_create() {
   out=$(voctl --json create alpha lp1a vs1)
   echo "$out"
   ALPHA=$(json_number vfsid "$out")
-  run voctl create beta lp2a vs2
+  run voctl create beta lp1b vs2
   BETA=$(json_number vfsid "$(voctl --json find beta)")
 }
 

@@ -5,6 +5,12 @@
 # loopback, private /run and /var/log (tmpfs), its own rpcbind, and a private
 # pid namespace, so that every process started inside ends with CMD. The
 # machine's own rpcbind and logs are never touched. Needs root.
+#
+# D-blade n of the simulated cluster answers at 127.0.0.n: loopback carries
+# 127.0.0.1 to 127.0.0.8 (rpcbind tells a client of 127.0.0.n to go there only
+# when it is an address of the node's), and a private /etc/hosts (a copy of the
+# machine's, bind-mounted over it) names them dblade1 to dblade8. The
+# whole-node tests set up the same (tests/integration/node.cc).
 set -euo pipefail
 
 if [[ "${VOD_NODE_SANDBOX_INNER:-}" != 1 ]]; then
@@ -30,6 +36,16 @@ mount -t tmpfs -o mode=0755 tmpfs /run
 mkdir -p /run/rpcbind
 chown _rpc: /run/rpcbind 2>/dev/null || true
 mount -t tmpfs -o mode=0755 tmpfs /var/log
+
+for n in $(seq 2 8); do
+  ip addr add "127.0.0.$n/8" dev lo label "lo:$n"
+done
+{
+  cat /etc/hosts
+  echo "# node sandbox: D-blade n of the simulated cluster"
+  for n in $(seq 1 8); do echo "127.0.0.$n dblade$n"; done
+} >/run/vod-sandbox-hosts
+mount --bind /run/vod-sandbox-hosts /etc/hosts
 
 rpcbind -f -w >/var/log/rpcbind.out 2>&1 &
 for _ in $(seq 150); do

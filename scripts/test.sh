@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything with warnings as errors and with the address and
 # undefined-behaviour sanitizers, then runs every test. Integration tests
-# need root (they run each case on a private node sandbox) and skip without it.
+# need root (they run each case on a private node sandbox); without it they
+# fail under CI=true and skip otherwise.
 # Exits non-zero on any failure.
 set -euo pipefail
 ROOT=$(cd "$(dirname "$0")/.." && pwd)

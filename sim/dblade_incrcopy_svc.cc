@@ -1,4 +1,7 @@
 // DBLADE_INCRCOPY_PROG service functions: the wire side of the incremental-copy streams.
+// A stream is run by its source's D-blade, which alone knows it: another D-blade asked
+// about it answers that it has no such stream, and one asked to start a stream from an LP
+// it does not serve answers as for an unknown LP.
 
 #include <cstdlib>
 #include <cstring>
@@ -16,10 +19,20 @@ namespace {
 // More sinks than any node has LPs is a malformed request, not a reason to allocate.
 constexpr u_int kMaxSinks = 1024;
 
+// The form of the procedures that name a stream by its id.
+template <typename Fn>
+bool_t serveStream(const char* proc, u_int* status, uint64_t opId, Fn fn) {
+    return simServeStatus(proc, status, [&]() -> unsigned {
+        if (simStreamDblade(opId) != simServingDblade()) return VIC_EOPNOTFOUND;
+        return fn();
+    });
+}
+
 }  // namespace
 
 bool_t incrcopymirror_1_svc(IncrCopyMirrorIn* in, u_int* out, struct svc_req*) {
-    return simServeStatus("incrcopymirror", out, [&]() -> unsigned {
+    return simServeOnLps("incrcopymirror", out, VIC_ELPNOTFOUND, {in->srcLpUuid},
+                         [&]() -> unsigned {
         u_int n = in->numDests;
         if (n == 0 || n > kMaxSinks || in->dstBladeId.dstBladeId_len != n ||
             in->dstVfsId.dstVfsId_len != n || in->dstLpUuid.dstLpUuid_len != n)
@@ -62,7 +75,7 @@ bool_t tcpvfsrestore_1_svc(TcpVfsRestoreIn*, u_int* out, struct svc_req*) {
 bool_t incrcopyprogress_1_svc(u_quad_t* opId, IncrCopyProgressOut* out, struct svc_req*) {
     // The dispatcher neither clears the result nor skips freeing it.
     memset(out, 0, sizeof *out);
-    return simServeStatus("incrcopyprogress", &out->rc, [&]() -> unsigned {
+    return serveStream("incrcopyprogress", &out->rc, *opId, [&]() -> unsigned {
         SimStreamProgress p;
         if (!simStreamProgress(*opId, &p)) return VIC_EOPNOTFOUND;
         IncrCopyPgrsOut& o = out->IncrCopyProgressOut_u.out;
@@ -95,19 +108,19 @@ bool_t incrcopyprogress_1_svc(u_quad_t* opId, IncrCopyProgressOut* out, struct s
 }
 
 bool_t incrcopypause_1_svc(u_quad_t* opId, u_int* out, struct svc_req*) {
-    return simServeStatus("incrcopypause", out, [&] { return simStreamPause(*opId); });
+    return serveStream("incrcopypause", out, *opId, [&] { return simStreamPause(*opId); });
 }
 
 bool_t incrcopyresume_1_svc(u_quad_t* opId, u_int* out, struct svc_req*) {
-    return simServeStatus("incrcopyresume", out, [&] { return simStreamResume(*opId); });
+    return serveStream("incrcopyresume", out, *opId, [&] { return simStreamResume(*opId); });
 }
 
 bool_t incrcopyconclude_1_svc(u_quad_t* opId, u_int* out, struct svc_req*) {
-    return simServeStatus("incrcopyconclude", out, [&] { return simStreamConclude(*opId); });
+    return serveStream("incrcopyconclude", out, *opId, [&] { return simStreamConclude(*opId); });
 }
 
 bool_t incrcopycancel_1_svc(IncrCopyCancelIn* in, u_int* out, struct svc_req*) {
-    return simServeStatus("incrcopycancel", out, [&] {
+    return serveStream("incrcopycancel", out, in->opId, [&] {
         return simStreamCancel(in->opId, in->dstVfsId, simLpId(in->dstLpUuid));
     });
 }

@@ -1,5 +1,6 @@
 // DBLADE_VOL_PROG service functions: the D-blade volume service of every D-blade of the
-// node (requests name the LP, and the store knows which D-blade owns it).
+// node.  Each D-blade serves its own LPs only: a request about another D-blade's LP finds
+// no volume there (21), as it would on a separate machine.
 
 #include <algorithm>
 #include <cstdlib>
@@ -84,26 +85,27 @@ void fillGetattr(const SimVolume& v, tarn_volgattrx_t* o) {
 }  // namespace
 
 bool_t volcreate_1_svc(VolCreateIn* in, VolCreateOut_t* out, struct svc_req*) {
-    return simServeStatus("volcreate", &out->returnCode, [&] {
+    return simServeOnLps("volcreate", &out->returnCode, TARN_ERR_LPMMISMATCH, {in->lpUUID}, [&] {
         return SimVolStore::get().create(simLpId(in->lpUUID), in->vfsID, in->set_attrs.how,
                                          fromWire(in->set_attrs.attrs));
     });
 }
 
 bool_t voldelete_1_svc(VolDeleteIn* in, VolDeleteOut_t* out, struct svc_req*) {
-    return simServeStatus("voldelete", &out->returnCode,
-                 [&] { return SimVolStore::get().remove(simLpId(in->lpUUID), in->vfsID); });
+    return simServeOnLps("voldelete", &out->returnCode, TARN_ERR_LPMMISMATCH, {in->lpUUID},
+                         [&] { return SimVolStore::get().remove(simLpId(in->lpUUID), in->vfsID); });
 }
 
 bool_t volclone_1_svc(VolCloneIn* in, VolCloneOut_t* out, struct svc_req*) {
-    return simServeStatus("volclone", &out->returnCode, [&] {
+    return simServeOnLps("volclone", &out->returnCode, TARN_ERR_LPMMISMATCH, {in->lpUUID}, [&] {
         return SimVolStore::get().clone(simLpId(in->lpUUID), in->srcVfsID, in->cloneVfsID);
     });
 }
 
 bool_t volgetattr_1_svc(VolGetattrIn* in, VolGetattrOut_t* out, struct svc_req*) {
     clearGetattr(out);
-    return simServeStatus("volgetattr", &out->returnCode, [&]() -> unsigned {
+    return simServeOnLps("volgetattr", &out->returnCode, TARN_ERR_LPMMISMATCH, {in->lpUUID},
+                         [&]() -> unsigned {
         SimVolume* v;
         if (unsigned st = SimVolStore::get().locate(simLpId(in->lpUUID), in->vfsID, &v)) return st;
         if (v->hidden) return TARN_ERR_VOLHIDDEN;
@@ -115,14 +117,15 @@ bool_t volgetattr_1_svc(VolGetattrIn* in, VolGetattrOut_t* out, struct svc_req*)
 bool_t volsetattr_1_svc(VolSetattrIn* in, VolSetattrOut_t* out, struct svc_req*) {
     // vnode and unique name the object inside the volume; every settable attribute here
     // belongs to the volume itself, so they are not consulted.
-    return simServeStatus("volsetattr", &out->returnCode, [&] {
+    return simServeOnLps("volsetattr", &out->returnCode, TARN_ERR_LPMMISMATCH, {in->lpUUID}, [&] {
         return SimVolStore::get().setAttrs(simLpId(in->lpUUID), in->vfsID, in->set_attrs.how,
                                            fromWire(in->set_attrs.attrs));
     });
 }
 
 bool_t volswapvolid_1_svc(VolSwapVolIdIn* in, VolSwapVolIdOut_t* out, struct svc_req*) {
-    return simServeStatus("volswapvolid", &out->returnCode, [&] {
+    return simServeOnLps("volswapvolid", &out->returnCode, TARN_ERR_LPMMISMATCH,
+                         {in->lpUUID1, in->lpUUID2}, [&] {
         return SimVolStore::get().swapIds(simLpId(in->lpUUID1), in->vfsID1,
                                           simLpId(in->lpUUID2), in->vfsID2, in->vfsIDTemp);
     });

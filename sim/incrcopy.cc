@@ -467,6 +467,12 @@ void simStreamForget(uint64_t opId) {
     }
 }
 
+uint16_t simStreamDblade(uint64_t opId) {
+    Stream* st = findStream(opId);
+    const SimLp* lp = st ? SimNode::get().findLp(st->srcLp.data()) : nullptr;
+    return lp ? lp->did : 0;
+}
+
 bool simStreamProgress(uint64_t opId, SimStreamProgress* out) {
     Stream* st = findStream(opId);
     if (!st) return false;

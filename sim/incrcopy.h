@@ -55,6 +55,8 @@ struct SimStreamProgress {
 unsigned simStreamStart(uint64_t opId, unsigned opType, const SimLpId& srcLp, uint32_t srcVfsid,
                         const std::vector<SimSinkSpec>& sinks);
 
+// The D-blade running the stream (its source LP's), 0 when the stream is unknown.
+uint16_t simStreamDblade(uint64_t opId);
 // False when the stream is unknown.
 bool simStreamProgress(uint64_t opId, SimStreamProgress* out);
 unsigned simStreamPause(uint64_t opId);

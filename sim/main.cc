@@ -3,6 +3,11 @@
 // copy and LP management programs, each on a TCP port of its own registered with the
 // local rpcbind.
 //
+// Each D-blade answers at its own address, as separate machines would: the port mapper
+// keeps one port per program, so a D-blade program listens on that one port at every
+// D-blade's address, and a connection is served as the D-blade whose address it came in
+// on.  The node's own programs listen on every address.
+//
 // Calls are served one thread per connection rather than by svc_run(): a call held or
 // delayed by an injected fault then stops only its own caller, as a slow server would.
 
@@ -56,17 +61,26 @@ struct Program {
   rpcprog_t prog;
   rpcvers_t vers;
   void (*dispatch)(svc_req*, SVCXPRT*);
-  int listenFd;
+  bool perDblade;  // one listening socket per D-blade address, else one on every address
 };
 
-Program gPrograms[] = {
-    {"vldb", VLDB_PROG, VLDB_VERS, vldb_prog_3, -1},
-    {"dldb", DLDB_PROG, DLDB_VERS, dldb_prog_1, -1},
-    {"coord", COORD_PROG, COORD_VERS, coord_prog_1, -1},
-    {"dblade_lpm", DBLADE_LPM_PROG, DBLADE_LPM_VERS, dblade_lpm_prog_1, -1},
-    {"dblade_vol", DBLADE_VOL_PROG, DBLADE_VOL_VERS, dblade_vol_prog_1, -1},
-    {"dblade_incrcopy", DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS, dblade_incrcopy_prog_1, -1},
+const Program kPrograms[] = {
+    {"vldb", VLDB_PROG, VLDB_VERS, vldb_prog_3, false},
+    {"dldb", DLDB_PROG, DLDB_VERS, dldb_prog_1, false},
+    {"coord", COORD_PROG, COORD_VERS, coord_prog_1, false},
+    {"dblade_lpm", DBLADE_LPM_PROG, DBLADE_LPM_VERS, dblade_lpm_prog_1, true},
+    {"dblade_vol", DBLADE_VOL_PROG, DBLADE_VOL_VERS, dblade_vol_prog_1, true},
+    {"dblade_incrcopy", DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS, dblade_incrcopy_prog_1, true},
 };
+
+// One listening socket: a program, and the D-blade it serves (0 for the node's programs).
+struct Listener {
+  const Program* program;
+  uint16_t did;
+  int fd;
+};
+
+std::vector<Listener> gListeners;
 
 int gSignalPipe[2] = {-1, -1};
 
@@ -128,29 +142,90 @@ bool makeDirs(const std::string& path) {
   return true;
 }
 
-// A listening TCP socket on a port of the kernel's choice, made into a service transport
-// and registered for the program with rpcbind.
-bool listenFor(Program& p) {
+// A listening TCP socket at addr (host order) and port (0: the kernel's choice); -1 with
+// errno set on failure.
+int listenAt(uint32_t addr, uint16_t port) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+  if (fd < 0) return -1;
   int one = 1;
-  if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0) return false;
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_ANY);
-  // The transport does not listen on a socket handed to it already bound.
-  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, SOMAXCONN) != 0) return false;
-  SVCXPRT* xprt = svctcp_create(fd, 0, 0);
-  if (!xprt) return false;
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_addr.s_addr = htonl(addr);
+  sa.sin_port = htons(port);
+  if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+      bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || listen(fd, SOMAXCONN) != 0) {
+    int e = errno;
+    close(fd);
+    errno = e;
+    return -1;
+  }
+  return fd;
+}
+
+uint16_t portOf(int fd) {
+  sockaddr_in sa{};
+  socklen_t len = sizeof sa;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len);
+  return ntohs(sa.sin_port);
+}
+
+// The program's listening sockets: one on every address, or one per D-blade address, all
+// on the port of the first (the kernel's choice; another is tried when a later address
+// has it taken).  Registered once with rpcbind.
+bool listenFor(const Program& p, const std::vector<SimDblade>& dblades, std::string* err) {
+  std::vector<Listener> made;
+  auto closeMade = [&] {
+    for (const Listener& l : made) close(l.fd);
+    made.clear();
+  };
+  for (int attempt = 0; attempt < 20 && made.empty(); ++attempt) {
+    if (!p.perDblade) {
+      int fd = listenAt(INADDR_ANY, 0);
+      if (fd < 0) {
+        *err = std::strerror(errno);
+        return false;
+      }
+      made.push_back({&p, 0, fd});
+      break;
+    }
+    uint16_t port = 0;
+    for (const SimDblade& d : dblades) {
+      int fd = listenAt(d.addr, port);
+      if (fd < 0) {
+        int e = errno;
+        closeMade();
+        if (e != EADDRINUSE) {
+          *err = "D-blade " + std::to_string(d.did) + " at " + simAddrText(d.addr) + ": " +
+                 std::strerror(e);
+          return false;
+        }
+        break;
+      }
+      if (port == 0) port = portOf(fd);
+      made.push_back({&p, d.did, fd});
+    }
+  }
+  if (made.empty()) {
+    *err = "no port free at every D-blade's address";
+    return false;
+  }
+  // The transport registers the port; the accept loop takes the connections itself.
+  SVCXPRT* xprt = svctcp_create(made.front().fd, 0, 0);
   pmap_unset(p.prog, p.vers);
-  if (!svc_register(xprt, p.prog, p.vers, p.dispatch, IPPROTO_TCP)) return false;
-  p.listenFd = fd;
+  if (!xprt || !svc_register(xprt, p.prog, p.vers, p.dispatch, IPPROTO_TCP)) {
+    *err = "cannot register with rpcbind (is it running?)";
+    closeMade();
+    return false;
+  }
+  gListeners.insert(gListeners.end(), made.begin(), made.end());
   return true;
 }
 
 // Serves one connection until the client goes.  The transport closes its socket when the
 // connection dies inside svc_getreq_common(); the socket's inode tells whether the number
 // still belongs to this connection.
-void serveConnection(int fd) {
+void serveConnection(int fd, uint16_t did) {
+  simSetServingDblade(did);
   struct stat first {};
   if (fstat(fd, &first) != 0) return;
   for (;;) {
@@ -172,7 +247,7 @@ void resetConnection(int fd) {
 
 void acceptLoop() {
   std::vector<pollfd> fds;
-  for (const Program& p : gPrograms) fds.push_back({p.listenFd, POLLIN, 0});
+  for (const Listener& l : gListeners) fds.push_back({l.fd, POLLIN, 0});
   fds.push_back({gSignalPipe[0], POLLIN, 0});
   for (;;) {
     if (poll(fds.data(), fds.size(), -1) < 0) {
@@ -183,9 +258,10 @@ void acceptLoop() {
     if (fds.back().revents) return;
     for (size_t i = 0; i + 1 < fds.size(); ++i) {
       if (!fds[i].revents) continue;
-      int fd = accept4(fds[i].fd, nullptr, nullptr, SOCK_CLOEXEC);
+      const Listener& l = gListeners[i];
+      int fd = accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd < 0) continue;
-      if (simRefuseConnection(gPrograms[i].name)) {
+      if (simRefuseConnection(l.program->name, l.did)) {
         resetConnection(fd);
         continue;
       }
@@ -193,9 +269,13 @@ void acceptLoop() {
         close(fd);
         continue;
       }
-      std::thread(serveConnection, fd).detach();
+      std::thread(serveConnection, fd, l.did).detach();
     }
   }
+}
+
+void unregisterAll() {
+  for (const Program& p : kPrograms) pmap_unset(p.prog, p.vers);
 }
 
 }  // namespace
@@ -235,10 +315,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "vodsim: %s\n", err.c_str());
     return 1;
   }
-  for (Program& p : gPrograms) {
-    if (!listenFor(p)) {
-      std::fprintf(stderr, "vodsim: cannot serve %s (is rpcbind running?): %s\n", p.name, std::strerror(errno));
-      for (Program& q : gPrograms) pmap_unset(q.prog, q.vers);
+  for (const Program& p : kPrograms) {
+    if (!listenFor(p, node.dblades, &err)) {
+      std::fprintf(stderr, "vodsim: cannot serve %s: %s\n", p.name, err.c_str());
+      unregisterAll();
       simControlStop();
       return 1;
     }
@@ -251,7 +331,7 @@ int main(int argc, char** argv) {
 
   acceptLoop();
 
-  for (Program& p : gPrograms) pmap_unset(p.prog, p.vers);
+  unregisterAll();
   simControlStop();
   // Calls may still be running: close the database between two of them and leave without
   // running destructors under their feet.

@@ -115,8 +115,11 @@ std::string dbladesCommand(std::vector<std::string> a, bool* ok) {
   if (json) o << "[";
   bool first = true;
   for (const SimDblade& d : node.dblades) {
-    if (json) o << (first ? "" : ",") << "{\"did\":" << d.did << ",\"host\":" << jsonString(d.host) << "}";
-    else o << d.did << " " << d.host << "\n";
+    if (json)
+      o << (first ? "" : ",") << "{\"did\":" << d.did << ",\"host\":" << jsonString(d.host)
+        << ",\"addr\":" << jsonString(simAddrText(d.addr)) << "}";
+    else
+      o << d.did << " " << d.host << " " << simAddrText(d.addr) << "\n";
     first = false;
   }
   if (json) o << "]\n";
@@ -397,7 +400,7 @@ std::string vodbDeleteCommand(std::vector<std::string> a, bool* ok) {
 
 void simRegisterNodeCommands() {
   simRegisterCommand("lps", "lps [--json]                          LPs: id, D-blade, state, size, used", lpsCommand);
-  simRegisterCommand("dblades", "dblades [--json]                      D-blades and their hosts", dbladesCommand);
+  simRegisterCommand("dblades", "dblades [--json]                      D-blades, their hosts and addresses", dbladesCommand);
   simRegisterCommand("vservers", "vservers [--json]                     virtual servers", vserversCommand);
   simRegisterCommand("lp-create", "lp-create NAME DBLADE SIZE_MB [LPID]  add an LP (prints its id)", lpCreateCommand);
   simRegisterCommand("lp-state", "lp-state LP STATE                     created|formatting|busy|waiting|online|N",

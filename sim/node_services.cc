@@ -6,6 +6,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -27,17 +28,19 @@ T* allocArray(size_t n) {
   return static_cast<T*>(std::calloc(n ? n : 1, sizeof(T)));
 }
 
-// Every IPv4 address of this machine, loopback first.
+// The node's addresses: loopback first, then each D-blade's in layout order, then every
+// other IPv4 address of this machine.  The caller holds SimNode::lock().
 std::vector<u_int> nodeAddresses() {
   std::vector<u_int> out{INADDR_LOOPBACK};
+  auto add = [&out](u_int ip) {
+    if (std::find(out.begin(), out.end(), ip) == out.end()) out.push_back(ip);
+  };
+  for (const SimDblade& d : SimNode::get().dblades) add(d.addr);
   ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0) return out;
   for (ifaddrs* a = list; a; a = a->ifa_next) {
     if (!a->ifa_addr || a->ifa_addr->sa_family != AF_INET || !(a->ifa_flags & IFF_UP)) continue;
-    u_int ip = ntohl(reinterpret_cast<sockaddr_in*>(a->ifa_addr)->sin_addr.s_addr);
-    bool seen = false;
-    for (u_int have : out) seen = seen || have == ip;
-    if (!seen) out.push_back(ip);
+    add(ntohl(reinterpret_cast<sockaddr_in*>(a->ifa_addr)->sin_addr.s_addr));
   }
   freeifaddrs(list);
   return out;
@@ -127,11 +130,14 @@ int coord_prog_1_freeresult(SVCXPRT* x, xdrproc_t f, caddr_t r) { return simFree
 
 // --- LP management ---
 
-// Every D-blade of the node runs in this process on this host, so "the local D-blade's
-// LPs" are all of them; the argument (a selector vod always sends as 0) is not used.
+// The LPs of the D-blade asked, as one machine would list its own; vod asks its local
+// D-blade which operations are its to resurrect.  The argument (a selector vod always
+// sends as 0) is not used.
 bool_t lp_list_all_1_svc(u_int*, LPGetAllOut* res, svc_req*) {
   return simServe("lp_list_all", res, &res->status, [&] {
-    const auto& lps = SimNode::get().lps;
+    std::vector<SimLp> lps;
+    for (const SimLp& lp : SimNode::get().lps)
+      if (lp.did == simServingDblade()) lps.push_back(lp);
     res->entries.entries_val = allocArray<LPGetAllEntry>(lps.size());
     if (!res->entries.entries_val) {
       res->status = kLpmNoSuchLp;
@@ -149,8 +155,9 @@ bool_t lp_list_all_1_svc(u_int*, LPGetAllOut* res, svc_req*) {
 
 bool_t lp_get_attrs_by_uuid_1_svc(u_char* uuid, LPGetAttrsOut* res, svc_req*) {
   return simServe("lp_get_attrs_by_uuid", res, &res->status, [&] {
+    // Another D-blade's LP is as unknown here as one that does not exist.
     const SimLp* lp = SimNode::get().findLp(uuid);
-    if (!lp) {
+    if (!lp || lp->did != simServingDblade()) {
       res->status = kLpmNoSuchLp;
       return;
     }

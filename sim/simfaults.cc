@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "simcontrol.h"
+#include "simnode.h"
 
 namespace {
 
@@ -80,12 +81,21 @@ bool knownProgram(const std::string& p) {
   return std::any_of(std::begin(kProcs), std::end(kProcs), [&](const ProcName& n) { return p == n.program; });
 }
 
+// A D-blade's program, or a procedure of one: what a fault may aim at one D-blade of.
+bool ofDblade(const std::string& procOrProgram) {
+  for (const ProcName& n : kProcs)
+    if (procOrProgram == n.proc || procOrProgram == n.program)
+      return std::string(n.program).compare(0, 7, "dblade_") == 0;
+  return false;
+}
+
 constexpr long kAlways = -1;
 
 struct Rule {
-  enum Kind { Delay, Hold, Status, Drop } kind;
+  enum Kind { Delay, Hold, Status, Drop, LoseReply } kind;
   unsigned value;  // status, or delay in ms
   long left;       // calls still to hit, or kAlways
+  uint16_t did;    // the one D-blade whose calls it hits; 0: every caller
 };
 
 struct HeldCall {
@@ -97,18 +107,22 @@ struct ProcState {
   std::vector<Rule> rules;
   std::deque<HeldCall*> held;  // oldest first
   uint64_t calls = 0;
+  std::map<uint16_t, uint64_t> callsByDblade;  // calls that came in at a D-blade's address
 };
 
 std::mutex gMu;
 std::condition_variable gCv;  // a call became held or was released
 std::map<std::string, ProcState> gProcs;
-std::map<std::string, long> gRefuse;  // program -> attempts still to refuse, or kAlways
+// (program, D-blade or 0 for all) -> attempts still to refuse, or kAlways
+std::map<std::pair<std::string, uint16_t>, long> gRefuse;
 std::atomic<bool> gTraceCalls{false};
 
-// Takes the first live rule of one of the kinds, counting it down; false when none.
-bool takeRule(ProcState& ps, std::initializer_list<Rule::Kind> kinds, Rule* out) {
+// Takes the first live rule of one of the kinds that hits a call of D-blade did, counting
+// it down; false when none.
+bool takeRule(ProcState& ps, std::initializer_list<Rule::Kind> kinds, uint16_t did, Rule* out) {
   for (auto it = ps.rules.begin(); it != ps.rules.end(); ++it) {
     if (std::find(kinds.begin(), kinds.end(), it->kind) == kinds.end()) continue;
+    if (it->did != 0 && it->did != did) continue;
     *out = *it;
     if (it->left != kAlways && --it->left == 0) ps.rules.erase(it);
     return true;
@@ -122,6 +136,7 @@ const char* kindName(Rule::Kind k) {
     case Rule::Hold: return "hold";
     case Rule::Status: return "status";
     case Rule::Drop: return "drop";
+    case Rule::LoseReply: return "lose-reply";
   }
   return "?";
 }
@@ -151,9 +166,34 @@ bool parseCount(const std::vector<std::string>& a, size_t i, long* out) {
 
 std::string countText(long left) { return left == kAlways ? "always" : std::to_string(left) + "x"; }
 
+std::string dbladeText(uint16_t did) { return did ? " dblade " + std::to_string(did) : ""; }
+
+// Takes "--dblade N" out of the words, wherever it stands; *did stays 0 without it.
+// False with *why set when N is not a D-blade of the layout.
+bool takeDbladeOption(std::vector<std::string>* a, uint16_t* did, std::string* why) {
+  auto it = std::find(a->begin(), a->end(), "--dblade");
+  if (it == a->end()) return true;
+  unsigned long n = 0;
+  if (it + 1 == a->end() || !parseNumber(*(it + 1), 65535, &n) || n == 0) {
+    *why = "--dblade takes a D-blade id";
+    return false;
+  }
+  {
+    std::lock_guard<std::mutex> g(SimNode::get().lock());
+    if (!SimNode::get().findDblade(static_cast<uint16_t>(n))) {
+      *why = "no D-blade " + *(it + 1);
+      return false;
+    }
+  }
+  *did = static_cast<uint16_t>(n);
+  a->erase(it, it + 2);
+  return true;
+}
+
 const char* kFaultUsage =
     "fault status PROC N [COUNT|always]    answer status N\n"
-    "fault drop PROC [COUNT|always]        send no reply (the caller times out)\n"
+    "fault drop PROC [COUNT|always]        do nothing, send no reply (the caller times out)\n"
+    "fault lose-reply PROC [COUNT|always]  carry the call out, then send no reply\n"
     "fault delay PROC MS [COUNT|always]    answer MS milliseconds late\n"
     "fault hold PROC [COUNT|always]        block the call until released\n"
     "fault wait-held PROC [SECONDS]        wait until a call of PROC is held (default 30 s)\n"
@@ -163,7 +203,9 @@ const char* kFaultUsage =
     "                                      dblade_lpm, dblade_vol or dblade_incrcopy\n"
     "fault clear [PROC|PROGRAM]            remove faults (held calls go on)\n"
     "fault list                            faults set and calls held\n"
-    "COUNT (default 1) is the number of calls or connection attempts hit.";
+    "COUNT (default 1) is the number of calls or connection attempts hit.  status, drop,\n"
+    "lose-reply, delay, hold and refuse of a D-blade's procedure or program take\n"
+    "--dblade ID: only calls to that D-blade's address meet the fault.";
 
 std::string listFaults() {
   std::ostringstream o;
@@ -172,11 +214,12 @@ std::string listFaults() {
       o << name << " " << kindName(r.kind);
       if (r.kind == Rule::Status) o << " " << r.value;
       if (r.kind == Rule::Delay) o << " " << r.value << "ms";
-      o << " " << countText(r.left) << "\n";
+      o << " " << countText(r.left) << dbladeText(r.did) << "\n";
     }
     if (!ps.held.empty()) o << name << " held " << ps.held.size() << "\n";
   }
-  for (auto& [prog, left] : gRefuse) o << prog << " refuse " << countText(left) << "\n";
+  for (auto& [key, left] : gRefuse)
+    o << key.first << " refuse " << countText(left) << dbladeText(key.second) << "\n";
   return o.str();
 }
 
@@ -193,13 +236,22 @@ size_t releaseHeld(ProcState& ps, size_t n, bool drop) {
   return done;
 }
 
-std::string faultCommand(const std::vector<std::string>& a, bool* ok) {
+std::string faultCommand(std::vector<std::string> a, bool* ok) {
   auto fail = [&](const std::string& why) {
     *ok = false;
     return why;
   };
   if (a.empty()) return fail(kFaultUsage);
-  const std::string& verb = a[0];
+  uint16_t did = 0;
+  std::string why;
+  if (!takeDbladeOption(&a, &did, &why)) return fail(why);
+  if (a.empty()) return fail(kFaultUsage);
+  const std::string verb = a[0];
+  const bool aimable = verb == "status" || verb == "drop" || verb == "lose-reply" ||
+                       verb == "delay" || verb == "hold" || verb == "refuse";
+  if (did && (!aimable || a.size() < 2 || !ofDblade(a[1])))
+    return fail("--dblade goes with status, drop, lose-reply, delay, hold or refuse of a "
+                "D-blade's procedure or program");
   if (verb == "list") {
     std::lock_guard<std::mutex> g(gMu);
     return listFaults();
@@ -217,7 +269,9 @@ std::string faultCommand(const std::vector<std::string>& a, bool* ok) {
     }
     const std::string& what = a[1];
     if (!knownProc(what) && !knownProgram(what)) return fail("unknown procedure or program " + what);
-    if (knownProgram(what)) gRefuse.erase(what);
+    if (knownProgram(what))
+      for (auto it = gRefuse.begin(); it != gRefuse.end();)
+        it = it->first.first == what ? gRefuse.erase(it) : std::next(it);
     auto it = gProcs.find(what);
     if (it != gProcs.end()) {
       it->second.rules.clear();
@@ -230,7 +284,7 @@ std::string faultCommand(const std::vector<std::string>& a, bool* ok) {
     if (a.size() < 2 || !parseCount(a, 2, &count)) return fail(kFaultUsage);
     if (!knownProgram(a[1])) return fail("unknown program " + a[1]);
     std::lock_guard<std::mutex> g(gMu);
-    gRefuse[a[1]] = count;
+    gRefuse[{a[1], did}] = count;
     return "";
   }
   if (a.size() < 2) return fail(kFaultUsage);
@@ -259,7 +313,7 @@ std::string faultCommand(const std::vector<std::string>& a, bool* ok) {
     return std::to_string(n) + " released";
   }
 
-  Rule r{Rule::Drop, 0, 1};
+  Rule r{Rule::Drop, 0, 1, did};
   size_t countAt = 2;
   unsigned long v = 0;
   if (verb == "status" || verb == "delay") {
@@ -269,6 +323,8 @@ std::string faultCommand(const std::vector<std::string>& a, bool* ok) {
     countAt = 3;
   } else if (verb == "drop") {
     r.kind = Rule::Drop;
+  } else if (verb == "lose-reply") {
+    r.kind = Rule::LoseReply;
   } else if (verb == "hold") {
     r.kind = Rule::Hold;
   } else {
@@ -280,26 +336,37 @@ std::string faultCommand(const std::vector<std::string>& a, bool* ok) {
   return "";
 }
 
-std::string callsCommand(const std::vector<std::string>& a, bool* ok) {
+const char* kCallsUsage =
+    "calls [PROC] [--dblade ID]            calls served per procedure since the start (or\n"
+    "                                      reset), in all or at one D-blade's address\n"
+    "calls reset                           count from zero again";
+
+std::string callsCommand(std::vector<std::string> a, bool* ok) {
+  auto fail = [&](const std::string& why) {
+    *ok = false;
+    return why;
+  };
+  uint16_t did = 0;
+  std::string why;
+  if (!takeDbladeOption(&a, &did, &why)) return fail(why);
+  // Calls of one D-blade, or all calls.
+  auto count = [did](ProcState& ps) { return did ? ps.callsByDblade[did] : ps.calls; };
   std::lock_guard<std::mutex> g(gMu);
-  if (a.size() == 1 && a[0] == "reset") {
-    for (auto& [name, ps] : gProcs) ps.calls = 0;
+  if (a.size() == 1 && a[0] == "reset" && !did) {
+    for (auto& [name, ps] : gProcs) {
+      ps.calls = 0;
+      ps.callsByDblade.clear();
+    }
     return "";
   }
   if (a.size() == 1) {
-    if (!knownProc(a[0])) {
-      *ok = false;
-      return "unknown procedure " + a[0];
-    }
-    return std::to_string(gProcs[a[0]].calls);
+    if (!knownProc(a[0])) return fail("unknown procedure " + a[0]);
+    return std::to_string(count(gProcs[a[0]]));
   }
-  if (!a.empty()) {
-    *ok = false;
-    return "usage: calls [PROC|reset]";
-  }
+  if (!a.empty()) return fail(kCallsUsage);
   std::ostringstream o;
   for (auto& [name, ps] : gProcs)
-    if (ps.calls) o << name << " " << ps.calls << "\n";
+    if (uint64_t n = count(ps)) o << name << " " << n << "\n";
   return o.str();
 }
 
@@ -309,31 +376,39 @@ void simTraceCalls(bool on) { gTraceCalls = on; }
 
 SimFaultVerdict simFault(const char* proc) {
   if (gTraceCalls) std::fprintf(stderr, "vodsim: call %s\n", proc);
+  const uint16_t did = simServingDblade();
   std::unique_lock<std::mutex> lk(gMu);
   ProcState& ps = gProcs[proc];
   ++ps.calls;
+  if (did) ++ps.callsByDblade[did];
   Rule r{};
-  if (takeRule(ps, {Rule::Delay}, &r)) {
+  if (takeRule(ps, {Rule::Delay}, did, &r)) {
     lk.unlock();
     std::this_thread::sleep_for(std::chrono::milliseconds(r.value));
     lk.lock();
   }
-  if (takeRule(ps, {Rule::Hold}, &r)) {
+  if (takeRule(ps, {Rule::Hold}, did, &r)) {
     HeldCall me;
     ps.held.push_back(&me);
     gCv.notify_all();
     gCv.wait(lk, [&] { return me.released; });
     if (me.drop) return {SimFaultKind::Drop, 0};
   }
-  if (takeRule(ps, {Rule::Status, Rule::Drop}, &r))
-    return r.kind == Rule::Status ? SimFaultVerdict{SimFaultKind::Status, r.value}
-                                  : SimFaultVerdict{SimFaultKind::Drop, 0};
+  if (takeRule(ps, {Rule::Status, Rule::Drop, Rule::LoseReply}, did, &r)) {
+    switch (r.kind) {
+      case Rule::Status: return {SimFaultKind::Status, r.value};
+      case Rule::LoseReply: return {SimFaultKind::LoseReply, 0};
+      default: return {SimFaultKind::Drop, 0};
+    }
+  }
   return {SimFaultKind::None, 0};
 }
 
-bool simRefuseConnection(const std::string& program) {
+bool simRefuseConnection(const std::string& program, uint16_t did) {
   std::lock_guard<std::mutex> g(gMu);
-  auto it = gRefuse.find(program);
+  // A refusal aimed at this D-blade first, then one for every D-blade.
+  auto it = gRefuse.find({program, did});
+  if (it == gRefuse.end()) it = gRefuse.find({program, 0});
   if (it == gRefuse.end()) return false;
   if (it->second != kAlways && --it->second == 0) gRefuse.erase(it);
   return true;
@@ -341,6 +416,5 @@ bool simRefuseConnection(const std::string& program) {
 
 void simFaultsRegisterCommands() {
   simRegisterCommand("fault", kFaultUsage, faultCommand);
-  simRegisterCommand("calls", "calls [PROC|reset]                    calls served per procedure",
-                     callsCommand);
+  simRegisterCommand("calls", kCallsUsage, callsCommand);
 }

@@ -3,12 +3,17 @@
 // looks at the verdict (the dispatcher frees the result even when no reply is sent).
 //
 // Faults are set with the control command "fault" (see sim/README.md): a status N times,
-// a delay, a dropped reply, a hold until released, and refused connections per program.
+// a delay, a dropped call, a lost reply, a hold until released, and refused connections
+// per program; a fault on a D-blade's procedure or program may name one D-blade
+// ("--dblade N"), which then meets it alone.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
-enum class SimFaultKind { None, Status, Drop };
+// Drop: nothing is done and no reply is sent.  LoseReply: the call is carried out, then
+// no reply is sent.
+enum class SimFaultKind { None, Status, Drop, LoseReply };
 
 struct SimFaultVerdict {
   SimFaultKind kind;
@@ -16,16 +21,19 @@ struct SimFaultVerdict {
 };
 
 // proc: the procedure's stub name without version, e.g. "vldb_record_lookup", "volcreate",
-// "incrcopymirror".  Delays and holds are served inside this call (it blocks the caller
+// "incrcopymirror".  The calling thread's D-blade (simServingDblade()) picks the rules
+// that name one.  Delays and holds are served inside this call (it blocks the caller
 // without holding SimNode::lock()); then the call goes on (None), answers `status` in its
-// first result field with every other field empty (Status), or sends no reply (Drop).
-// Also counts the call (control command "calls").
+// first result field with every other field empty (Status), sends no reply (Drop), or is
+// carried out and sends no reply (LoseReply).  Also counts the call, in all and for its
+// D-blade (control command "calls").
 SimFaultVerdict simFault(const char* proc);
 
 // Refused connections are decided per program, named as its protocol file: "vldb",
-// "dldb", "coord", "dblade_lpm", "dblade_vol", "dblade_incrcopy".  True when the
-// connection just accepted must be reset unanswered; counts one attempt down.
-bool simRefuseConnection(const std::string& program);
+// "dldb", "coord", "dblade_lpm", "dblade_vol", "dblade_incrcopy", and for the D-blade
+// programs per D-blade (did; 0 for the node's programs).  True when the connection just
+// accepted must be reset unanswered; counts one attempt down.
+bool simRefuseConnection(const std::string& program, uint16_t did);
 
 // With on, every call is written to stderr as it arrives ("vodsim: call PROC").
 void simTraceCalls(bool on);

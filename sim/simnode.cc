@@ -2,6 +2,9 @@
 
 #include "simnode.h"
 
+#include <arpa/inet.h>
+#include <netdb.h>
+
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -41,7 +44,32 @@ bool parseUnsigned(const std::string& s, uint64_t max, uint64_t* out) {
   return true;
 }
 
+thread_local uint16_t tServingDblade = 0;
+
+// The host's IPv4 address (host order), through the resolver, so that a name in the
+// node's hosts file works as well as a dotted address.
+bool resolveIpv4(const std::string& host, uint32_t* out) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* res = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || !res) return false;
+  *out = ntohl(reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr.s_addr);
+  freeaddrinfo(res);
+  return true;
+}
+
 }  // namespace
+
+std::string simAddrText(uint32_t addr) {
+  in_addr a{htonl(addr)};
+  char buf[INET_ADDRSTRLEN] = "";
+  inet_ntop(AF_INET, &a, buf, sizeof buf);
+  return buf;
+}
+
+uint16_t simServingDblade() { return tServingDblade; }
+void simSetServingDblade(uint16_t did) { tServingDblade = did; }
 
 std::string simLpIdHex(const unsigned char uuid[16]) {
   char buf[33];
@@ -98,6 +126,11 @@ const SimDblade* SimNode::findDblade(uint16_t did) const {
   return nullptr;
 }
 
+bool SimNode::dbladeServesLp(uint16_t did, const unsigned char uuid[16]) {
+  const SimLp* lp = findLp(uuid);
+  return lp && lp->did == did;
+}
+
 // The file has one entry per line; '#' starts a comment:
 //   node NAME
 //   dblade ID HOST
@@ -111,7 +144,7 @@ bool SimNode::loadLayout(const std::string& configPath, std::string* err) {
   vservers.clear();
   if (configPath.empty()) {
     nodeName_ = "node1";
-    dblades = {{1, "localhost"}, {2, "localhost"}};
+    dblades = {{1, "127.0.0.1", 0x7F000001}, {2, "127.0.0.2", 0x7F000002}};
     lps = {defaultLp(1, 'a'), defaultLp(1, 'b'), defaultLp(2, 'a'), defaultLp(2, 'b')};
     vservers = {{1, "vs1"}, {2, "vs2"}};
     return true;
@@ -142,7 +175,14 @@ bool SimNode::loadLayout(const std::string& configPath, std::string* err) {
     } else if (w[0] == "dblade" && w.size() == 3) {
       if (!parseUnsigned(w[1], 65535, &n) || n == 0) return bad("bad D-blade id " + w[1]);
       if (findDblade(static_cast<uint16_t>(n))) return bad("D-blade " + w[1] + " listed twice");
-      dblades.push_back({static_cast<uint16_t>(n), w[2]});
+      // Calls are told apart by the address they arrive at, so no two D-blades share one.
+      uint32_t addr = 0;
+      if (!resolveIpv4(w[2], &addr))
+        return bad("host " + w[2] + " of D-blade " + w[1] + " has no IPv4 address");
+      for (const SimDblade& d : dblades)
+        if (d.addr == addr)
+          return bad("D-blade " + w[1] + " has the address of D-blade " + std::to_string(d.did));
+      dblades.push_back({static_cast<uint16_t>(n), w[2], addr});
     } else if (w[0] == "lp" && w.size() >= 4 && w.size() <= 6) {
       if (!parseUnsigned(w[2], 65535, &n) || !findDblade(static_cast<uint16_t>(n)))
         return bad("unknown D-blade " + w[2] + " (list it before its LPs)");

@@ -17,9 +17,13 @@ struct SimLp {
   uint64_t sizeBlocks;       // capacity; used blocks come from the volume store
 };
 
+// A dotted IPv4 address (host order in).
+std::string simAddrText(uint32_t addr);
+
 struct SimDblade {
   uint16_t did;
-  std::string host;
+  std::string host;   // as the DLDB answers it: a name or a dotted IPv4 address
+  uint32_t addr = 0;  // what host resolves to, host order; its programs listen there
 };
 
 struct SimVserver {
@@ -31,6 +35,12 @@ struct SimVserver {
 std::string simLpIdHex(const unsigned char uuid[16]);
 // Parses 32 hex digits (an optional "0x" and '-' separators are allowed) into out.
 bool simParseLpId(const std::string& text, unsigned char out[16]);
+
+// The D-blade whose address the calling thread's connection came in on; 0 on threads
+// that serve no D-blade program (the node's own programs, control commands, streams).
+// Set once by the thread that serves a connection, before its first call.
+uint16_t simServingDblade();
+void simSetServingDblade(uint16_t did);
 
 class SimNode {
  public:
@@ -52,15 +62,18 @@ class SimNode {
   SimLp* findLp(const unsigned char uuid[16]);
   SimLp* findLpByName(const std::string& name);
   const SimDblade* findDblade(uint16_t did) const;
+  // True when the LP exists and belongs to D-blade did.  The caller holds lock().
+  bool dbladeServesLp(uint16_t did, const unsigned char uuid[16]);
 
   // Set once by main before any service thread runs.
   void setDataDir(const std::string& dir);
   void setNodeName(const std::string& name);
 
   // Loads the layout: the file at configPath when it is not empty, else the built-in
-  // default (node1; D-blades 1 and 2 on localhost; LPs lp1a, lp1b on D-blade 1 and lp2a,
-  // lp2b on D-blade 2, 1 GiB each in 4 KiB blocks, online; virtual servers vs1 and vs2).
-  // False with *err set when the file cannot be read or has a bad line.
+  // default (node1; D-blade 1 on 127.0.0.1 and D-blade 2 on 127.0.0.2; LPs lp1a, lp1b on
+  // D-blade 1 and lp2a, lp2b on D-blade 2, 1 GiB each in 4 KiB blocks, online; virtual
+  // servers vs1 and vs2).  Each D-blade's host must resolve to an IPv4 address of its
+  // own.  False with *err set when the file cannot be read or has a bad line.
   bool loadLayout(const std::string& configPath, std::string* err);
 
   // Resolves an LP given by name or by 32 hex digits; null when there is none.  The

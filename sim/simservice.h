@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <mutex>
 
 #include "simfaults.h"
@@ -40,7 +41,7 @@ bool_t simServe(const char* proc, Res* res, Status* status, Body body) {
   }
   std::lock_guard<std::mutex> g(SimNode::get().lock());
   body();
-  return TRUE;
+  return v.kind == SimFaultKind::LoseReply ? FALSE : TRUE;
 }
 
 // The D-blade procedures' form: the body computes the status word, and the rest of the
@@ -56,7 +57,19 @@ bool_t simServeStatus(const char* proc, u_int* status, Fn fn) {
   }
   std::lock_guard<std::mutex> g(SimNode::get().lock());
   *status = fn();
-  return TRUE;
+  return v.kind == SimFaultKind::LoseReply ? FALSE : TRUE;
+}
+
+// A D-blade procedure about LPs: a D-blade asked about an LP it does not serve answers
+// as for an unknown one, with status `notHere`, and changes nothing.
+template <typename Fn>
+bool_t simServeOnLps(const char* proc, u_int* status, unsigned notHere,
+                     std::initializer_list<const unsigned char*> lps, Fn fn) {
+  return simServeStatus(proc, status, [&]() -> unsigned {
+    for (const unsigned char* lp : lps)
+      if (!SimNode::get().dbladeServesLp(simServingDblade(), lp)) return notHere;
+    return fn();
+  });
 }
 
 // The freeresult every program needs: releases what the service function allocated.

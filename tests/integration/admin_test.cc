@@ -3,6 +3,7 @@
 // failure answers, and that a failure half way leaves nothing behind.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -39,7 +40,7 @@ TEST_F(AdminTest, CreateFindCloneSetTypeAndDeleteChangeVldbAndDbladesAlike) {
     CreateVfsOut made = create("alpha", "lp1a", "vs1");
     ASSERT_EQ(made.code, 0u);
     const uint32_t alpha = made.vfsId;
-    CreateVfsOut root = create("home", "lp2b", "vs2", 1);
+    CreateVfsOut root = create("home", "lp1b", "vs2", 1);
     ASSERT_EQ(root.code, 0u);
 
     json rec = recordOf(vldb(), alpha);
@@ -53,13 +54,17 @@ TEST_F(AdminTest, CreateFindCloneSetTypeAndDeleteChangeVldbAndDbladesAlike) {
     json home = recordOf(vldb(), root.vfsId);
     EXPECT_EQ(home["vserver"], 2);
     EXPECT_EQ(home["isRoot"], 1);
-    EXPECT_EQ(volumeKeys(), (std::set<VolumeKey>{{"lp1a", alpha}, {"lp2b", root.vfsId}}));
+    EXPECT_EQ(volumeKeys(), (std::set<VolumeKey>{{"lp1a", alpha}, {"lp1b", root.vfsId}}));
 
     FindResult found = find("alpha");
     EXPECT_EQ(found.code, 0u);
     EXPECT_EQ(found.vfsid, alpha);
     EXPECT_EQ(found.modifiable, 1u);
-    EXPECT_EQ(found.addrs, std::vector<u_int>{kLoopback});
+    // The node's addresses: its own, then each D-blade's, then the others
+    // of the sandbox's loopback.
+    ASSERT_GE(found.addrs.size(), 2u);
+    EXPECT_EQ(found.addrs[0], kLoopback);
+    EXPECT_EQ(found.addrs[1], kLoopback + 1);
 
     CloneResult cl = clone(alpha);
     ASSERT_EQ(cl.code, 0u);
@@ -283,10 +288,25 @@ TEST_F(AdminTest, VolumeUsedByARecordedOperationIsNotDeletedNorRetyped) {
     EXPECT_EQ(recordOf(vldb(), vol)["type"], 1);
 }
 
+// A volume on D-blade 2 is made through D-blade 2's address, and voctl find
+// names that address among the node's.
+TEST_F(AdminTest, VolumeOfTheSecondDbladeIsMadeThereAndFoundAtItsAddress) {
+    CreateVfsOut out = create("far", "lp2a");
+    ASSERT_EQ(out.code, 0u);
+    EXPECT_EQ(callCount("volcreate", 2), 1u);
+    EXPECT_EQ(callCount("volcreate", 1), 0u);
+    Node::Result r = node.voctl({"--json", "find", "far"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    json found = json::parse(r.out);
+    EXPECT_EQ(found["vfsid"], out.vfsId);
+    const json& addrs = found["addresses"];
+    EXPECT_NE(std::find(addrs.begin(), addrs.end(), "127.0.0.2"), addrs.end()) << r.out;
+}
+
 // voctl end to end: LPs by name or id, results as text and JSON, failures
 // with their code and decoded text and exit status 1.
 TEST_F(AdminTest, VoctlRunsEachProcedureAndExplainsFailures) {
-    Node::Result r = node.voctl({"--json", "create", "tool", "lp2a", "vs2"});
+    Node::Result r = node.voctl({"--json", "create", "tool", "lp1b", "vs2"});
     ASSERT_EQ(r.status, 0) << r.err;
     uint32_t id = json::parse(r.out)["vfsid"];
 
@@ -299,12 +319,12 @@ TEST_F(AdminTest, VoctlRunsEachProcedureAndExplainsFailures) {
     ASSERT_EQ(r.status, 0) << r.err;
     uint32_t cloneId = json::parse(r.out)["cloneVfsid"];
 
-    EXPECT_EQ(node.voctl({"set-ro", std::to_string(id), "lp2a"}).status, 0);
-    EXPECT_EQ(node.voctl({"set-rw", std::to_string(id), lpHex("lp2a")}).status, 0);
+    EXPECT_EQ(node.voctl({"set-ro", std::to_string(id), "lp1b"}).status, 0);
+    EXPECT_EQ(node.voctl({"set-rw", std::to_string(id), lpHex("lp1b")}).status, 0);
 
     // A delete refused by another recorded operation: names beside numbers.
-    uint64_t opid = addVodbRecord(0, "copy", id, "lp2a", "sink");
-    r = node.voctl({"delete", std::to_string(id), "lp2a"});
+    uint64_t opid = addVodbRecord(0, "copy", id, "lp1b", "sink");
+    r = node.voctl({"delete", std::to_string(id), "lp1b"});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("voErrValidate"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("voErrVodValidate"), std::string::npos) << r.err;
@@ -337,17 +357,17 @@ TEST_F(AdminTest, VoctlRunsEachProcedureAndExplainsFailures) {
     // A delete the D-blade refused stays recorded; purge drops the record and
     // leaves the volume as it is.
     fault({"status", "voldelete", "5"});
-    EXPECT_EQ(node.voctl({"delete", std::to_string(id), "lp2a"}).status, 1);
+    EXPECT_EQ(node.voctl({"delete", std::to_string(id), "lp1b"}).status, 1);
     r = node.voctl({"--json", "ops"});
     ops = json::parse(r.out)["ops"];
     ASSERT_EQ(ops.size(), 1u) << r.out;
     EXPECT_EQ(ops[0]["typeName"], "del");
     EXPECT_EQ(node.voctl({"purge", std::to_string(ops[0]["opid"].get<uint64_t>())}).status, 0);
     EXPECT_TRUE(waitVodbCount(0, 10));
-    EXPECT_TRUE(volumeKeys().count({"lp2a", id}));
+    EXPECT_TRUE(volumeKeys().count({"lp1b", id}));
 
     EXPECT_EQ(node.voctl({"delete-by-name", "tool.clone" + std::to_string(cloneId)}).status, 0);
-    EXPECT_EQ(node.voctl({"delete", std::to_string(id), "lp2a"}).status, 0);
+    EXPECT_EQ(node.voctl({"delete", std::to_string(id), "lp1b"}).status, 0);
     EXPECT_TRUE(volumes().empty());
 }
 

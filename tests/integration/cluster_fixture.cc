@@ -162,8 +162,10 @@ std::string ClusterTest::checksum(uint32_t vfsid, const std::string& lp) {
     return trimmed(sim({"vol-checksum", std::to_string(vfsid), lp}));
 }
 
-uint64_t ClusterTest::callCount(const std::string& proc) {
-    return std::strtoull(trimmed(sim({"calls", proc})).c_str(), nullptr, 10);
+uint64_t ClusterTest::callCount(const std::string& proc, unsigned did) {
+    std::vector<std::string> args{"calls", proc};
+    if (did != 0) args.insert(args.end(), {"--dblade", std::to_string(did)});
+    return std::strtoull(trimmed(sim(args)).c_str(), nullptr, 10);
 }
 
 uint64_t ClusterTest::addVodbRecord(uint64_t opid, const std::string& type, uint32_t vfsid,

@@ -71,7 +71,9 @@ class ClusterTest : public NodeTest {
     std::set<VolumeKey> volumeKeys();  // of the D-blades' volumes
     std::set<VolumeKey> vldbKeys();    // of the VLDB's records
     std::string checksum(uint32_t vfsid, const std::string& lp);
-    uint64_t callCount(const std::string& proc);  // calls the simulator served
+    // Calls of proc the simulator served, in all or (did) at one D-blade's
+    // address: D-blade n answers at 127.0.0.n, the local one being 1.
+    uint64_t callCount(const std::string& proc, unsigned did = 0);
     // Adds a VODB record; opid 0 makes a new operation. Returns its opid.
     uint64_t addVodbRecord(uint64_t opid, const std::string& type, uint32_t vfsid,
                            const std::string& lp, const std::string& role);

@@ -291,15 +291,15 @@ TEST_F(CopyNodeTest, CancelMidStreamRollsBackAndRemovesSinkAndClone) {
 }
 
 TEST_F(CopyNodeTest, PauseStopsTheStreamAndResumeFinishesIt) {
-    uint32_t src = makeVolume("topause", "lp2a", 32, 64 * 1024);
+    uint32_t src = makeVolume("topause", "lp1b", 32, 64 * 1024);
     ASSERT_NE(src, 0u);
-    const std::string srcSum = checksum(src, "lp2a");
+    const std::string srcSum = checksum(src, "lp1b");
     std::set<VolumeKey> before = volumeKeys();
     CopyKey key;
-    startSlowCopy(src, "lp2a", "lp1a", "paused", &key);
+    startSlowCopy(src, "lp1b", "lp2a", "paused", &key);
     ASSERT_FALSE(HasFatalFailure());
     VoCopyPgrsOut r{};
-    const std::string args[] = {std::to_string(src), "lp2a", std::to_string(key.sinkVid), "lp1a"};
+    const std::string args[] = {std::to_string(src), "lp1b", std::to_string(key.sinkVid), "lp2a"};
 
     Node::Result p = node.voctl({"copy-pause", args[0], args[1], args[2], args[3]});
     ASSERT_EQ(p.status, 0) << p.err;
@@ -332,8 +332,8 @@ TEST_F(CopyNodeTest, PauseStopsTheStreamAndResumeFinishesIt) {
     VoCopyPgrsOut end = waitForEnd(key, 60);
     EXPECT_EQ(voctl::outcomeOfFinalReport(end), CopyOutcome::Copied) << "rc=" << end.rc;
     EXPECT_GE(end.src.vnodesProcessed, paused.src.vnodesProcessed);
-    EXPECT_EQ(checksum(key.sinkVid, "lp1a"), srcSum);
-    before.insert({"lp1a", key.sinkVid});
+    EXPECT_EQ(checksum(key.sinkVid, "lp2a"), srcSum);
+    before.insert({"lp2a", key.sinkVid});
     expectSettled(before);
 }
 
@@ -379,18 +379,70 @@ TEST_F(CopyNodeTest, FailedSinkCompletionRollsBack) {
     expectSettled(before);
 }
 
+// Each D-blade answers at its own address: a copy from the local D-blade to an
+// LP of D-blade 2 makes, sets and (on roll-back) deletes its sink through
+// D-blade 2 alone, and its clone through D-blade 1 alone. Faults aimed at
+// D-blade 2 leave the source's D-blade answering.
+TEST_F(CopyNodeTest, TheSinkIsReachedAtItsOwnDbladesAddress) {
+    struct Calls {
+        uint64_t one, two;  // at D-blade 1 and at D-blade 2
+        bool operator==(const Calls& o) const { return one == o.one && two == o.two; }
+    };
+    struct Case {
+        const char* name;
+        std::vector<std::vector<std::string>> faults;
+        CopyOutcome outcome;
+        Calls volcreate, volsetattr, voldelete;
+    };
+    const Case cases[] = {
+        {"copied", {}, CopyOutcome::Copied, {0, 1}, {0, 1}, {1, 0}},
+        // The stream is refused: the sink goes again, from D-blade 2.
+        {"stream refused", {{"status", "incrcopymirror", "20012"}}, CopyOutcome::RolledBack,
+         {0, 1}, {0, 0}, {1, 1}},
+        // D-blade 2 cannot be reached when the sink is to be made; the clean-up
+        // reaches it and finds nothing to delete.
+        {"sink's D-blade unreachable", {{"refuse", "dblade_vol", "--dblade", "2"}},
+         CopyOutcome::RolledBack, {0, 0}, {0, 0}, {1, 1}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string n = std::to_string(&c - cases);
+        uint32_t src = makeVolume("far" + n, "lp1a", 4, 16 * 1024);
+        ASSERT_NE(src, 0u);
+        std::set<VolumeKey> before = volumeKeys();
+        sim({"calls", "reset"});
+        for (const auto& f : c.faults) fault(f);
+        CopyKey key = copyOf(src, "lp1a", "lp2a", "farcopy" + n);
+        ASSERT_NE(key.sinkVid, 0u);
+        VoCopyPgrsOut end = waitForEnd(key, 60);
+        EXPECT_EQ(voctl::outcomeOfFinalReport(end), c.outcome) << "rc=" << end.rc;
+        auto calls = [&](const char* proc) { return Calls{callCount(proc, 1), callCount(proc, 2)}; };
+        EXPECT_TRUE(calls("volcreate") == c.volcreate) << "volcreate at D-blade 1 and 2: "
+            << callCount("volcreate", 1) << " " << callCount("volcreate", 2);
+        EXPECT_TRUE(calls("volsetattr") == c.volsetattr) << "volsetattr at D-blade 1 and 2: "
+            << callCount("volsetattr", 1) << " " << callCount("volsetattr", 2);
+        EXPECT_TRUE(calls("voldelete") == c.voldelete) << "voldelete at D-blade 1 and 2: "
+            << callCount("voldelete", 1) << " " << callCount("voldelete", 2);
+        EXPECT_EQ(callCount("volclone", 2), 0u);
+        sim({"fault", "clear"});
+        if (c.outcome == CopyOutcome::Copied) before.insert({"lp2a", key.sinkVid});
+        expectSettled(before);
+    }
+}
+
 TEST_F(CopyNodeTest, CopyOfTheSinkOfAnotherCopyIsRefusedWithTheCopyCode) {
     uint32_t src = makeVolume("first", "lp1a", 16, 64 * 1024);
     ASSERT_NE(src, 0u);
     std::set<VolumeKey> before = volumeKeys();
     // The first copy's sink is made and registered; its stream has not begun.
+    // It goes to the local D-blade, so that vod may be asked to copy it in turn.
     hold("incrcopymirror");
-    CopyKey first = copyOf(src, "lp1a", "lp2a", "firstcopy");
+    CopyKey first = copyOf(src, "lp1a", "lp1b", "firstcopy");
     ASSERT_NE(first.sinkVid, 0u);
     ASSERT_TRUE(waitHeld("incrcopymirror"));
     uint64_t opid = vodbRecords().at(0)["opid"].get<uint64_t>();
 
-    VoVidOut refused = startCopy(first.sinkVid, "lp2a", "lp1b", "copyofcopy");
+    VoVidOut refused = startCopy(first.sinkVid, "lp1b", "lp2a", "copyofcopy");
     expectTriple(refused, voErrValidate, voErrVodValidate, VOD_ERR_BUSY_COPY);
     EXPECT_EQ(refused.vid, 0u);
     EXPECT_TRUE(node.waitForTrace("Src(" + std::to_string(first.sinkVid) +
@@ -399,7 +451,7 @@ TEST_F(CopyNodeTest, CopyOfTheSinkOfAnotherCopyIsRefusedWithTheCopyCode) {
                                   5));
     // voctl says the same in words.
     Node::Result t =
-        node.voctl({"copy", std::to_string(first.sinkVid), "lp2a", "lp1b", "copyofcopy"});
+        node.voctl({"copy", std::to_string(first.sinkVid), "lp1b", "lp2a", "copyofcopy"});
     EXPECT_EQ(t.status, 1);
     EXPECT_NE(t.err.find("conflicts with existing VFS Copy operation"), std::string::npos) << t.err;
 
@@ -409,7 +461,7 @@ TEST_F(CopyNodeTest, CopyOfTheSinkOfAnotherCopyIsRefusedWithTheCopyCode) {
     release("incrcopymirror");
     VoCopyPgrsOut r{};
     ASSERT_TRUE(waitForReport(first, isStreamingWithProgress, 30, &r));
-    refused = startCopy(first.sinkVid, "lp2a", "lp1b", "copyofcopy");
+    refused = startCopy(first.sinkVid, "lp1b", "lp2a", "copyofcopy");
     EXPECT_NE(refused.rc, voErrRcSuccess);
     EXPECT_EQ(refused.vid, 0u);
 

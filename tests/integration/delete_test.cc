@@ -57,9 +57,9 @@ TEST_F(DeleteTest, DbladeFailureKeepsEveryRecordUntilRecoveryDeletes) {
 }
 
 TEST_F(DeleteTest, VldbFailureAfterTheDbladeDeletedIsFinishedAfterARestart) {
-    const uint32_t vol = makeVolume("halfway", "lp2a");
+    const uint32_t vol = makeVolume("halfway", "lp1a");
     fault({"status", "vldb_delete_record", "133"});
-    expectTriple(vodelete(vol, "lp2a"), VoErrVldb, voErrVldbDeleteRecord, 133);
+    expectTriple(vodelete(vol, "lp1a"), VoErrVldb, voErrVldbDeleteRecord, 133);
     EXPECT_FALSE(hasVolume(vol));
     EXPECT_TRUE(hasVldbRecord(vol));
     expectOneDeleteRecorded(vol);

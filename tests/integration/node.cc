@@ -13,6 +13,7 @@
 #include <rpc/pmap_prot.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -132,6 +133,53 @@ void bringLoopbackUp() {
     close(s);
 }
 
+// The simulated cluster's D-blade n answers at 127.0.0.n (D-blade 1, the local one, at
+// 127.0.0.1). Linux routes all of 127/8 to loopback, so each could be bound as it is; but
+// rpcbind answers a client that asks it for a program's address with an address of its
+// own interfaces, so each must be on loopback for a client of 127.0.0.n to be sent there.
+// The names dblade1 ... dblade8 go into a private /etc/hosts for layouts that name their
+// D-blades' hosts.
+constexpr int kDbladeAddresses = 8;
+
+void addDbladeAddresses() {
+    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (s < 0) sandboxFailed("socket for loopback addresses");
+    for (int n = 2; n <= kDbladeAddresses; ++n) {
+        ifreq ifr;
+        memset(&ifr, 0, sizeof ifr);
+        snprintf(ifr.ifr_name, IFNAMSIZ, "lo:%d", n);
+        sockaddr_in* a = reinterpret_cast<sockaddr_in*>(&ifr.ifr_addr);
+        a->sin_family = AF_INET;
+        a->sin_addr.s_addr = htonl(INADDR_LOOPBACK - 1 + n);
+        if (ioctl(s, SIOCSIFADDR, &ifr) < 0)
+            sandboxFailed("add 127.0.0." + std::to_string(n) + " to loopback");
+    }
+    close(s);
+}
+
+// The machine's hosts file plus the D-blade names, bind-mounted over /etc/hosts inside
+// the mount namespace only. Needs the private /run.
+void privateHostsFile() {
+    const char* const kCopy = "/run/vod-sandbox-hosts";
+    std::string text;
+    if (FILE* in = std::fopen("/etc/hosts", "r")) {
+        char buf[4096];
+        size_t n;
+        while ((n = std::fread(buf, 1, sizeof buf, in)) > 0) text.append(buf, n);
+        std::fclose(in);
+    }
+    if (!text.empty() && text.back() != '\n') text += '\n';
+    text += "# node sandbox: D-blade n of the simulated cluster\n";
+    for (int n = 1; n <= kDbladeAddresses; ++n)
+        text += "127.0.0." + std::to_string(n) + " dblade" + std::to_string(n) + "\n";
+    FILE* out = std::fopen(kCopy, "w");
+    if (out == nullptr) sandboxFailed(std::string("write ") + kCopy);
+    bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
+    if (std::fclose(out) != 0 || !written) sandboxFailed(std::string("write ") + kCopy);
+    if (mount(kCopy, "/etc/hosts", nullptr, MS_BIND, nullptr) < 0)
+        sandboxFailed("bind-mount a private /etc/hosts");
+}
+
 void mountPrivateTmpfs(const char* where) {
     if (mount("tmpfs", where, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") < 0)
         sandboxFailed(std::string("mount tmpfs on ") + where);
@@ -201,6 +249,8 @@ void setUpInside() {
     bringLoopbackUp();
     mountPrivateTmpfs("/run");
     mountPrivateTmpfs("/var/log");
+    addDbladeAddresses();
+    privateHostsFile();
     startRpcbind();
 }
 
@@ -487,6 +537,11 @@ void Node::enterSandbox(int argc, char** argv) {
 bool Node::sandboxed() { return gSandboxed; }
 const std::string& Node::whyNotSandboxed() { return gWhyNot; }
 
+bool Node::sandboxRequired() {
+    const char* ci = getenv("CI");
+    return geteuid() == 0 || (ci != nullptr && strcasecmp(ci, "true") == 0);
+}
+
 Node::Node() {
     char tmpl[] = "/tmp/vodnode.XXXXXX";
     if (mkdtemp(tmpl) != nullptr) _dir = tmpl;
@@ -653,7 +708,7 @@ void Node::stop() {
 // ---- NodeTest
 
 void NodeTest::SetUp() {
-    if (!Node::sandboxed()) GTEST_SKIP() << "no node sandbox: " << Node::whyNotSandboxed();
+    VODTEST_REQUIRE_SANDBOX();
     ASSERT_FALSE(node.dir().empty()) << "cannot make a scratch folder in /tmp";
 }
 

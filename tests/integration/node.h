@@ -4,10 +4,14 @@
 // can run side by side, and leave no process behind.
 //
 // The test binary's main calls Node::enterSandbox() first; it re-executes the
-// binary as pid 1 of fresh namespaces (loopback up, private /run and
-// /var/log, rpcbind running). When the namespaces end, so does every process
-// in them. Tests use NodeTest as their fixture: it skips, with the reason,
-// when the sandbox could not be had (not root, unshare not permitted).
+// binary as pid 1 of fresh namespaces (loopback up and carrying 127.0.0.1 to
+// 127.0.0.8, a private /etc/hosts that names them dblade1 to dblade8, private
+// /run and /var/log, rpcbind running). D-blade n of the simulated cluster
+// answers at 127.0.0.n. When the namespaces end, so does every process
+// in them. Tests use NodeTest as their fixture: when the sandbox could not be
+// had it fails, with the reason, under CI=true or as root (where a sandbox is
+// expected, so a run must not go green having run nothing); a developer
+// without root and without CI=true gets a skip instead.
 //
 // Nothing here is thread-safe: one test thread drives a Node.
 #ifndef TESTS_INTEGRATION_NODE_H
@@ -134,12 +138,16 @@ class Node {
     // Call first in main, before InitGoogleTest. Outside the sandbox:
     // re-executes this binary inside unshare and never returns, or returns
     // unsandboxed when that cannot be done (see sandboxed()). Inside: brings
-    // up loopback, mounts private /run and /var/log and starts rpcbind; exits
+    // up loopback with the D-blade addresses, mounts private /run, /var/log
+    // and /etc/hosts (with the D-blade names) and starts rpcbind; exits
     // with status 1 if that fails. Listing the tests needs no sandbox.
     static void enterSandbox(int argc, char** argv);
     static bool sandboxed();
-    // Why sandboxed() is false, for the skip message.
+    // Why sandboxed() is false, for the skip or failure message.
     static const std::string& whyNotSandboxed();
+    // True when a missing sandbox must fail a test rather than skip it: the
+    // environment says CI=true, or this process runs as root.
+    static bool sandboxRequired();
 
     Node();
     ~Node();  // stop(), then removes the scratch folder unless the test failed
@@ -216,8 +224,19 @@ class Node {
     std::vector<CLIENT*> _clients;
 };
 
-// Fixture for tests that need a node: skips when there is no sandbox, and
-// shows the tail of vod's output when a test failed.
+// Fails (or, for a developer without root, skips) a test that has no node
+// sandbox, with the reason. For SetUp() of every fixture that needs one.
+#define VODTEST_REQUIRE_SANDBOX()                                                      \
+    do {                                                                               \
+        if (!::vodtest::Node::sandboxed()) {                                           \
+            if (::vodtest::Node::sandboxRequired())                                    \
+                GTEST_FAIL() << "no node sandbox: " << ::vodtest::Node::whyNotSandboxed(); \
+            GTEST_SKIP() << "no node sandbox: " << ::vodtest::Node::whyNotSandboxed();  \
+        }                                                                              \
+    } while (0)
+
+// Fixture for tests that need a node: VODTEST_REQUIRE_SANDBOX, and shows the
+// tail of vod's output when a test failed.
 class NodeTest : public ::testing::Test {
  protected:
     void SetUp() override;

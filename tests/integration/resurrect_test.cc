@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,12 +35,14 @@ class ResurrectTest : public AdminTest {
 };
 
 TEST_F(ResurrectTest, LocalOperationsAreRecoveredOneSecondApartForeignOnesAreLeft) {
-    const std::vector<std::string> lps = {"lp1a", "lp1b", "lp2a"};
+    const std::vector<std::string> lps = {"lp1a", "lp1b", "lp1a"};
     std::vector<uint32_t> ids = volumesThenStopVod(lps);
     std::vector<uint64_t> opids;
     for (size_t i = 0; i < ids.size(); ++i)
         opids.push_back(addVodbRecord(0, "del", ids[i], lps[i], "src"));
+    // Foreign: an LP no D-blade here serves, and one of D-blade 2 (vod's is D-blade 1).
     addVodbRecord(0, "del", 5555, kForeignLp, "src");
+    addVodbRecord(0, "del", 5556, "lp2a", "src");
 
     // Watch the recoveries come due: one per second, in the order rebuilt,
     // long before the 30 seconds a fresh stamp would give.
@@ -60,29 +63,30 @@ TEST_F(ResurrectTest, LocalOperationsAreRecoveredOneSecondApartForeignOnesAreLef
     EXPECT_LT(p0, p1);
     EXPECT_LT(p1, p2);
 
-    // The three deletes finish; the foreign record stays for its own node.
-    ASSERT_TRUE(waitVodbCount(1, 20)) << vodbRecords().dump();
-    auto left = vodbRecords();
-    EXPECT_EQ(left[0]["vfsid"], 5555);
+    // The three deletes finish; the foreign records stay for their own nodes.
+    ASSERT_TRUE(waitVodbCount(2, 20)) << vodbRecords().dump();
+    std::set<uint32_t> left;
+    for (const auto& r : vodbRecords()) left.insert(r["vfsid"].get<uint32_t>());
+    EXPECT_EQ(left, (std::set<uint32_t>{5555, 5556}));
     EXPECT_NE(out.find("our dblade does not control its lp either"), std::string::npos);
     EXPECT_TRUE(volumes().empty());
     EXPECT_TRUE(vldb().empty());
-    expectedVodbRecords = 1;
+    expectedVodbRecords = 2;
 }
 
 TEST_F(ResurrectTest, OperationOfAnLpComingOnLineIsRebuiltThen) {
-    std::vector<uint32_t> ids = volumesThenStopVod({"lp2b"});
-    addVodbRecord(0, "del", ids[0], "lp2b", "src");
-    sim({"lp-state", "lp2b", "5"});  // offline
+    std::vector<uint32_t> ids = volumesThenStopVod({"lp1b"});
+    addVodbRecord(0, "del", ids[0], "lp1b", "src");
+    sim({"lp-state", "lp1b", "5"});  // offline
 
     startVod();
     ASSERT_TRUE(node.waitForTrace("our dblade does not control its lp either", 20));
     EXPECT_EQ(vodbRecords().size(), 1u);
 
     // The D-blade brings the LP on line and tells vod about it.
-    sim({"lp-state", "lp2b", "online"});
+    sim({"lp-state", "lp1b", "online"});
     LpmChangeIn in;
-    lpBytes("lp2b", in.lpuuid);
+    lpBytes("lp1b", in.lpuuid);
     in.isOnline = TRUE;
     ASSERT_EQ(vollpmchange_1(&in, nullptr, vo()), RPC_SUCCESS);
     EXPECT_TRUE(node.waitForTrace("resurrect DEL _opid", 10));

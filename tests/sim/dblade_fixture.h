@@ -4,6 +4,7 @@
 #define TESTS_SIM_DBLADE_FIXTURE_H
 
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -42,21 +43,32 @@ struct Pgrs {
     std::vector<IncrCopyDestProgress> dests;
 };
 
+// Each D-blade serves its own LPs at its own address: the volume helpers call the
+// D-blade of the LP they name (in the default layout an LP id's first byte is its
+// D-blade), the stream helpers D-blade 1, where every stream of these tests starts.
 class DbladeTest : public simtest::SimTest {
 protected:
     void SetUp() override {
         SimTest::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
-        vol = client(DBLADE_VOL_PROG, DBLADE_VOL_VERS);
-        icp = client(DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS);
+        reconnect();
         ASSERT_TRUE(vol && icp);
     }
 
     // After a restart of the simulator the old connections are gone.
     void reconnect() {
         dropClients();
-        vol = client(DBLADE_VOL_PROG, DBLADE_VOL_VERS);
+        vols.clear();
+        vol = volOf(kLp1a);
         icp = client(DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS);
+    }
+
+    // The volume program of the D-blade that serves lp, or of D-blade askOnly when set.
+    CLIENT* volOf(const unsigned char* lp) {
+        unsigned did = askOnly ? askOnly : lp[0];
+        CLIENT*& c = vols[did];
+        if (!c) c = client(DBLADE_VOL_PROG, DBLADE_VOL_VERS, 10, simtest::dbladeAddress(did));
+        return c;
     }
 
     unsigned create(const unsigned char* lp, unsigned vfsid, const char* name = "vol",
@@ -69,7 +81,7 @@ protected:
         in.set_attrs.attrs.mountedatvolname = const_cast<char*>("");
         in.set_attrs.attrs.minQuota = minQuota;
         VolCreateOut_t out{};
-        EXPECT_EQ(volcreate_1(&in, &out, vol), RPC_SUCCESS);
+        EXPECT_EQ(volcreate_1(&in, &out, volOf(lp)), RPC_SUCCESS);
         return out.returnCode;
     }
 
@@ -78,7 +90,7 @@ protected:
         memcpy(in.lpUUID, lp, 16);
         in.vfsID = vfsid;
         VolDeleteOut_t out{};
-        EXPECT_EQ(voldelete_1(&in, &out, vol), RPC_SUCCESS);
+        EXPECT_EQ(voldelete_1(&in, &out, volOf(lp)), RPC_SUCCESS);
         return out.returnCode;
     }
 
@@ -88,7 +100,7 @@ protected:
         in.srcVfsID = src;
         in.cloneVfsID = dst;
         VolCloneOut_t out{};
-        EXPECT_EQ(volclone_1(&in, &out, vol), RPC_SUCCESS);
+        EXPECT_EQ(volclone_1(&in, &out, volOf(lp)), RPC_SUCCESS);
         return out.returnCode;
     }
 
@@ -97,7 +109,7 @@ protected:
         memcpy(in.lpUUID, lp, 16);
         in.vfsID = vfsid;
         simtest::XdrOut<VolGetattrOut_t> out(xdrProc(xdr_VolGetattrOut_t));
-        EXPECT_EQ(volgetattr_1(&in, &out.v, vol), RPC_SUCCESS);
+        EXPECT_EQ(volgetattr_1(&in, &out.v, volOf(lp)), RPC_SUCCESS);
         const tarn_volgattrx_t& g = out.v.return_volattrs;
         if (a && out.v.returnCode == 0) {
             a->flags = g.flags;
@@ -133,7 +145,7 @@ protected:
         if (!req.set_attrs.attrs.mountedatvolname)
             req.set_attrs.attrs.mountedatvolname = const_cast<char*>("");
         VolSetattrOut_t out{};
-        EXPECT_EQ(volsetattr_1(&req, &out, vol), RPC_SUCCESS);
+        EXPECT_EQ(volsetattr_1(&req, &out, volOf(lp)), RPC_SUCCESS);
         return out.returnCode;
     }
 
@@ -151,7 +163,7 @@ protected:
         in.vfsID2 = id2;
         in.vfsIDTemp = temp;
         VolSwapVolIdOut_t out{};
-        EXPECT_EQ(volswapvolid_1(&in, &out, vol), RPC_SUCCESS);
+        EXPECT_EQ(volswapvolid_1(&in, &out, volOf(lp)), RPC_SUCCESS);
         return out.returnCode;
     }
 
@@ -245,8 +257,10 @@ protected:
         return ctl({"vol-checksum", std::to_string(vfsid), lp});
     }
 
-    CLIENT* vol = nullptr;
-    CLIENT* icp = nullptr;
+    CLIENT* vol = nullptr;  // D-blade 1's
+    CLIENT* icp = nullptr;  // D-blade 1's
+    std::map<unsigned, CLIENT*> vols;  // by D-blade; the fixture owns them
+    unsigned askOnly = 0;  // when set, the volume helpers call this D-blade whatever the LP
 };
 
 }  // namespace dbladetest

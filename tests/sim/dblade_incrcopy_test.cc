@@ -265,6 +265,27 @@ TEST_F(DbladeIncrCopyTest, StreamRefusalsAndBusyVolumes) {
     EXPECT_EQ(remove(kLp1a, kSrc), 0u);
 }
 
+// A stream belongs to its source's D-blade: another D-blade neither starts one from an
+// LP it does not serve nor knows one started elsewhere.
+TEST_F(DbladeIncrCopyTest, AStreamIsKnownOnlyToItsSourcesDblade) {
+    makePair(8, 64 * 1024);
+    ctl({"stream-speed", "16"});
+    ASSERT_EQ(mirror(3, kLp1a, kSrc, {{2, kSink, kLp2a}}), 0u);
+    CLIENT* one = icp;
+    icp = client(DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS, 10, simtest::dbladeAddress(2));
+    ASSERT_NE(icp, nullptr);
+    EXPECT_EQ(mirror(4, kLp1a, kSrc, {{2, 300, kLp2b}}), unsigned{VIC_ELPNOTFOUND});
+    EXPECT_EQ(progress(3).rc, unsigned{VIC_EOPNOTFOUND});
+    for (unsigned st : {pause(3), resume(3), conclude(3), cancel(3, kSink, kLp2a)})
+        EXPECT_EQ(st, unsigned{VIC_EOPNOTFOUND});
+    icp = one;
+    EXPECT_EQ(progress(3).status, unsigned{IncrCopyRunning}) << "the refusals touched the stream";
+    ctl({"stream-speed", "0"});
+    waitDone(3);
+    expectSameAsSource(kSink, "lp2a", kLp2a);
+    EXPECT_EQ(ctl({"calls", "incrcopyprogress", "--dblade", "2"}), "1\n");
+}
+
 TEST_F(DbladeIncrCopyTest, ARestartedSimulatorHasForgottenItsStreams) {
     makePair(8, 64 * 1024);
     ctl({"stream-speed", "32"});

@@ -222,21 +222,123 @@ TEST_F(DbladeVolTest, VolumesSurviveARestart) {
     EXPECT_EQ(getattr(kLp1a, 101), unsigned{TARN_ERR_VOLNOTFOUND});
 }
 
-// Injected statuses are the faults tests' business; a dropped reply here also must not
-// have carried out the delete.
-TEST_F(DbladeVolTest, ADroppedDeleteReplyLeavesTheVolume) {
-    ASSERT_EQ(create(kLp1a, 100), 0u);
-    ctl({"fault", "drop", "voldelete", "1"});
+// A D-blade answers for its own LPs only: asked about another D-blade's, it finds no
+// volume there, whatever the call, and changes nothing.
+TEST_F(DbladeVolTest, EachDbladeServesItsOwnLpsOnly) {
+    ASSERT_EQ(create(kLp2a, 100, "there"), 0u);
+    ASSERT_EQ(create(kLp1a, 200, "here"), 0u);
+    struct Row {
+        const char* what;
+        unsigned asked;  // the D-blade called
+        std::function<unsigned()> call;
+    };
+    const Row rows[] = {
+        {"create", 1, [&] { return create(kLp2a, 101); }},
+        {"getattr", 1, [&] { return getattr(kLp2a, 100); }},
+        {"setattr", 1, [&] { return renumber(kLp2a, 100, 102); }},
+        {"clone", 1, [&] { return clone(kLp2a, 100, 103); }},
+        {"swap", 1, [&] { return swap(kLp2a, 100, 101, 104); }},
+        {"delete", 1, [&] { return remove(kLp2a, 100); }},
+        {"delete the other way", 2, [&] { return remove(kLp1a, 200); }},
+    };
+    for (const Row& r : rows) {
+        askOnly = r.asked;
+        EXPECT_EQ(r.call(), unsigned{TARN_ERR_LPMMISMATCH}) << r.what;
+    }
+    askOnly = 0;
+    EXPECT_EQ(ctl({"vol-list"}),
+              "lp=lp2a vfsid=100 type=rw dv=0 files=0 blocks=0 hidden=0 busy=0 name=there\n"
+              "lp=lp1a vfsid=200 type=rw dv=0 files=0 blocks=0 hidden=0 busy=0 name=here\n");
+    EXPECT_EQ(ctl({"calls", "volcreate", "--dblade", "2"}), "1\n");
+    EXPECT_EQ(ctl({"calls", "volcreate", "--dblade", "1"}), "2\n");
+}
+
+// A fault aimed at one D-blade hits the calls and connections at its address only.
+TEST_F(DbladeVolTest, FaultsAimedAtOneDbladeLeaveTheOthersAlone) {
+    ctl({"fault", "status", "volcreate", "28", "always", "--dblade", "2"});
+    EXPECT_EQ(create(kLp2a, 100), unsigned{TARN_ERR_ENOSPC});
+    EXPECT_EQ(create(kLp1a, 100), 0u);
+    EXPECT_EQ(ctl({"fault", "list"}), "volcreate status 28 always dblade 2\n");
+    ctl({"fault", "clear", "volcreate"});
+    EXPECT_EQ(create(kLp2a, 100), 0u);
+
+    // Connections to D-blade 2 are reset; D-blade 1 answers on the same port.
+    ctl({"fault", "refuse", "dblade_vol", "--dblade", "2", "always"});
+    CLIENT* two = clnt_create(simtest::dbladeAddress(2).c_str(), DBLADE_VOL_PROG, DBLADE_VOL_VERS,
+                              "tcp");
+    if (two) {
+        VolDeleteIn in{};
+        memcpy(in.lpUUID, kLp2a, 16);
+        in.vfsID = 100;
+        VolDeleteOut_t out{};
+        timeval tv{5, 0};
+        clnt_control(two, CLSET_TIMEOUT, reinterpret_cast<char*>(&tv));
+        EXPECT_NE(voldelete_1(&in, &out, two), RPC_SUCCESS);
+        clnt_destroy(two);
+    }
+    reconnect();
+    EXPECT_EQ(remove(kLp1a, 100), 0u);
+    ctl({"fault", "clear", "dblade_vol"});
+    reconnect();
+    EXPECT_EQ(getattr(kLp2a, 100), 0u) << "the refused delete happened";
+
+    // What only D-blades have cannot be aimed at one.
+    for (std::vector<std::string> bad :
+         {std::vector<std::string>{"fault", "status", "new_vfsid", "5", "--dblade", "1"},
+          {"fault", "refuse", "vldb", "--dblade", "1"},
+          {"fault", "status", "volcreate", "5", "--dblade", "9"},
+          {"fault", "wait-held", "volcreate", "--dblade", "1"},
+          {"fault", "status", "volcreate", "5", "--dblade"}})
+        ctl(bad, /*expectOk=*/false);
+}
+
+// Without a reply the caller cannot tell a call that never happened (drop) from one
+// carried out whose answer was lost (lose-reply); the volumes can.
+TEST_F(DbladeVolTest, ADroppedCallChangesNothingALostReplyKeepsItsEffect) {
     CLIENT* quick = client(DBLADE_VOL_PROG, DBLADE_VOL_VERS, 1);
     ASSERT_NE(quick, nullptr);
-    VolDeleteIn in{};
-    memcpy(in.lpUUID, kLp1a, 16);
-    in.vfsID = 100;
-    VolDeleteOut_t out{};
-    EXPECT_EQ(voldelete_1(&in, &out, quick), RPC_TIMEDOUT);
-    // A dropped reply is not a refusal: the volume is still there, and the next delete goes.
-    EXPECT_EQ(getattr(kLp1a, 100), 0u);
-    EXPECT_EQ(remove(kLp1a, 100), 0u);
+    auto createQuick = [&] {
+        VolCreateIn in{};
+        memcpy(in.lpUUID, kLp1a, 16);
+        in.vfsID = 100;
+        in.set_attrs.how = VOLSET_VOLNAME;
+        in.set_attrs.attrs.volname = const_cast<char*>("vol");
+        in.set_attrs.attrs.mountedatvolname = const_cast<char*>("");
+        VolCreateOut_t out{};
+        return volcreate_1(&in, &out, quick);
+    };
+    auto deleteQuick = [&] {
+        VolDeleteIn in{};
+        memcpy(in.lpUUID, kLp1a, 16);
+        in.vfsID = 100;
+        VolDeleteOut_t out{};
+        return voldelete_1(&in, &out, quick);
+    };
+    struct Row {
+        const char* fault;
+        const char* proc;
+        bool existsBefore;
+        std::function<clnt_stat()> call;
+        bool existsAfter;
+    };
+    const Row rows[] = {
+        {"drop", "volcreate", false, createQuick, false},
+        {"lose-reply", "volcreate", false, createQuick, true},
+        {"drop", "voldelete", true, deleteQuick, true},
+        {"lose-reply", "voldelete", true, deleteQuick, false},
+    };
+    for (const Row& r : rows) {
+        const std::string what = std::string(r.fault) + " " + r.proc;
+        remove(kLp1a, 100);
+        if (r.existsBefore) {
+            ASSERT_EQ(create(kLp1a, 100), 0u) << what;
+        }
+        ctl({"fault", r.fault, r.proc});
+        EXPECT_EQ(r.call(), RPC_TIMEDOUT) << what;
+        EXPECT_EQ(getattr(kLp1a, 100) == 0, r.existsAfter) << what;
+        // The fault was spent on that one call.
+        EXPECT_EQ(ctl({"fault", "list"}), "") << what;
+    }
 }
 
 }  // namespace

@@ -32,8 +32,9 @@ std::vector<unsigned char> lp(const unsigned char* u) { return std::vector<unsig
 
 class NodeServicesTest : public SimTest {
  protected:
-  std::vector<LpEntry> listLps() {
-    CLIENT* c = client(DBLADE_LPM_PROG, DBLADE_LPM_VERS);
+  // The LPs D-blade did lists as its own.
+  std::vector<LpEntry> listLps(unsigned did = 1) {
+    CLIENT* c = client(DBLADE_LPM_PROG, DBLADE_LPM_VERS, 10, dbladeAddress(did));
     XdrOut<LPGetAllOut> out(xdrProc(xdr_LPGetAllOut));
     u_int selector = 0;
     EXPECT_EQ(lp_list_all_1(&selector, &out.v, c), RPC_SUCCESS);
@@ -90,7 +91,7 @@ class NodeServicesTest : public SimTest {
 using Dblades = std::vector<std::pair<unsigned, std::string>>;
 
 TEST_F(NodeServicesTest, DefaultLayoutAsTheDldbAndCoordinatorAnswerIt) {
-  EXPECT_EQ(dblades(), (Dblades{{1, "localhost"}, {2, "localhost"}}));
+  EXPECT_EQ(dblades(), (Dblades{{1, "127.0.0.1"}, {2, "127.0.0.2"}}));
   EXPECT_EQ(lidByName("lp2b"), std::make_pair(0, lp(kLp2b)));
   EXPECT_EQ(lidByName("lp9").first, DLDB_STATUS_NOT_FOUND);
   EXPECT_EQ(lidByName("").first, DLDB_STATUS_NOT_FOUND);
@@ -104,24 +105,31 @@ TEST_F(NodeServicesTest, DefaultLayoutAsTheDldbAndCoordinatorAnswerIt) {
   EXPECT_EQ(st, 0u);
   ASSERT_FALSE(ips.empty());
   EXPECT_EQ(ips[0], 0x7F000001u) << "first octet in the high byte";
+  ASSERT_GE(ips.size(), 2u);
+  EXPECT_EQ(ips[1], 0x7F000002u) << "D-blade 2's address is the node's too";
   EXPECT_NE(addressesOf("node2").first, 0u);
 }
 
+// Each D-blade lists and describes its own LPs only.
 TEST_F(NodeServicesTest, LpManagementListsStatesAndSizes) {
-  EXPECT_EQ(listLps(), (std::vector<LpEntry>{{lp(kLp1a), LP_STATUS_ONLINE, "lp1a"},
-                                             {lp(kLp1b), LP_STATUS_ONLINE, "lp1b"},
-                                             {lp(kLp2a), LP_STATUS_ONLINE, "lp2a"},
-                                             {lp(kLp2b), LP_STATUS_ONLINE, "lp2b"}}));
+  EXPECT_EQ(listLps(1), (std::vector<LpEntry>{{lp(kLp1a), LP_STATUS_ONLINE, "lp1a"},
+                                              {lp(kLp1b), LP_STATUS_ONLINE, "lp1b"}}));
+  EXPECT_EQ(listLps(2), (std::vector<LpEntry>{{lp(kLp2a), LP_STATUS_ONLINE, "lp2a"},
+                                              {lp(kLp2b), LP_STATUS_ONLINE, "lp2b"}}));
   ctl({"lp-state", "lp1b", "busy"});
   ctl({"lp-state", "020A0000000000000000000000000000", "3"});
-  std::vector<LpEntry> lps = listLps();
-  ASSERT_EQ(lps.size(), 4u);
-  EXPECT_EQ(lps[1].state, LP_STATUS_BUSY);
-  EXPECT_EQ(lps[2].state, LP_STATUS_WAITING_FOR_DISK);
+  EXPECT_EQ(listLps(1).at(1).state, LP_STATUS_BUSY);
+  EXPECT_EQ(listLps(2).at(0).state, LP_STATUS_WAITING_FOR_DISK);
   ctl({"lp-state", "lp9", "busy"}, /*expectOk=*/false);
   ctl({"lp-state", "lp1a", "sleepy"}, /*expectOk=*/false);
 
-  CLIENT* c = client(DBLADE_LPM_PROG, DBLADE_LPM_VERS);
+  // lp2b through D-blade 1 is as unknown as an LP that does not exist.
+  CLIENT* one = client(DBLADE_LPM_PROG, DBLADE_LPM_VERS);
+  XdrOut<LPGetAttrsOut> elsewhere(xdrProc(xdr_LPGetAttrsOut));
+  ASSERT_EQ(lp_get_attrs_by_uuid_1(LpArg(kLp2b).b, &elsewhere.v, one), RPC_SUCCESS);
+  EXPECT_EQ(elsewhere.v.status, 2);
+
+  CLIENT* c = client(DBLADE_LPM_PROG, DBLADE_LPM_VERS, 10, dbladeAddress(2));
   XdrOut<LPGetAttrsOut> a(xdrProc(xdr_LPGetAttrsOut));
   ASSERT_EQ(lp_get_attrs_by_uuid_1(LpArg(kLp2b).b, &a.v, c), RPC_SUCCESS);
   ASSERT_EQ(a.v.status, 0);
@@ -154,10 +162,11 @@ TEST_F(NodeServicesTest, LpsMadeAtRunTimeAreServedAndOutliveARestart) {
       dropClients();
       ASSERT_TRUE(sim->restart());
     }
-    std::vector<LpEntry> lps = listLps();
-    ASSERT_EQ(lps.size(), 6u) << (restarted ? "after a restart" : "");
-    EXPECT_EQ(lps[4].name, "lpx");
-    EXPECT_EQ(lps[5], (LpEntry{lp(lpy), LP_STATUS_FORMATTING, "lpy"}));
+    std::vector<LpEntry> lps = listLps(1);
+    ASSERT_EQ(lps.size(), 3u) << (restarted ? "after a restart" : "");
+    EXPECT_EQ(lps[2], (LpEntry{lp(lpy), LP_STATUS_FORMATTING, "lpy"}));
+    ASSERT_EQ(listLps(2).size(), 3u);
+    EXPECT_EQ(listLps(2)[2].name, "lpx");
     EXPECT_EQ(lidByName("lpy"), std::make_pair(0, lp(lpy)));
     CLIENT* c = client(DBLADE_LPM_PROG, DBLADE_LPM_VERS);
     XdrOut<LPGetAttrsOut> a(xdrProc(xdr_LPGetAttrsOut));
@@ -172,15 +181,15 @@ TEST_F(NodeServicesTest, ControlToolListsTheLayout) {
   EXPECT_NE(lps.find("{\"name\":\"lp1a\",\"lpid\":\"010A0000000000000000000000000000\",\"dblade\":1,\"state\":4"),
             std::string::npos)
       << lps;
-  EXPECT_EQ(ctl({"dblades"}), "1 localhost\n2 localhost\n");
+  EXPECT_EQ(ctl({"dblades"}), "1 127.0.0.1 127.0.0.1\n2 127.0.0.2 127.0.0.2\n");
   EXPECT_EQ(ctl({"vservers"}), "1 vs1\n2 vs2\n");
   std::string help = ctl({"help"});
   for (const char* cmd : {"lps ", "lp-create ", "vldb ", "vodb ", "fault status ", "ping "})
     EXPECT_NE(help.find(cmd), std::string::npos) << cmd;
 }
 
-// A layout from a file: another node name, one D-blade on another host, two LPs (one
-// with its own id and state), one virtual server.
+// A layout from a file: another node name, one D-blade named through the sandbox's hosts
+// file, two LPs (one with its own id and state), one virtual server.
 class ConfiguredNodeTest : public NodeServicesTest {
  protected:
   void SetUp() override {
@@ -191,7 +200,7 @@ class ConfiguredNodeTest : public NodeServicesTest {
     config = path;
     std::ofstream(config) << "# a small node\n"
                              "node   nodeA\n"
-                             "dblade 7 bladehost   # the only D-blade\n"
+                             "dblade 7 dblade7   # the only D-blade\n"
                              "lp     data 7 16\n"
                              "lp     logs 7 4 0x11223344-5566-7788-99aa-bbccddeeff00 1\n"
                              "vserver 40 vsA\n";
@@ -206,13 +215,14 @@ class ConfiguredNodeTest : public NodeServicesTest {
 };
 
 TEST_F(ConfiguredNodeTest, ServesTheLayoutOfTheFile) {
-  EXPECT_EQ(dblades(), (Dblades{{7, "bladehost"}}));
+  EXPECT_EQ(dblades(), (Dblades{{7, "dblade7"}}));
+  EXPECT_EQ(ctl({"dblades"}), "7 dblade7 127.0.0.7\n");
   EXPECT_EQ(nodeOf(7), std::make_pair(0u, std::string("nodeA")));
   EXPECT_EQ(addressesOf("nodeA").first, 0u);
   unsigned char data[16] = {0x07, 0x0A};
   unsigned char logs[16] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88,
                             0x99, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff, 0x00};
-  EXPECT_EQ(listLps(), (std::vector<LpEntry>{{lp(data), LP_STATUS_ONLINE, "data"},
+  EXPECT_EQ(listLps(7), (std::vector<LpEntry>{{lp(data), LP_STATUS_ONLINE, "data"},
                                              {lp(logs), LP_STATUS_FORMATTING, "logs"}}));
   EXPECT_EQ(vserverByName("vsA"), std::make_pair(0, 40u));
   EXPECT_EQ(vserverByName("vs1").first, DLDB_STATUS_NOT_FOUND);
@@ -229,10 +239,13 @@ TEST(VodsimStartTest, BadLayoutFileIsRefusedWithItsLine) {
     const char* text;
     const char* says;
   };
-  for (const Case& c : {Case{"dblade 1 h\nlp a 2 10\n", ":2: unknown D-blade 2"},
-                        Case{"dblade 1 h\nlp a 1 ten\n", ":2: bad size ten"},
-                        Case{"dblade 1 h\ndblade 1 g\n", ":2: D-blade 1 listed twice"},
-                        Case{"dblade 1 h\nlp a 1 1 0x12\n", ":2: bad LP id 0x12"},
+  for (const Case& c : {Case{"dblade 1 127.0.0.1\nlp a 2 10\n", ":2: unknown D-blade 2"},
+                        Case{"dblade 1 127.0.0.1\nlp a 1 ten\n", ":2: bad size ten"},
+                        Case{"dblade 1 127.0.0.1\ndblade 1 g\n", ":2: D-blade 1 listed twice"},
+                        Case{"dblade 1 127.0.0.1\ndblade 2 localhost\n",
+                             ":2: D-blade 2 has the address of D-blade 1"},
+                        Case{"dblade 1 no.such.host.invalid\n", ":1: host no.such.host.invalid"},
+                        Case{"dblade 1 127.0.0.1\nlp a 1 1 0x12\n", ":2: bad LP id 0x12"},
                         Case{"node x\n", "no D-blade"},
                         Case{"disk 1\n", ":1: cannot parse"}}) {
     std::ofstream(path) << c.text;

@@ -1,6 +1,7 @@
 // main of sim_tests: into the node sandbox first (fresh network, mount and pid
 // namespaces with their own rpcbind), so the simulators the tests start never touch the
-// machine's port mapper and die with the namespace.  Without it the tests skip.
+// machine's port mapper and die with the namespace.  Without it the tests fail (as root
+// or under CI=true) or skip (a developer without root).
 
 #include <gtest/gtest.h>
 #include <signal.h>

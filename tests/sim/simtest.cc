@@ -31,6 +31,8 @@ const unsigned char kLp1b[16] = {0x01, 0x0B};
 const unsigned char kLp2a[16] = {0x02, 0x0A};
 const unsigned char kLp2b[16] = {0x02, 0x0B};
 
+std::string dbladeAddress(unsigned did) { return "127.0.0." + std::to_string(did); }
+
 namespace {
 
 std::vector<char*> argvOf(const std::string& path, const std::vector<std::string>& args) {
@@ -54,8 +56,8 @@ int waitFor(pid_t pid, double timeoutSec) {
   return result;
 }
 
-bool nullCall(rpcprog_t prog, rpcvers_t vers) {
-  CLIENT* c = clnt_create("127.0.0.1", prog, vers, "tcp");
+bool nullCall(rpcprog_t prog, rpcvers_t vers, const std::string& host) {
+  CLIENT* c = clnt_create(host.c_str(), prog, vers, "tcp");
   if (!c) return false;
   timeval tv{2, 0};
   clnt_stat st = clnt_call(c, NULLPROC, xdrProc(xdr_void), nullptr,
@@ -82,15 +84,22 @@ bool SimProcess::start(std::vector<std::string> extraArgs) {
     _exit(127);
   }
   if (_pid < 0) return false;
-  const rpcprog_t progs[][2] = {{VLDB_PROG, VLDB_VERS},           {DLDB_PROG, DLDB_VERS},
-                                {COORD_PROG, COORD_VERS},         {DBLADE_LPM_PROG, DBLADE_LPM_VERS},
-                                {DBLADE_VOL_PROG, DBLADE_VOL_VERS}, {DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS}};
+  const rpcprog_t nodeProgs[][2] = {{VLDB_PROG, VLDB_VERS}, {DLDB_PROG, DLDB_VERS}, {COORD_PROG, COORD_VERS}};
+  const rpcprog_t dbladeProgs[][2] = {{DBLADE_LPM_PROG, DBLADE_LPM_VERS},
+                                      {DBLADE_VOL_PROG, DBLADE_VOL_VERS},
+                                      {DBLADE_INCRCOPY_PROG, DBLADE_INCRCOPY_VERS}};
   bool up = pollUntil(
       [&] {
         if (!running()) return true;  // gave up; reported below
         if (ctl({"ping"}, 5).status != 0) return false;
-        for (auto& p : progs)
-          if (!nullCall(p[0], p[1])) return false;
+        for (auto& p : nodeProgs)
+          if (!nullCall(p[0], p[1], "127.0.0.1")) return false;
+        // The D-blade programs at the first D-blade's address ("DID HOST ADDRESS" lines).
+        std::istringstream first(ctl({"dblades"}, 5).out);
+        std::string did, host, addr;
+        if (!(first >> did >> host >> addr)) return false;
+        for (auto& p : dbladeProgs)
+          if (!nullCall(p[0], p[1], addr)) return false;
         return true;
       },
       20, 0.05);
@@ -146,7 +155,7 @@ std::string SimProcess::log() const {
 }
 
 void SimTest::SetUp() {
-  if (!sandboxed()) GTEST_SKIP() << "no private sandbox for the simulator: " << whyNotSandboxed();
+  VODTEST_REQUIRE_SANDBOX();
   char tmpl[] = "/tmp/vodsim-test-XXXXXX";
   ASSERT_NE(mkdtemp(tmpl), nullptr) << std::strerror(errno);
   scratch = tmpl;
@@ -167,10 +176,11 @@ void SimTest::TearDown() {
   }
 }
 
-CLIENT* SimTest::client(rpcprog_t prog, rpcvers_t vers, unsigned timeoutSec) {
-  CLIENT* c = clnt_create("127.0.0.1", prog, vers, "tcp");
+CLIENT* SimTest::client(rpcprog_t prog, rpcvers_t vers, unsigned timeoutSec, const std::string& host) {
+  CLIENT* c = clnt_create(host.c_str(), prog, vers, "tcp");
   if (!c) {
-    ADD_FAILURE() << "no client for program " << std::hex << prog << ": " << clnt_spcreateerror("clnt_create");
+    ADD_FAILURE() << "no client for program " << std::hex << prog << " at " << host << ": "
+                  << clnt_spcreateerror("clnt_create");
     return nullptr;
   }
   timeval tv{static_cast<time_t>(timeoutSec), 0};

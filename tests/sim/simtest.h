@@ -31,6 +31,10 @@ inline const std::string& whyNotSandboxed() { return vodtest::Node::whyNotSandbo
 // The default layout's LP ids: D-blade byte, LP letter byte (0A, 0B), zeros.
 extern const unsigned char kLp1a[16], kLp1b[16], kLp2a[16], kLp2b[16];
 
+// Where D-blade did of the default layout (and of the sandbox's dblade<did> names)
+// answers: 127.0.0.<did>.  The node's own programs answer at 127.0.0.1 too.
+std::string dbladeAddress(unsigned did);
+
 // A writable copy of an LP id for a call that takes one as its whole argument: the XDR
 // filter for u_char stores every element back, even when it only encodes.
 struct LpArg {
@@ -86,9 +90,11 @@ class SimTest : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  // A TCP client to one of the simulator's programs on 127.0.0.1 with a per-call
-  // time-out; owned by the fixture.  Null (and a test failure) when it cannot be made.
-  CLIENT* client(rpcprog_t prog, rpcvers_t vers, unsigned timeoutSec = 10);
+  // A TCP client to one of the simulator's programs at host (D-blade 1 and the node's
+  // programs by default) with a per-call time-out; owned by the fixture.  Null (and a
+  // test failure) when it cannot be made.
+  CLIENT* client(rpcprog_t prog, rpcvers_t vers, unsigned timeoutSec = 10,
+                 const std::string& host = "127.0.0.1");
   // Destroys the clients made so far (before a restart of the simulator).
   void dropClients();
   // vodsimctl; expects success unless told otherwise and returns stdout.
