@@ -54,7 +54,7 @@ struct MoveStats {
     bool stopped = false, swapped = false, windowClosed = false;
     Wall::time_point stoppedAt{}, swappedAt{};
     Steady::time_point windowStart{}, windowEnd{};
-    const char* result = "running";   // then done, failed (with code) or dropped
+    const char* result = "running";  // then done, failed (with code) or dropped
     unsigned code = 0;
 };
 
@@ -65,9 +65,9 @@ auto& gStats = *new std::vector<MoveStats>;
 struct Move {
     SimMoveRequest rq;
     bool local = false;
-    int64_t srcKey = 0;   // the source volume, whatever id it has by now
+    int64_t srcKey = 0;  // the source volume, whatever id it has by now
     bool stopped = false, swapped = false, vldbSwitched = false;
-    size_t stats = 0;     // its entry in gStats
+    size_t stats = 0;  // its entry in gStats
 };
 
 SimVolume* volumeByKey(int64_t key) {
@@ -91,14 +91,19 @@ void resumeWrites(Move* m) {
 
 unsigned vicOf(unsigned tarn) {
     switch (tarn) {
-    case TARN_OK: return 0;
-    case TARN_ERR_VOLNOTFOUND:
-    case TARN_ERR_LPMMISMATCH: return VIC_EVOLNOTFOUND;
-    case TARN_ERR_VOLHIDDEN:
-    case TARN_ERR_ENORNUM: return VIC_EVOLBUSY;
-    case TARN_ERR_EEXIST:
-    case TARN_ERR_EINVAL: return VIC_EINVAL;
-    default: return VIC_EIO;
+        case TARN_OK:
+            return 0;
+        case TARN_ERR_VOLNOTFOUND:
+        case TARN_ERR_LPMMISMATCH:
+            return VIC_EVOLNOTFOUND;
+        case TARN_ERR_VOLHIDDEN:
+        case TARN_ERR_ENORNUM:
+            return VIC_EVOLBUSY;
+        case TARN_ERR_EEXIST:
+        case TARN_ERR_EINVAL:
+            return VIC_EINVAL;
+        default:
+            return VIC_EIO;
     }
 }
 
@@ -179,8 +184,8 @@ struct Step {
 };
 
 const Step kSteps[] = {
-    {"incrcopymove.stop", stopWrites},   {"incrcopymove.stream", sendChanges},
-    {"incrcopymove.swap", swapIds},      {"incrcopymove.vldb", switchVldb},
+    {"incrcopymove.stop", stopWrites},  {"incrcopymove.stream", sendChanges},
+    {"incrcopymove.swap", swapIds},     {"incrcopymove.vldb", switchVldb},
     {"incrcopymove.notify", notifyVod},
 };
 
@@ -277,15 +282,19 @@ std::string statsCommand(const std::vector<std::string>& a, bool* ok) {
               << ",\"local\":" << (s.local ? "true" : "false")
               << ",\"stoppedAt\":" << when(s.stopped, s.stoppedAt)
               << ",\"swappedAt\":" << when(s.swapped, s.swappedAt) << ",\"stoppedMs\":";
-            if (s.stopped) o << stoppedMs(s);
-            else o << "null";
+            if (s.stopped)
+                o << stoppedMs(s);
+            else
+                o << "null";
             o << ",\"result\":\"" << s.result << "\",\"code\":" << s.code << "}";
         } else {
             o << "opid=" << s.opId << " vfsid=" << s.vfsid << " local=" << (s.local ? 1 : 0)
               << " stopped-at=" << when(s.stopped, s.stoppedAt)
               << " swapped-at=" << when(s.swapped, s.swappedAt) << " stopped-ms=";
-            if (s.stopped) o << stoppedMs(s);
-            else o << "-";
+            if (s.stopped)
+                o << stoppedMs(s);
+            else
+                o << "-";
             o << " result=" << s.result << " code=" << s.code << "\n";
         }
     }

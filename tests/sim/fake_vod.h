@@ -19,7 +19,7 @@ namespace dbladetest {
 
 // Records incrcopycomplete calls; one at a time per process.
 class FakeVod {
-public:
+  public:
     static inline std::mutex mu;
     static inline std::set<uint64_t> notices;
 
@@ -50,7 +50,7 @@ public:
         return notices.count(opId) > 0;
     }
 
-private:
+  private:
     static void dispatch(svc_req* rq, SVCXPRT* t) {
         if (rq->rq_proc == NULLPROC) {
             svc_sendreply(t, xdrProc(xdr_void), nullptr);
@@ -76,7 +76,6 @@ private:
     std::thread _thread;
     std::atomic<bool> _stop{false};
 };
-
 
 }  // namespace dbladetest
 

@@ -32,7 +32,7 @@ const Target kRemote{"remote", kLp2a, "lp2a", 2, false};
 const Target kLocal{"local", kLp1b, "lp1b", 1, true};
 
 class IncrCopyMoveTest : public DbladeTest {
-protected:
+  protected:
     // What the last regular pass leaves: the source on lp1a with its VLDB record, the op
     // sink on the target LP at the pass's clone, and then new changes to the source (one
     // file rewritten, one added, one removed) for the final pass to carry.
@@ -76,14 +76,15 @@ protected:
 
     // A file change through the control tool; false when the volume refuses it.
     bool writable(unsigned vfsid, const std::string& lp) {
-        return sim->ctl({"vol-write", std::to_string(vfsid), lp, "probe", "--text", "x"}).status == 0;
+        return sim->ctl({"vol-write", std::to_string(vfsid), lp, "probe", "--text", "x"}).status ==
+               0;
     }
 
     // (LP name, data version) of each VLDB record of the id.
     std::vector<std::pair<std::string, uint64_t>> vldbRecords(unsigned vfsid) {
         std::istringstream lines(ctl({"vldb", std::to_string(vfsid)}));
         std::string line;
-        std::getline(lines, line);   // the heading
+        std::getline(lines, line);  // the heading
         std::vector<std::pair<std::string, uint64_t>> out;
         while (std::getline(lines, line)) {
             std::istringstream f(line);
@@ -137,7 +138,7 @@ TEST_P(FinalMoveTest, TheSinkTakesOverTheSourceAndTheVldbFollows) {
     Pgrs p = waitDone(kMoveOp);
 
     EXPECT_EQ(p.code, 0u);
-    EXPECT_EQ(p.vnodesTotal, 3u);   // only what changed since the sink's data version
+    EXPECT_EQ(p.vnodesTotal, 3u);  // only what changed since the sink's data version
     ASSERT_EQ(p.dests.size(), 1u);
     EXPECT_EQ(p.dests[0].isDone, 1u);
     EXPECT_EQ(p.dests[0].completionCode, 0u);
@@ -161,16 +162,18 @@ TEST_P(FinalMoveTest, TheSinkTakesOverTheSourceAndTheVldbFollows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Targets, FinalMoveTest, ::testing::Values(kRemote, kLocal),
-                         [](const ::testing::TestParamInfo<Target>& p) { return std::string(p.param.what); });
+                         [](const ::testing::TestParamInfo<Target>& p) {
+                             return std::string(p.param.what);
+                         });
 
 // ---- failures ------------------------------------------------------------------------------
 
 struct FailCase {
     const char* name;
     Target target;
-    std::vector<std::string> setup;   // a vodsimctl command run before the move
+    std::vector<std::string> setup;  // a vodsimctl command run before the move
     unsigned code;
-    bool stands;   // the failure came after the VLDB switch: the move is not undone
+    bool stands;  // the failure came after the VLDB switch: the move is not undone
 };
 
 void PrintTo(const FailCase& c, std::ostream* os) { *os << c.name; }
@@ -204,10 +207,16 @@ const FailCase kFailCases[] = {
     {"StopFails", kRemote, {"fault", "status", "incrcopymove.stop", "20025"}, VIC_EIO, false},
     {"StreamFails", kLocal, {"fault", "status", "incrcopymove.stream", "20025"}, VIC_EIO, false},
     {"SwapFails", kLocal, {"fault", "status", "incrcopymove.swap", "20030"}, VIC_EVOLBUSY, false},
-    {"VldbFailsAfterTheRemoteSwap", kRemote, {"fault", "status", "incrcopymove.vldb", "20025"},
-     VIC_EIO, false},
-    {"VldbFailsAfterTheLocalSwap", kLocal, {"fault", "status", "incrcopymove.vldb", "20025"},
-     VIC_EIO, false},
+    {"VldbFailsAfterTheRemoteSwap",
+     kRemote,
+     {"fault", "status", "incrcopymove.vldb", "20025"},
+     VIC_EIO,
+     false},
+    {"VldbFailsAfterTheLocalSwap",
+     kLocal,
+     {"fault", "status", "incrcopymove.vldb", "20025"},
+     VIC_EIO,
+     false},
     {"TheSourceHasNoVldbRecord", kRemote, {"vldb-delete", "100", "lp1a"}, VIC_EVLDBNOTIFY, false},
     {"NotifyFails", kRemote, {"fault", "status", "incrcopymove.notify", "20025"}, VIC_EIO, true},
 };
@@ -237,8 +246,8 @@ struct DropCase {
     const char* name;
     Target target;
     const char* point;
-    bool viaHold;   // held first, then released with drop
-    bool swapped;   // the swap had happened
+    bool viaHold;  // held first, then released with drop
+    bool swapped;  // the swap had happened
 };
 
 void PrintTo(const DropCase& c, std::ostream* os) { *os << c.name; }
@@ -271,7 +280,7 @@ TEST_P(DroppedMoveTest, ForgetsTheStreamAndReleasesOnlyTheStop) {
         EXPECT_EQ(getattr(c.target.lp, kSink), 0u);
         EXPECT_TRUE(writable(kSrc, "lp1a"));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));   // a notice would be here by now
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // a notice would be here by now
     EXPECT_FALSE(FakeVod::received(kMoveOp));
     EXPECT_NE(ctl({"move-stats"}).find("result=dropped"), std::string::npos);
 }
@@ -304,7 +313,10 @@ TEST_F(IncrCopyMoveTest, AHeldSwapKeepsTheSourceStoppedAndPauseHoldsTheSteps) {
     afterRegularPass(kRemote);
     ctl({"writer", "start", "100", "lp1a", "100", "--files", "4"});
     ASSERT_TRUE(simtest::pollUntil(
-        [&] { return writerCount(ctl({"writer", "list"}), "changes") > 0; }, 10));
+        [&] {
+            return writerCount(ctl({"writer", "list"}), "changes") > 0;
+        },
+        10));
     ctl({"fault", "hold", "incrcopymove.swap"});
     ASSERT_EQ(move(kRemote), 0u);
     ctl({"fault", "wait-held", "incrcopymove.swap"});
@@ -312,7 +324,10 @@ TEST_F(IncrCopyMoveTest, AHeldSwapKeepsTheSourceStoppedAndPauseHoldsTheSteps) {
 
     // Stopped: every change is refused, and the sink already holds the source's image.
     ASSERT_TRUE(simtest::pollUntil(
-        [&] { return writerCount(ctl({"writer", "list"}), "refused") >= 3; }, 10));
+        [&] {
+            return writerCount(ctl({"writer", "list"}), "refused") >= 3;
+        },
+        10));
     std::string stopped = ctl({"writer", "list"});
     sourceSum = checksum(kSrc, "lp1a");
     sourceDv = attrs(kLp1a, kSrc).dataVersion;
@@ -360,14 +375,15 @@ TEST_F(IncrCopyMoveTest, RefusedRequestsStartNothing) {
         {"not a final move", kRemote, [](IncrCopyMoveIn& in) { in.opType = 3; }, VIC_EINVAL},
         {"unknown source LP", kRemote, [](IncrCopyMoveIn& in) { in.srcLpUuid[0] = 9; },
          VIC_ELPNOTFOUND},
-        {"no such source", kRemote, [](IncrCopyMoveIn& in) { in.srcVfsId = 555; }, VIC_EVOLNOTFOUND},
+        {"no such source", kRemote, [](IncrCopyMoveIn& in) { in.srcVfsId = 555; },
+         VIC_EVOLNOTFOUND},
         {"no such sink", kRemote, [](IncrCopyMoveIn& in) { in.dstVfsId = 556; }, VIC_EVOLNOTFOUND},
         {"target LP of another D-blade", kRemote, [](IncrCopyMoveIn& in) { in.dstBladeId = 1; },
          VIC_ELPMISMATCH},
         {"target is the source LP", kLocal,
          [](IncrCopyMoveIn& in) { memcpy(in.dstLpUuid, kLp1a, 16); }, VIC_EINVAL},
-        {"local move without a spare id", kLocal, [](IncrCopyMoveIn& in) { in.tmpVfsIdForSwap = 0; },
-         VIC_EINVAL},
+        {"local move without a spare id", kLocal,
+         [](IncrCopyMoveIn& in) { in.tmpVfsIdForSwap = 0; }, VIC_EINVAL},
         {"spare id taken", kLocal, [](IncrCopyMoveIn& in) { in.tmpVfsIdForSwap = kClone; },
          VIC_EINVAL},
     };
@@ -392,7 +408,7 @@ TEST_F(IncrCopyMoveTest, AWriterChangesFilesAtItsRate) {
     ASSERT_EQ(create(kLp1a, kSrc, "src"), 0u);
     ctl({"writer", "start", "100", "lp1a", "40", "--files", "3", "--bytes", "1000", "--dver-step",
          "10000"});
-    ctl({"writer", "start", "100", "lp1a", "5"}, false);   // one writer per volume
+    ctl({"writer", "start", "100", "lp1a", "5"}, false);  // one writer per volume
     ctl({"writer", "start", "555", "lp1a", "5"}, false);
     auto start = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
@@ -410,7 +426,7 @@ TEST_F(IncrCopyMoveTest, AWriterChangesFilesAtItsRate) {
     std::string files = ctl({"vol-files", "100", "lp1a"});
     EXPECT_EQ(std::count(files.begin(), files.end(), '\n'), 3);
     EXPECT_NE(files.find("size=1000 writer/00002"), std::string::npos) << files;
-    EXPECT_EQ(attrs(kLp1a, kSrc).dataVersion, made * 10000);   // nothing after the stop
+    EXPECT_EQ(attrs(kLp1a, kSrc).dataVersion, made * 10000);  // nothing after the stop
     ctl({"writer", "stop", "100", "lp1a"}, false);
 }
 
