@@ -58,16 +58,16 @@ struct MoveStats {
     unsigned code = 0;
 };
 
-// Under SimNode::lock(), in the order the moves were accepted.  Never destroyed: detached
-// move threads may still reach it while the process exits.
-auto& gStats = *new std::vector<MoveStats>;
+// Under SimNode::lock(), in the order the moves were accepted.  A reset empties the list; a
+// move still running keeps filling in its own entry.
+auto& gStats = *new std::vector<std::shared_ptr<MoveStats>>;
 
 struct Move {
     SimMoveRequest rq;
     bool local = false;
     int64_t srcKey = 0;  // the source volume, whatever id it has by now
     bool stopped = false, swapped = false, vldbSwitched = false;
-    size_t stats = 0;  // its entry in gStats
+    std::shared_ptr<MoveStats> stats;  // also in gStats until a reset
 };
 
 SimVolume* volumeByKey(int64_t key) {
@@ -86,7 +86,7 @@ void resumeWrites(Move* m) {
     if (!m->stopped) return;
     if (SimVolume* v = volumeByKey(m->srcKey)) v->stoppedByOpId = 0;
     m->stopped = false;
-    closeWindow(&gStats[m->stats]);
+    closeWindow(m->stats.get());
 }
 
 unsigned vicOf(unsigned tarn) {
@@ -115,7 +115,7 @@ unsigned stopWrites(Move* m, std::unique_lock<std::mutex>&) {
     if (!v) return VIC_EVOLNOTFOUND;
     v->stoppedByOpId = m->rq.opId;
     m->stopped = true;
-    MoveStats& s = gStats[m->stats];
+    MoveStats& s = *m->stats;
     s.stopped = true;
     s.stoppedAt = Wall::now();
     s.windowStart = Steady::now();
@@ -154,7 +154,7 @@ unsigned swapIds(Move* m, std::unique_lock<std::mutex>&) {
     if (unsigned st = store.setAttrs(rq.dstLp, rq.dstVfsid, how, src->attrs)) return vicOf(st);
     if (unsigned st = store.renumber(swapPlan(*m, false))) return vicOf(st);
     m->swapped = true;
-    MoveStats& s = gStats[m->stats];
+    MoveStats& s = *m->stats;
     s.swapped = true;
     s.swappedAt = Wall::now();
     closeWindow(&s);
@@ -206,7 +206,7 @@ void rollBack(Move* m) {
 // The D-blade died: what lived only in its memory goes with it.
 void die(Move* m) {
     resumeWrites(m);
-    gStats[m->stats].result = "dropped";
+    m->stats->result = "dropped";
     simStreamForget(m->rq.opId);
 }
 
@@ -231,8 +231,8 @@ void run(std::shared_ptr<Move> m) {
         }
     }
     if (code) rollBack(m.get());
-    gStats[m->stats].result = code ? "failed" : "done";
-    gStats[m->stats].code = code;
+    m->stats->result = code ? "failed" : "done";
+    m->stats->code = code;
     simStreamEnd(m->rq.opId, code);
     lk.unlock();
     simNotifyVod(m->rq.opId);
@@ -273,7 +273,7 @@ std::string statsCommand(const std::vector<std::string>& a, bool* ok) {
     o.precision(3);
     if (json) o << "[";
     for (size_t i = 0; i < gStats.size(); ++i) {
-        const MoveStats& s = gStats[i];
+        const MoveStats& s = *gStats[i];
         auto when = [&](bool set, Wall::time_point t) {
             return set ? (json ? "\"" + isoTime(t) + "\"" : isoTime(t)) : json ? "null" : "-";
         };
@@ -332,12 +332,11 @@ unsigned simMoveStart(const SimMoveRequest& rq) {
     m->rq = rq;
     m->local = local;
     m->srcKey = src->key;
-    m->stats = gStats.size();
-    MoveStats s;
-    s.opId = rq.opId;
-    s.vfsid = rq.srcVfsid;
-    s.local = local;
-    gStats.push_back(s);
+    m->stats = std::make_shared<MoveStats>();
+    m->stats->opId = rq.opId;
+    m->stats->vfsid = rq.srcVfsid;
+    m->stats->local = local;
+    gStats.push_back(m->stats);
     std::thread(run, m).detach();
     return 0;
 }

@@ -354,6 +354,8 @@ TEST_F(IncrCopyMoveTest, AHeldSwapKeepsTheSourceStoppedAndPauseHoldsTheSteps) {
     EXPECT_GE(stoppedMs(stats), window);
     EXPECT_LT(stoppedMs(stats), window + 10000);
     EXPECT_NE(ctl({"move-stats", "--json"}).find("\"swappedAt\":\"20"), std::string::npos);
+    ctl({"move-stats", "reset"});
+    EXPECT_EQ(ctl({"move-stats", "--json"}), "[]\n");
 
     // The writer still aims at the old source, which goes on refusing.
     std::string done = ctl({"writer", "stop", "100", "lp1a"});
