@@ -25,7 +25,6 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,6 +32,7 @@
 #include "dblade_incrcopy.h"
 #include "dblade_vol.h"
 #include "sim/incrcopy.h"
+#include "sim/listing.h"
 #include "sim/simcontrol.h"
 #include "sim/simfaults.h"
 #include "sim/simnode.h"
@@ -268,38 +268,27 @@ std::string statsCommand(const std::vector<std::string>& a, bool* ok) {
         *ok = false;
         return "usage: move-stats [--json | reset]";
     }
-    std::ostringstream o;
-    o.setf(std::ios::fixed);
-    o.precision(3);
-    if (json) o << "[";
-    for (size_t i = 0; i < gStats.size(); ++i) {
-        const MoveStats& s = *gStats[i];
-        auto when = [&](bool set, Wall::time_point t) {
-            return set ? (json ? "\"" + isoTime(t) + "\"" : isoTime(t)) : json ? "null" : "-";
-        };
-        if (json) {
-            o << (i ? "," : "") << "{\"opid\":" << s.opId << ",\"vfsid\":" << s.vfsid
-              << ",\"local\":" << (s.local ? "true" : "false")
-              << ",\"stoppedAt\":" << when(s.stopped, s.stoppedAt)
-              << ",\"swappedAt\":" << when(s.swapped, s.swappedAt) << ",\"stoppedMs\":";
-            if (s.stopped)
-                o << stoppedMs(s);
-            else
-                o << "null";
-            o << ",\"result\":\"" << s.result << "\",\"code\":" << s.code << "}";
-        } else {
-            o << "opid=" << s.opId << " vfsid=" << s.vfsid << " local=" << (s.local ? 1 : 0)
-              << " stopped-at=" << when(s.stopped, s.stoppedAt)
-              << " swapped-at=" << when(s.swapped, s.swappedAt) << " stopped-ms=";
-            if (s.stopped)
-                o << stoppedMs(s);
-            else
-                o << "-";
-            o << " result=" << s.result << " code=" << s.code << "\n";
-        }
+    std::vector<SimRow> rows;
+    for (const auto& stats : gStats) {
+        const MoveStats& s = *stats;
+        SimRow r;
+        r.num("opid", s.opId).num("vfsid", uint64_t{s.vfsid}).flag("local", s.local);
+        if (s.stopped)
+            r.word("stoppedAt", isoTime(s.stoppedAt));
+        else
+            r.none("stoppedAt");
+        if (s.swapped)
+            r.word("swappedAt", isoTime(s.swappedAt));
+        else
+            r.none("swappedAt");
+        if (s.stopped)
+            r.num("stoppedMs", stoppedMs(s));
+        else
+            r.none("stoppedMs");
+        r.word("result", s.result).num("code", uint64_t{s.code});
+        rows.push_back(std::move(r));
     }
-    if (json) o << "]\n";
-    return o.str();
+    return simListing(rows, json);
 }
 
 }  // namespace

@@ -16,12 +16,12 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "sim/listing.h"
 #include "sim/simcontrol.h"
 #include "sim/simnode.h"
 #include "sim/volstore.h"
@@ -186,33 +186,28 @@ std::string stopWriter(const std::vector<std::string>& a, bool* ok) {
     }
     gSleepCv.notify_all();
     w->thread.join();
-    return "changes=" + std::to_string(w->changes) + " refused=" + std::to_string(w->refused) +
-           " failed=" + std::to_string(w->failed) + "\n";
+    return SimRow()
+               .num("changes", w->changes)
+               .num("refused", w->refused)
+               .num("failed", w->failed)
+               .text() +
+           "\n";
 }
 
 std::string listWriters(const std::vector<std::string>& a, bool* ok) {
     bool json = a.size() == 2 && a[1] == "--json";
     if (a.size() > 2 || (a.size() == 2 && !json)) return *ok = false, std::string(kUsage);
     std::lock_guard<std::mutex> g(SimNode::get().lock());
-    std::ostringstream o;
-    if (json) o << "[";
-    bool first = true;
+    std::vector<SimRow> rows;
     for (const auto& [key, w] : gWriters) {
-        if (json)
-            o << (first ? "" : ",") << "{\"vfsid\":" << w->vfsid << ",\"lpid\":\""
-              << simLpHex(w->lp) << "\",\"rate\":" << w->rate << ",\"files\":" << w->files
-              << ",\"bytes\":" << w->bytes << ",\"dverStep\":" << w->dverStep
-              << ",\"changes\":" << w->changes << ",\"refused\":" << w->refused
-              << ",\"failed\":" << w->failed << ",\"lastStatus\":" << w->lastStatus << "}";
-        else
-            o << "vfsid=" << w->vfsid << " lp=" << w->lpName << " rate=" << w->rate
-              << " files=" << w->files << " bytes=" << w->bytes << " dver-step=" << w->dverStep
-              << " changes=" << w->changes << " refused=" << w->refused << " failed=" << w->failed
-              << " last-status=" << w->lastStatus << "\n";
-        first = false;
+        SimRow r;
+        r.num("vfsid", uint64_t{w->vfsid}).word("lp", w->lpName).word("lpid", simLpHex(w->lp));
+        r.num("rate", w->rate).num("files", w->files).num("bytes", w->bytes);
+        r.num("dverStep", w->dverStep).num("changes", w->changes).num("refused", w->refused);
+        r.num("failed", w->failed).num("lastStatus", uint64_t{w->lastStatus});
+        rows.push_back(std::move(r));
     }
-    if (json) o << "]\n";
-    return o.str();
+    return simListing(rows, json);
 }
 
 std::string writerCommand(const std::vector<std::string>& a, bool* ok) {

@@ -23,7 +23,12 @@ class FakeVod {
     static inline std::mutex mu;
     static inline std::set<uint64_t> notices;
 
+    // Forgets the notices of earlier tests in this process.
     bool start() {
+        {
+            std::lock_guard<std::mutex> lk(mu);
+            notices.clear();
+        }
         _xprt = svctcp_create(RPC_ANYSOCK, 0, 0);
         if (!_xprt) return false;
         pmap_unset(VOPROG, VOVERS);
