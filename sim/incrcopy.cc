@@ -300,7 +300,9 @@ void run(std::shared_ptr<Stream> st) {
         anyCancelled = anyCancelled || cancelled;
         allCancelled = allCancelled && cancelled;
     }
-    endStream(st.get(), sourceFailed ? VIC_EIO : (anyCancelled && allCancelled) ? VIC_ECANCELLED : 0);
+    endStream(st.get(), sourceFailed                   ? VIC_EIO
+                        : anyCancelled && allCancelled ? VIC_ECANCELLED
+                                                       : 0);
     uint64_t opId = st->opId;
     dropImage(st.get(), lk);
     lk.unlock();

@@ -25,7 +25,6 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,6 +32,7 @@
 #include "dblade_incrcopy.h"
 #include "dblade_vol.h"
 #include "sim/incrcopy.h"
+#include "sim/listing.h"
 #include "sim/simcontrol.h"
 #include "sim/simfaults.h"
 #include "sim/simnode.h"
@@ -54,20 +54,20 @@ struct MoveStats {
     bool stopped = false, swapped = false, windowClosed = false;
     Wall::time_point stoppedAt{}, swappedAt{};
     Steady::time_point windowStart{}, windowEnd{};
-    const char* result = "running";   // then done, failed (with code) or dropped
+    const char* result = "running";  // then done, failed (with code) or dropped
     unsigned code = 0;
 };
 
-// Under SimNode::lock(), in the order the moves were accepted.  Never destroyed: detached
-// move threads may still reach it while the process exits.
-auto& gStats = *new std::vector<MoveStats>;
+// Under SimNode::lock(), in the order the moves were accepted.  A reset empties the list; a
+// move still running keeps filling in its own entry.
+auto& gStats = *new std::vector<std::shared_ptr<MoveStats>>;
 
 struct Move {
     SimMoveRequest rq;
     bool local = false;
-    int64_t srcKey = 0;   // the source volume, whatever id it has by now
+    int64_t srcKey = 0;  // the source volume, whatever id it has by now
     bool stopped = false, swapped = false, vldbSwitched = false;
-    size_t stats = 0;     // its entry in gStats
+    std::shared_ptr<MoveStats> stats;  // also in gStats until a reset
 };
 
 SimVolume* volumeByKey(int64_t key) {
@@ -86,19 +86,24 @@ void resumeWrites(Move* m) {
     if (!m->stopped) return;
     if (SimVolume* v = volumeByKey(m->srcKey)) v->stoppedByOpId = 0;
     m->stopped = false;
-    closeWindow(&gStats[m->stats]);
+    closeWindow(m->stats.get());
 }
 
 unsigned vicOf(unsigned tarn) {
     switch (tarn) {
-    case TARN_OK: return 0;
-    case TARN_ERR_VOLNOTFOUND:
-    case TARN_ERR_LPMMISMATCH: return VIC_EVOLNOTFOUND;
-    case TARN_ERR_VOLHIDDEN:
-    case TARN_ERR_ENORNUM: return VIC_EVOLBUSY;
-    case TARN_ERR_EEXIST:
-    case TARN_ERR_EINVAL: return VIC_EINVAL;
-    default: return VIC_EIO;
+        case TARN_OK:
+            return 0;
+        case TARN_ERR_VOLNOTFOUND:
+        case TARN_ERR_LPMMISMATCH:
+            return VIC_EVOLNOTFOUND;
+        case TARN_ERR_VOLHIDDEN:
+        case TARN_ERR_ENORNUM:
+            return VIC_EVOLBUSY;
+        case TARN_ERR_EEXIST:
+        case TARN_ERR_EINVAL:
+            return VIC_EINVAL;
+        default:
+            return VIC_EIO;
     }
 }
 
@@ -110,7 +115,7 @@ unsigned stopWrites(Move* m, std::unique_lock<std::mutex>&) {
     if (!v) return VIC_EVOLNOTFOUND;
     v->stoppedByOpId = m->rq.opId;
     m->stopped = true;
-    MoveStats& s = gStats[m->stats];
+    MoveStats& s = *m->stats;
     s.stopped = true;
     s.stoppedAt = Wall::now();
     s.windowStart = Steady::now();
@@ -149,7 +154,7 @@ unsigned swapIds(Move* m, std::unique_lock<std::mutex>&) {
     if (unsigned st = store.setAttrs(rq.dstLp, rq.dstVfsid, how, src->attrs)) return vicOf(st);
     if (unsigned st = store.renumber(swapPlan(*m, false))) return vicOf(st);
     m->swapped = true;
-    MoveStats& s = gStats[m->stats];
+    MoveStats& s = *m->stats;
     s.swapped = true;
     s.swappedAt = Wall::now();
     closeWindow(&s);
@@ -179,8 +184,8 @@ struct Step {
 };
 
 const Step kSteps[] = {
-    {"incrcopymove.stop", stopWrites},   {"incrcopymove.stream", sendChanges},
-    {"incrcopymove.swap", swapIds},      {"incrcopymove.vldb", switchVldb},
+    {"incrcopymove.stop", stopWrites},  {"incrcopymove.stream", sendChanges},
+    {"incrcopymove.swap", swapIds},     {"incrcopymove.vldb", switchVldb},
     {"incrcopymove.notify", notifyVod},
 };
 
@@ -201,7 +206,7 @@ void rollBack(Move* m) {
 // The D-blade died: what lived only in its memory goes with it.
 void die(Move* m) {
     resumeWrites(m);
-    gStats[m->stats].result = "dropped";
+    m->stats->result = "dropped";
     simStreamForget(m->rq.opId);
 }
 
@@ -226,8 +231,8 @@ void run(std::shared_ptr<Move> m) {
         }
     }
     if (code) rollBack(m.get());
-    gStats[m->stats].result = code ? "failed" : "done";
-    gStats[m->stats].code = code;
+    m->stats->result = code ? "failed" : "done";
+    m->stats->code = code;
     simStreamEnd(m->rq.opId, code);
     lk.unlock();
     simNotifyVod(m->rq.opId);
@@ -263,34 +268,27 @@ std::string statsCommand(const std::vector<std::string>& a, bool* ok) {
         *ok = false;
         return "usage: move-stats [--json | reset]";
     }
-    std::ostringstream o;
-    o.setf(std::ios::fixed);
-    o.precision(3);
-    if (json) o << "[";
-    for (size_t i = 0; i < gStats.size(); ++i) {
-        const MoveStats& s = gStats[i];
-        auto when = [&](bool set, Wall::time_point t) {
-            return set ? (json ? "\"" + isoTime(t) + "\"" : isoTime(t)) : json ? "null" : "-";
-        };
-        if (json) {
-            o << (i ? "," : "") << "{\"opid\":" << s.opId << ",\"vfsid\":" << s.vfsid
-              << ",\"local\":" << (s.local ? "true" : "false")
-              << ",\"stoppedAt\":" << when(s.stopped, s.stoppedAt)
-              << ",\"swappedAt\":" << when(s.swapped, s.swappedAt) << ",\"stoppedMs\":";
-            if (s.stopped) o << stoppedMs(s);
-            else o << "null";
-            o << ",\"result\":\"" << s.result << "\",\"code\":" << s.code << "}";
-        } else {
-            o << "opid=" << s.opId << " vfsid=" << s.vfsid << " local=" << (s.local ? 1 : 0)
-              << " stopped-at=" << when(s.stopped, s.stoppedAt)
-              << " swapped-at=" << when(s.swapped, s.swappedAt) << " stopped-ms=";
-            if (s.stopped) o << stoppedMs(s);
-            else o << "-";
-            o << " result=" << s.result << " code=" << s.code << "\n";
-        }
+    std::vector<SimRow> rows;
+    for (const auto& stats : gStats) {
+        const MoveStats& s = *stats;
+        SimRow r;
+        r.num("opid", s.opId).num("vfsid", uint64_t{s.vfsid}).flag("local", s.local);
+        if (s.stopped)
+            r.word("stoppedAt", isoTime(s.stoppedAt));
+        else
+            r.none("stoppedAt");
+        if (s.swapped)
+            r.word("swappedAt", isoTime(s.swappedAt));
+        else
+            r.none("swappedAt");
+        if (s.stopped)
+            r.num("stoppedMs", stoppedMs(s));
+        else
+            r.none("stoppedMs");
+        r.word("result", s.result).num("code", uint64_t{s.code});
+        rows.push_back(std::move(r));
     }
-    if (json) o << "]\n";
-    return o.str();
+    return simListing(rows, json);
 }
 
 }  // namespace
@@ -323,12 +321,11 @@ unsigned simMoveStart(const SimMoveRequest& rq) {
     m->rq = rq;
     m->local = local;
     m->srcKey = src->key;
-    m->stats = gStats.size();
-    MoveStats s;
-    s.opId = rq.opId;
-    s.vfsid = rq.srcVfsid;
-    s.local = local;
-    gStats.push_back(s);
+    m->stats = std::make_shared<MoveStats>();
+    m->stats->opId = rq.opId;
+    m->stats->vfsid = rq.srcVfsid;
+    m->stats->local = local;
+    gStats.push_back(m->stats);
     std::thread(run, m).detach();
     return 0;
 }

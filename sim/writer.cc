@@ -16,12 +16,12 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "sim/listing.h"
 #include "sim/simcontrol.h"
 #include "sim/simnode.h"
 #include "sim/volstore.h"
@@ -34,7 +34,7 @@ struct Writer {
     uint32_t vfsid = 0;
     SimLpId lp{};
     std::string lpName;
-    double rate = 0;   // changes per second
+    double rate = 0;  // changes per second
     uint64_t files = 16, bytes = 4096, dverStep = 1;
     // Under SimNode::lock().
     uint64_t changes = 0, refused = 0, failed = 0, nextFile = 0;
@@ -66,7 +66,8 @@ void change(Writer* w) {
         std::snprintf(path, sizeof path, "writer/%05llu",
                       static_cast<unsigned long long>(w->nextFile % w->files));
         // Contents that name the data version they make: every change is new data.
-        std::string line = std::string(path) + " dv=" + std::to_string(v->dataVersion + w->dverStep) + "\n";
+        std::string line =
+            std::string(path) + " dv=" + std::to_string(v->dataVersion + w->dverStep) + "\n";
         std::string data;
         data.reserve(w->bytes + line.size());
         while (data.size() < w->bytes) data += line;
@@ -109,7 +110,8 @@ bool number(const std::string& s, double min, double max, double* out) {
 
 bool whole(const std::string& s, double min, double max, uint64_t* out) {
     double v;
-    if (!number(s, min, max, &v) || v != static_cast<double>(static_cast<uint64_t>(v))) return false;
+    if (!number(s, min, max, &v) || v != static_cast<double>(static_cast<uint64_t>(v)))
+        return false;
     *out = static_cast<uint64_t>(v);
     return true;
 }
@@ -146,13 +148,18 @@ std::string startWriter(const std::vector<std::string>& a, bool* ok) {
     w->vfsid = key.second;
     bool good = a.size() >= 4 && a.size() % 2 == 0 && number(a[3], 0.001, 100000, &w->rate);
     for (size_t i = 4; good && i + 1 < a.size(); i += 2) {
-        if (a[i] == "--files") good = whole(a[i + 1], 1, 100000, &w->files);
-        else if (a[i] == "--bytes") good = whole(a[i + 1], 0, 16 << 20, &w->bytes);
-        else if (a[i] == "--dver-step") good = whole(a[i + 1], 1, 1e15, &w->dverStep);
-        else good = false;
+        if (a[i] == "--files")
+            good = whole(a[i + 1], 1, 100000, &w->files);
+        else if (a[i] == "--bytes")
+            good = whole(a[i + 1], 0, 16 << 20, &w->bytes);
+        else if (a[i] == "--dver-step")
+            good = whole(a[i + 1], 1, 1e15, &w->dverStep);
+        else
+            good = false;
     }
     if (!good) return *ok = false, std::string(kUsage);
-    if (gWriters.count(key)) return *ok = false, "a writer already changes " + a[1] + " on " + w->lpName;
+    if (gWriters.count(key))
+        return *ok = false, "a writer already changes " + a[1] + " on " + w->lpName;
     if (!SimVolStore::get().find(w->lp, w->vfsid))
         return *ok = false, "no volume " + a[1] + " on " + w->lpName;
     gWriters[key] = w;
@@ -166,7 +173,8 @@ std::string stopWriter(const std::vector<std::string>& a, bool* ok) {
         std::lock_guard<std::mutex> g(SimNode::get().lock());
         Key key;
         std::string name, why;
-        if (a.size() != 3 || !keyArg(a, &key, &name, &why)) return *ok = false, why.empty() ? kUsage : why;
+        if (a.size() != 3 || !keyArg(a, &key, &name, &why))
+            return *ok = false, why.empty() ? kUsage : why;
         auto it = gWriters.find(key);
         if (it == gWriters.end()) return *ok = false, "no writer on " + a[1] + " " + name;
         w = it->second;
@@ -178,33 +186,28 @@ std::string stopWriter(const std::vector<std::string>& a, bool* ok) {
     }
     gSleepCv.notify_all();
     w->thread.join();
-    return "changes=" + std::to_string(w->changes) + " refused=" + std::to_string(w->refused) +
-           " failed=" + std::to_string(w->failed) + "\n";
+    return SimRow()
+               .num("changes", w->changes)
+               .num("refused", w->refused)
+               .num("failed", w->failed)
+               .text() +
+           "\n";
 }
 
 std::string listWriters(const std::vector<std::string>& a, bool* ok) {
     bool json = a.size() == 2 && a[1] == "--json";
     if (a.size() > 2 || (a.size() == 2 && !json)) return *ok = false, std::string(kUsage);
     std::lock_guard<std::mutex> g(SimNode::get().lock());
-    std::ostringstream o;
-    if (json) o << "[";
-    bool first = true;
+    std::vector<SimRow> rows;
     for (const auto& [key, w] : gWriters) {
-        if (json)
-            o << (first ? "" : ",") << "{\"vfsid\":" << w->vfsid << ",\"lpid\":\"" << simLpHex(w->lp)
-              << "\",\"rate\":" << w->rate << ",\"files\":" << w->files << ",\"bytes\":" << w->bytes
-              << ",\"dverStep\":" << w->dverStep << ",\"changes\":" << w->changes
-              << ",\"refused\":" << w->refused << ",\"failed\":" << w->failed
-              << ",\"lastStatus\":" << w->lastStatus << "}";
-        else
-            o << "vfsid=" << w->vfsid << " lp=" << w->lpName << " rate=" << w->rate
-              << " files=" << w->files << " bytes=" << w->bytes << " dver-step=" << w->dverStep
-              << " changes=" << w->changes << " refused=" << w->refused << " failed=" << w->failed
-              << " last-status=" << w->lastStatus << "\n";
-        first = false;
+        SimRow r;
+        r.num("vfsid", uint64_t{w->vfsid}).word("lp", w->lpName).word("lpid", simLpHex(w->lp));
+        r.num("rate", w->rate).num("files", w->files).num("bytes", w->bytes);
+        r.num("dverStep", w->dverStep).num("changes", w->changes).num("refused", w->refused);
+        r.num("failed", w->failed).num("lastStatus", uint64_t{w->lastStatus});
+        rows.push_back(std::move(r));
     }
-    if (json) o << "]\n";
-    return o.str();
+    return simListing(rows, json);
 }
 
 std::string writerCommand(const std::vector<std::string>& a, bool* ok) {
@@ -218,8 +221,9 @@ std::string writerCommand(const std::vector<std::string>& a, bool* ok) {
 }  // namespace
 
 void simWriterRegisterCommands() {
-    simRegisterCommand("writer",
-                       "writer start VFSID LP RATE_PER_SEC [--files N] [--bytes B] [--dver-step D] | "
-                       "writer stop VFSID LP | writer list [--json]: files changed at a steady rate",
-                       writerCommand);
+    simRegisterCommand(
+        "writer",
+        "writer start VFSID LP RATE_PER_SEC [--files N] [--bytes B] [--dver-step D] | "
+        "writer stop VFSID LP | writer list [--json]: files changed at a steady rate",
+        writerCommand);
 }

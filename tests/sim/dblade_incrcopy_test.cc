@@ -2,16 +2,12 @@
 // already current, pause and resume under a speed limit, cancel, conclude, the completion
 // notice to vod, and streams forgotten by a restarted simulator.
 
-#include <sys/select.h>
-
-#include <atomic>
 #include <chrono>
 #include <mutex>
-#include <set>
 #include <thread>
 
 #include "dblade_fixture.h"
-#include "vo.h"
+#include "fake_vod.h"
 
 using namespace dbladetest;
 
@@ -304,69 +300,6 @@ TEST_F(DbladeIncrCopyTest, ARestartedSimulatorHasForgottenItsStreams) {
 }
 
 // ---- the completion notice to vod ---------------------------------------------------------
-
-// A stand-in for vod that only records incrcopycomplete calls.
-class FakeVod {
-public:
-    static std::mutex mu;
-    static std::set<uint64_t> notices;
-
-    bool start() {
-        _xprt = svctcp_create(RPC_ANYSOCK, 0, 0);
-        if (!_xprt) return false;
-        pmap_unset(VOPROG, VOVERS);
-        if (!svc_register(_xprt, VOPROG, VOVERS, dispatch, IPPROTO_TCP)) return false;
-        _thread = std::thread([this] {
-            while (!_stop) {
-                fd_set fds = svc_fdset;
-                timeval tv{0, 50000};
-                if (select(FD_SETSIZE, &fds, nullptr, nullptr, &tv) > 0) svc_getreqset(&fds);
-            }
-        });
-        return true;
-    }
-
-    ~FakeVod() {
-        _stop = true;
-        if (_thread.joinable()) _thread.join();
-        svc_unregister(VOPROG, VOVERS);
-        if (_xprt) svc_destroy(_xprt);
-    }
-
-    static bool received(uint64_t opId) {
-        std::lock_guard<std::mutex> lk(mu);
-        return notices.count(opId) > 0;
-    }
-
-private:
-    static void dispatch(svc_req* rq, SVCXPRT* t) {
-        if (rq->rq_proc == NULLPROC) {
-            svc_sendreply(t, xdrProc(xdr_void), nullptr);
-            return;
-        }
-        if (rq->rq_proc != INCRCOPYCOMPLETE) {
-            svcerr_noproc(t);
-            return;
-        }
-        u_quad_t id = 0;
-        if (!svc_getargs(t, xdrProc(xdr_u_quad_t), reinterpret_cast<char*>(&id))) {
-            svcerr_decode(t);
-            return;
-        }
-        {
-            std::lock_guard<std::mutex> lk(mu);
-            notices.insert(id);
-        }
-        svc_sendreply(t, xdrProc(xdr_void), nullptr);
-    }
-
-    SVCXPRT* _xprt = nullptr;
-    std::thread _thread;
-    std::atomic<bool> _stop{false};
-};
-
-std::mutex FakeVod::mu;
-std::set<uint64_t> FakeVod::notices;
 
 TEST_F(DbladeIncrCopyTest, AnEndedStreamTellsVod) {
     makePair(3, 1000);
