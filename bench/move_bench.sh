@@ -1,0 +1,137 @@
+#!/usr/bin/env bash
+# Moves a volume on the simulated cluster, once with the source quiet and once
+# with a writer changing its files, and prints for each move: the passes and
+# the whole move's time, the window during which the source was stopped for
+# writes (from the final pass's stop to the id swap, as the simulated D-blade
+# records it), and per pass the D-blade's streaming time beside vod's own time
+# (from the end of one pass's stream to the start of the next one's).
+# Prints figures; never fails because a machine is slow.
+#
+# usage: bench/move_bench.sh [-s SIZE_MIB] [-w CHANGES_PER_SEC] [-r ROUNDS] [BUILD_DIR]
+#   -s  volume size in MiB (default 64), in 256 KiB files
+#   -w  the writer's rate during the second move (default 10 changes a second)
+#   -r  moves of each kind; every one is printed (default 2)
+# BUILD_DIR defaults to build-bench in the repository; missing binaries are
+# built there (Release). Needs root: everything runs in a private network,
+# mount and PID namespace with its own rpcbind.
+set -euo pipefail
+
+size=64
+rate=10
+rounds=2
+
+if [[ "${1:-}" != --in-sandbox ]]; then
+    while getopts "s:w:r:" opt; do
+        case $opt in
+            s) size=$OPTARG ;;
+            w) rate=$OPTARG ;;
+            r) rounds=$OPTARG ;;
+            *) sed -n '9,16p' "$0" >&2; exit 2 ;;
+        esac
+    done
+    shift $((OPTIND - 1))
+    (($# <= 1)) || { sed -n '9,16p' "$0" >&2; exit 2; }
+    repo=$(cd "$(dirname "$0")/.." && pwd)
+    dir=${1:-$repo/build-bench}
+    for b in "$dir/volop/vod" "$dir/voctl/voctl" "$dir/sim/vodsim" "$dir/sim/vodsimctl"; do
+        if [[ ! -x $b ]]; then
+            if [[ ! -f $dir/CMakeCache.txt ]]; then
+                cmake -S "$repo" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVOD_TESTS=OFF
+            fi
+            cmake --build "$dir" -j2 --target vod voctl vodsim vodsimctl
+            break
+        fi
+    done
+    exec bash "$repo/scripts/node-sandbox.sh" \
+        bash "$(realpath "$0")" --in-sandbox "$(realpath "$dir")" "$size" "$rate" "$rounds"
+fi
+
+shift
+dir=$1 size=$2 rate=$3 rounds=$4
+vod=$dir/volop/vod voctl=$dir/voctl/voctl sim=$dir/sim/vodsim simctl=$dir/sim/vodsimctl
+work=$(mktemp -d /tmp/move_bench.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+sock=$work/sim/control.sock
+simctl() { "$simctl" --control "$sock" "$@"; }
+
+wait_for() {
+    local deadline=$((SECONDS + $1))
+    shift
+    until "$@" >/dev/null 2>&1; do
+        ((SECONDS < deadline)) || return 1
+        sleep 0.05
+    done
+}
+
+"$sim" --dir "$work/sim" --quiet >"$work/sim.log" 2>&1 &
+wait_for 20 simctl ping ||
+    { echo "move_bench: the simulator did not start" >&2; tail -n 20 "$work/sim.log" >&2; exit 1; }
+# Preset 2: one audit line per step, with the milliseconds the pass timings
+# are read from.
+"$vod" -d2 >"$work/vod.log" 2>&1 &
+wait_for 20 "$voctl" ping ||
+    { echo "move_bench: vod did not answer" >&2; tail -n 20 "$work/vod.log" >&2; exit 1; }
+
+# Seconds since midnight of a trace line's time.
+trace_secs() { awk '{ split($4, t, ":"); printf "%.3f\n", t[1] * 3600 + t[2] * 60 + t[3] }'; }
+
+# Per pass of opid, from vod's trace: the stream's time (started, to the
+# D-blade's completion notice) and vod's own time before it (the previous
+# pass's notice, or the request, to this stream's start).
+pass_table() {
+    local opid=$1 t0=$2
+    grep -E "opid=$opid (incrcopymirror_1|incrcopymove_1) succeeded|call concludeDbladeIncrCopy\(\) for opid=$opid\$" \
+        "$work/vod.log" | awk -v t0="$t0" '
+        { split($4, t, ":"); s = t[1] * 3600 + t[2] * 60 + t[3] }
+        /succeeded/ { start = s; vodms = (s - prev) * 1000; final = ($0 ~ /incrcopymove/) }
+        /concludeDbladeIncrCopy/ { if (start) {
+            printf "    pass %d%s  stream %7.1f ms  vod %7.1f ms\n", n++, final ? " (final)" : "        ",
+                (s - start) * 1000, vodms; prev = s; start = 0 } }
+        BEGIN { prev = t0; n = 0 }'
+}
+
+move_once() {
+    local label=$1 vfs=$2 from=$3 to=$4
+    local t0 t1 opid passes stopped
+    t0=$(date +%s.%N)
+    local t0day
+    t0day=$(date +%H:%M:%S.%N | awk '{ split($1, t, ":"); printf "%.3f", t[1] * 3600 + t[2] * 60 + t[3] }')
+    if ! "$voctl" --json move "$vfs" "$from" "$to" --interval 0.01 >"$work/move.out" 2>"$work/move.err"; then
+        echo "move_bench: the move failed:" >&2
+        tail -n 3 "$work/move.err" >&2
+        return 1
+    fi
+    t1=$(date +%s.%N)
+    opid=$(simctl move-stats --json | sed -n 's/.*"opid":\([0-9]*\).*/\1/p' | tail -n1)
+    stopped=$(simctl move-stats | tail -n1 | sed -n 's/.*stopped-ms=\([0-9.]*\).*/\1/p')
+    passes=$(pass_table "$opid" "$t0day" | wc -l)
+    printf '  %-12s %2d passes  total %8.1f ms  source stopped %7s ms\n' "$label" "$passes" \
+        "$(awk -v a="$t0" -v b="$t1" 'BEGIN { print (b - a) * 1000 }')" "${stopped:-n/a}"
+    pass_table "$opid" "$t0day"
+}
+
+files=$((size * 4))
+vfs=$("$voctl" --json create bench lp1a vs1 | sed -n 's/.*"vfsid":\([0-9]*\).*/\1/p')
+[[ -n $vfs ]] || { echo "move_bench: cannot create the volume" >&2; exit 1; }
+simctl vol-fill "$vfs" lp1a --files "$files" --size 262144 >/dev/null
+sum=$(simctl vol-checksum "$vfs" lp1a)
+
+printf 'move of a %s MiB volume (%s files), lp1a (D-blade 1) <-> lp2a (D-blade 2)\n' "$size" "$files"
+here=lp1a there=lp2a
+for ((r = 1; r <= rounds; r++)); do
+    move_once "quiet" "$vfs" "$here" "$there" || exit 1
+    [[ $(simctl vol-checksum "$vfs" "$there") == "$sum" ]] ||
+        echo "move_bench: the moved volume differs from its source" >&2
+    tmp=$here here=$there there=$tmp
+done
+# The writer changes 4 KiB files of its own; the passes must catch up with it.
+for ((r = 1; r <= rounds; r++)); do
+    simctl writer start "$vfs" "$here" "$rate" --files 10 >/dev/null
+    move_once "writer $rate/s" "$vfs" "$here" "$there" || exit 1
+    simctl writer stop "$vfs" "$here" >/dev/null 2>&1 || true
+    tmp=$here here=$there there=$tmp
+done
+echo "(stream: the pass's stream start to the D-blade's completion notice; vod: the notice of the"
+echo " pass before, or the request, to this pass's stream start; the source is stopped from the"
+echo " final pass's stop of writes to the id swap, as the D-blade records it)"
+echo "load average: $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) cores"
