@@ -22,8 +22,6 @@
 
 namespace {
 
-using voopreq::MirrorKey;
-using voopreq::nothingOnFound;
 using voopreq::setTriple;
 
 // Until an operation class registers operations of its kind, none is ever
@@ -122,11 +120,6 @@ void VoServer::runOpComplete(VoState* op) {
 
 // ---- Start. ----
 
-void VoServer::vfsMirror(VoIn*, VoOut* out) {
-    VoTrace::Depth depth;
-    notRunHere(out);
-}
-
 void VoServer::vfsMirrorJoinGroup(VoLidVnameIn*, VoVidOut* out) {
     VoTrace::Depth depth;
     out->vid = 0;
@@ -141,44 +134,9 @@ void VoServer::vfsMirrorLeaveGroup(VoVnameIn*, VoVidOut* out) {
 
 // ---- Progress. The kinds' own progress calls plug in with their classes. ----
 
-void VoServer::vfsMirrorPgrs(VoIn* in, VoMirrorPgrsOut* out) {
-    VoTrace::Depth depth;
-    memset(out, 0, sizeof *out);
-    lookupLockForward(
-        MirrorKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_audit,
-        [out](VoState* op) { out->voOpid = op->getOpid(); },
-        [out](VoState*, CLIENT*) { notRunHere(out); });
-}
-
 // ---- Cancel: each kind's own cancel plugs in with its class. ----
 
-void VoServer::vfsMirrorCancel(VoLidIn* in, VoOut* out) {
-    VoTrace::Depth depth;
-    lookupLockForward(MirrorKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
-                      nothingOnFound, [out](VoState*, CLIENT*) { notRunHere(out); });
-}
-
 // ---- Pause and resume: the virtual ones of VoState. ----
-
-void VoServer::vfsMirrorPause(VoIn* in, VoOut* out) {
-    VoTrace::Depth depth;
-    lookupLockForward(MirrorKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
-                      nothingOnFound, [out](VoState* op, CLIENT* c) {
-                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoMirror->pause()\n",
-                                op->getOpid());
-                          op->pause(c, out);
-                      });
-}
-
-void VoServer::vfsMirrorResume(VoIn* in, VoOut* out) {
-    VoTrace::Depth depth;
-    lookupLockForward(MirrorKey{__func__, in->vidSrc, in->lidSrc}, out, VoTrace::vo_warn,
-                      nothingOnFound, [out](VoState* op, CLIENT* c) {
-                          VO_TR(vo_vod, vo_audit, "opid=%lld call pVoMirror->resume()\n",
-                                op->getOpid());
-                          op->resume(c, out);
-                      });
-}
 
 // ---- Completion notice, purge, dump. ----
 
