@@ -68,19 +68,23 @@ void VoStateList::addNewOp(VoState* pNewState, unsigned startResponseCode) {
 }
 
 template <class Match>
-VoState* VoStateList::findFirst(Match match, VoStateRef& it) {
+VoState* VoStateList::findFirst(Match match, VoStateRef& it, bool newest) {
     VoState* found = nullptr;
     lock(false);
     VO_TR(vo_vod, vo_debug, "_voStates.size=%d\n", static_cast<int>(_voStates.size()));
+    auto found_pos = _voStates.end();
     for (auto pos = _voStates.begin(); pos != _voStates.end(); ++pos) {
         VoState* op = *pos;
         VO_TR(vo_vod, vo_detail, "*ppVoState=0x%p (*ppVoState)->getOpid() = %lld\n",
               static_cast<void*>(op), op->getOpid());
         if (match(op)) {
-            take(op, pos, it);
-            found = op;
-            break;
+            found_pos = pos;
+            if (!newest) break;
         }
+    }
+    if (found_pos != _voStates.end()) {
+        found = *found_pos;
+        take(found, found_pos, it);
     }
     unlock(false);
     return found;
@@ -98,7 +102,9 @@ VoState* VoStateList::findMoveOp(unsigned vidSrc, const unsigned char* lidSrc, V
             return o->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_MOVE, VoRec::VODB_ROLE_SRC) ||
                    o->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_FINALMOVE, VoRec::VODB_ROLE_SRC);
         },
-        it);
+        // Named by its source alone: an older move of the same source has
+        // ended (it is only kept for its last report), so the newest is meant.
+        it, true);
     if (op != nullptr)
         VO_TR(vo_vod, vo_debug, "found VoMoveState 0x%p opid=%lld\n", static_cast<void*>(op),
               op->getOpid());
@@ -129,7 +135,7 @@ VoState* VoStateList::findMirrorOp(unsigned vidSrc, const unsigned char* lidSrc,
         [&](VoState* o) {
             return o->isUsing(vidSrc, lidSrc, VoRec::VODB_VOLOP_MIRROR, VoRec::VODB_ROLE_SRC);
         },
-        it);
+        it, true);  // as for a move: the newest mirror of the source is meant
     if (op != nullptr)
         VO_TR(vo_vod, vo_debug, "found VoMirrorState 0x%p opid=%lld\n", static_cast<void*>(op),
               op->getOpid());

@@ -136,10 +136,11 @@ class VoStateList {
     // Called with voStateLock held.
     void incrementRefCount(VoState* op);
     void iteratorNoLock(Visitor fn, void* arg);
-    // The first listed operation that match() accepts, with a reference
-    // taken through it; null when none. Takes voStateLock.
+    // The first listed operation that match() accepts (the last listed, the
+    // newest, with newest set), with a reference taken through it; null when
+    // none. Takes voStateLock.
     template <class Match>
-    VoState* findFirst(Match match, VoStateRef& it);
+    VoState* findFirst(Match match, VoStateRef& it, bool newest = false);
     void take(VoState* op, std::list<VoState*>::iterator pos, VoStateRef& it);
 
     // Guarded by voStateLock; iterators stay valid across erasure of others.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "cluster_fixture.h"
+#include "util/xdrproc.h"
 #include "voerrors.h"
 
 namespace vodtest {
@@ -107,6 +108,105 @@ TEST_F(MirrorTest, AFirstMirrorToBothDbladesThenARefreshSwapsThemInPlace) {
     EXPECT_TRUE(node.waitForTrace("no mirror stream is eligible to start", 5));
     EXPECT_TRUE(waitVodbEmpty(5));
     expectMirrored(src, lps, others);
+}
+
+// Readers of the mirror id see the old mirror until its swap, the new one after.
+TEST_F(MirrorTest, ReadersSeeTheOldMirrorUntilTheSwap) {
+    const uint32_t src = source("mir.readers");
+    addDestination(src, "lp2a");
+    expectTriple(mirror(src), 0, 0, 0, "first mirror");
+    ASSERT_TRUE(waitVodbEmpty(60));
+    const std::string old = checksum(src | kMirrorBit, "lp2a");
+    sim({"vol-write", std::to_string(src), "lp1a", "new.txt", "--text", "refreshed"});
+    hold("volswapvolid");
+    expectTriple(mirror(src), 0, 0, 0, "refresh");
+    ASSERT_TRUE(waitHeld("volswapvolid", 60));
+    EXPECT_EQ(old, checksum(src | kMirrorBit, "lp2a")) << "a reader saw the mirror change early";
+    release("volswapvolid");
+    ASSERT_TRUE(waitVodbEmpty(60));
+    EXPECT_EQ(checksum(src, "lp1a"), checksum(src | kMirrorBit, "lp2a"));
+}
+
+// One destination's trouble stays its own: the others are mirrored.
+TEST_F(MirrorTest, DestinationsUpToDateOffendingOrCancelledLeaveTheOthersToComplete) {
+    const uint32_t src = source("mir.mixed");
+    std::set<VolumeKey> others = volumeKeys();
+    others.erase({"lp1a", src});
+    const uint32_t m = src | kMirrorBit;
+
+    // Up to date: lp2a already holds the source's version and is skipped
+    // (5007) while the new lp2b is mirrored.
+    addDestination(src, "lp2a");
+    expectTriple(mirror(src), 0, 0, 0, "first mirror");
+    ASSERT_TRUE(waitVodbEmpty(60));
+    addDestination(src, "lp2b");
+    expectTriple(mirror(src), 0, 0, 0, "one new destination");
+    ASSERT_TRUE(waitVodbEmpty(60));
+    EXPECT_TRUE(node.waitForTrace("skip up-to-date mirror", 5));
+    expectMirrored(src, {"lp2a", "lp2b"}, others);
+
+    // Offending: another operation records the mirror id on lp2b (5009); the
+    // source changed, so lp2a is refreshed and lp2b left as it was.
+    const std::string lp2bBefore = checksum(m, "lp2b");
+    sim({"vol-write", std::to_string(src), "lp1a", "second.txt", "--text", "two"});
+    uint64_t planted = addVodbRecord(0, "copy", m, "lp2b", "src");
+    expectTriple(mirror(src), 0, 0, 0, "one offending destination");
+    EXPECT_TRUE(node.waitForTrace("offending mirror at LP=", 10));
+    ASSERT_TRUE(waitVodbCount(1, 60));
+    sim({"vodb-delete", std::to_string(planted)});
+    EXPECT_EQ(checksum(src, "lp1a"), checksum(m, "lp2a"));
+    EXPECT_EQ(lp2bBefore, checksum(m, "lp2b"));
+
+    // Cancelled: lp2b's stream is cancelled mid-way and rolled back; lp2a
+    // completes.
+    sim({"vol-fill", std::to_string(src), "lp1a", "--files", "40", "--size", "65536"});
+    speed(256);
+    expectTriple(mirror(src), 0, 0, 0, "refresh to cancel");
+    ASSERT_TRUE(pollUntil(
+        [&] {
+            VoIn in{};
+            in.vidSrc = src;
+            lpBytes("lp1a", in.lidSrc);
+            VoMirrorPgrsOut out{};
+            bool going = vomirrorpgrs_1(&in, &out, vo()) == RPC_SUCCESS && out.rc == 0 &&
+                         out.src.vnodesProcessed > 0;
+            xdr_free(reinterpret_cast<xdrproc_t>(xdr_VoMirrorPgrsOut), reinterpret_cast<char*>(&out));
+            return going;
+        },
+        30));
+    VoLidIn c{};
+    c.vidSrc = src;
+    lpBytes("lp1a", c.lidSrc);
+    lpBytes("lp2b", c.lidSink);
+    VoOut out{};
+    ASSERT_EQ(RPC_SUCCESS, vomirrorcancel_1(&c, &out, vo()));
+    expectTriple(out, 0, 0, 0, "cancel lp2b");
+    speed(0);
+    ASSERT_TRUE(waitVodbEmpty(60));
+    EXPECT_EQ(checksum(src, "lp1a"), checksum(m, "lp2a"));
+    EXPECT_EQ(lp2bBefore, checksum(m, "lp2b")) << "the cancelled mirror must stay as it was";
+    expectVldbAgreesWithDblades();
+}
+
+// A local mirror is not left the only up-to-date copy when every remote one
+// failed: it is failed too (5032) and the source stays as it was.
+TEST_F(MirrorTest, ALocalMirrorWhoseRemoteMirrorsAllFailedIsFailedToo) {
+    const uint32_t src = source("mir.lonely");
+    std::set<VolumeKey> before = volumeKeys();
+    addDestination(src, "lp1a");
+    addDestination(src, "lp2a");
+    fault({"status", "volcreate", "5", "always", "--dblade", "2"});
+    expectTriple(mirror(src), 0, 0, 0, "start");
+    ASSERT_TRUE(waitVodbEmpty(60));
+    EXPECT_TRUE(node.waitForTrace("failing the local mirror deleting op src", 5));
+    sim({"fault", "clear"});
+    EXPECT_EQ(before, volumeKeys()) << "no mirror, op src or op sink may be left";
+    // The destinations stay registered, never filled.
+    for (const char* lp : {"lp1a", "lp2a"}) {
+        json rec = vldbRecord(src | kMirrorBit, lp);
+        ASSERT_FALSE(rec.is_null()) << lp;
+        EXPECT_EQ(0u, rec["dataVer"].get<uint64_t>()) << lp;
+    }
 }
 
 TEST_F(MirrorTest, ALocalMirrorAloneIsTheFrozenSourceItself) {

@@ -137,6 +137,14 @@ TEST_F(VoStateListTest, MoveIsFoundByItsSourceInEitherMoveType) {
     EXPECT_EQ(list.findMoveOp(100, lid1, r1), move);
     EXPECT_EQ(list.findMoveOp(101, lid1, r2), finalMove);
     EXPECT_EQ(list.findMirrorOp(102, lid1, r3), mirror);
+
+    // A later operation on the same source is the one a client names: the
+    // earlier one has ended and waits only for its last report.
+    FakeOp* laterMove = add(4, VoRec::VODB_VOLOP_MOVE, 100, 1);
+    FakeOp* laterMirror = add(5, VoRec::VODB_VOLOP_MIRROR, 102, 1);
+    VoStateRef r4, r5;
+    EXPECT_EQ(list.findMoveOp(100, lid1, r4), laterMove);
+    EXPECT_EQ(list.findMirrorOp(102, lid1, r5), laterMirror);
 }
 
 // ---- Retirement ----
