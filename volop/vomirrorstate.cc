@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <string>
@@ -1344,11 +1345,8 @@ unsigned VoMirrorState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
     for (auto& r : _opSinkRecs)
         if (r->vid() == _opSrcRec.vid() && memcmp(r->lid(), _srcRec.lid(), 16) == 0)
             r->setErrCode(VOD_ERR_LOCAL_MIRROR);
-    for (size_t i = 0, n = _opSinkRecs.size(); i < n; i++)
-        if (_opSinkRecs[i]->getErrCode() != 0) {
-            moveToBack(i);
-            break;
-        }
+    std::stable_partition(_opSinkRecs.begin(), _opSinkRecs.end(),
+                          [](const std::unique_ptr<VoRec>& r) { return r->getErrCode() == 0; });
     sizeProgress();
     _vodbRecordStored = true;
     return 0;
@@ -1372,12 +1370,319 @@ unsigned VoMirrorState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDblade
         if (err != 0) setAllErr(err);
         return err;
     }
-    // An operation this daemon ran itself and could not finish (its start or
-    // its conclusion failed part way): every stream not yet committed is
-    // undone. Before its id swap an op sink is only a copy; after a full
-    // swap its id holds the old mirror, which goes anyway; a first mirror
-    // already renumbered no longer has the op sink's id. A swap stopped half
-    // way is settled by the per-stream decision tables instead.
-    _rollForward = false;
-    return conclude(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
+
+    // The version every stream was to reach: the op src's, as the D-blade
+    // holds it, else as its VLDB record says (a local mirror may already
+    // have taken the op src's volume). Neither: the operation had finished.
+    VO_TR(vo_vod, vo_audit, "opid=%lld call getDataVerFromVLDB for op src vfs\n", opid);
+    unsigned long long target = 0;
+    int isExist = 0;
+    VoErr err = getDataVerFromVLDB(clntVldb, _opSrcRec.vid(), _opSrcRec.lid(), &isExist, &target);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn,
+              "opid=%lld getDataVerFromVLDB vfsid=%d LP=" VO_LP_FMT " err.func=%d err.funcrc=%d\n",
+              opid, _opSrcRec.vid(), VO_LP_ARGS(_opSrcRec.lid()), err.func(), err.funcrc());
+        setAllErr(err);
+        return err;
+    }
+    if (!isExist) {
+        VO_TR(vo_vod, vo_audit, "opid=%lld no VLDB reord for op src%d! All done.\n", opid,
+              _opSrcRec.vid());
+        VO_TR(vo_vod, vo_audit, "opid=%lld call deleteVodbRec\n", opid);
+        err = deleteVodbRec(clntVldb);
+        if (err != 0) {
+            VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, unsigned(err));
+            setAllErr(err);
+        }
+        return err;
+    }
+    unsigned long long onDblade = 0;
+    if (getDataVerFromDblade(clntSrcDbladeVol, _opSrcRec.vid(), _opSrcRec.lid(), &onDblade) == 0)
+        target = onDblade;
+    VO_TR(vo_vod, vo_audit, "opid=%lld VLDB rec of op src says its dVer=%lld\n", opid,
+          static_cast<long long>(target));
+    _opSrcRec.setDver(target);
+
+    unsigned failed = 0;
+    bool anyRemoteForward = false;
+    VoRec* local = nullptr;
+    for (auto& p : _opSinkRecs) {
+        VoRec* r = p.get();
+        if (r->getErrCode() == VOD_ERR_LOCAL_MIRROR) {
+            VO_TR(vo_vod, vo_audit, "opid=%lld recover local mirror at the end of the loop\n", opid);
+            local = r;
+            continue;
+        }
+        VO_TR(vo_sinkvol, vo_debug, "opid=%lld call mkDbladeClient\n", opid);
+        VoRPCClient sinkVol;
+        err = openDbladeOf(VO_SITE, clntVldb, r->lid(), &sinkVol, nullptr);
+        if (err != 0) {
+            if (failed == 0) failed = err;
+            continue;
+        }
+        VO_TR(vo_vod, vo_audit, "opid=%lld call recoverOneMirrorFromCrash\n", opid);
+        unsigned e = recoverOneMirrorFromCrash(clntVldb, sinkVol, r, target);
+        if (e != 0) {
+            VO_TR(vo_vod, vo_warn,
+                  "opid=%lld recoverOneMirrorFromCrash() vfsid=%d at LP=" VO_LP_FMT " err=%d\n", opid,
+                  r->vid(), VO_LP_ARGS(r->lid()), e);
+            if (failed == 0) failed = e;
+        } else if (r->getErrCode() == 0) {
+            anyRemoteForward = true;
+        }
+    }
+
+    // The local mirror goes forward only beside a remote one that did, or
+    // alone; otherwise it is failed and the op src goes, as in conclusion.
+    if (failed == 0) {
+        const bool keepLocal = local != nullptr && (isItOnlyALocalMirror() || anyRemoteForward);
+        VO_TR_RAW(vo_vod, vo_audit, "IsItOnlyALocalMirror = %d\n", int(isItOnlyALocalMirror()));
+        VO_TR_RAW(vo_vod, vo_audit, "CheckIfAnyRemoteMirrorSucceeded = %d\n", int(anyRemoteForward));
+        if (keepLocal) {
+            unsigned e = recoverOneMirrorFromCrash(clntVldb, clntSrcDbladeVol, local, target);
+            if (e != 0) failed = e;
+        } else {
+            if (local != nullptr) {
+                VO_TR(vo_vod, vo_audit, "opid=%lld failing the local mirror deleting op src\n", opid);
+                local->setErrCode(VOD_ERR_LOCAL_MIRROR_FAILED);
+            } else {
+                VO_TR(vo_vod, vo_audit, "opid=%lld no longer need op src. Delete it\n", opid);
+            }
+            VO_TR(vo_vod, vo_audit, "opid=%lld call deleteOpSrc\n", opid);
+            if (unsigned e = deleteOpSrc(clntVldb, clntSrcDbladeVol)) {
+                VO_TR(vo_vod, vo_warn, "opid=%lld deleteOpSrc err=%d\n", opid, e);
+                failed = e;
+            }
+        }
+    }
+    if (failed != 0) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld fail to recover Mirror\n", opid);
+        setErr(voErrVodCrashRecovery, failed);
+        return failed;
+    }
+    VO_TR(vo_vod, vo_audit, "opid=%lld call deleteVodbRec\n", opid);
+    err = deleteVodbRec(clntVldb);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld got error from deleteVodbRec()\n", opid);
+        setAllErr(err);
+        return err;
+    }
+    return 0;
+}
+
+// The states a stream can be found in, along the way its conclusion goes:
+// a first mirror renumbers the op sink to the mirror id; an existing one
+// swaps them through the temp id (mirror -> temp, op sink -> mirror, temp ->
+// op sink), then the old mirror, left under the op sink's id, goes. After
+// that the attributes and the VLDB record of the new mirror are set and the
+// op sink's record goes. What the D-blade holds under the three ids on the
+// LP tells how far it got; only an op sink at the target version may take
+// the mirror id, so no reader is ever given a partial mirror.
+unsigned VoMirrorState::determineRecoveryStrategy(CLIENT* clntVldb, CLIENT* clntSinkDbladeVol,
+                                                  VoRec* opSink,
+                                                  unsigned long long opSrcDataVersion,
+                                                  int* isFirstMirror, unsigned* crashSubState) {
+    VoTrace::Depth depth;
+    const long long opid = static_cast<long long>(_opid);
+    const unsigned char* lid = opSink->lid();
+    const unsigned long long D = opSrcDataVersion;
+    *crashSubState = 0;
+
+    VO_TR(vo_vldb, vo_debug, "opid=%lld call getDataVerFromVLDB vfsid=%d at LP=" VO_LP_FMT "\n", opid,
+          _sinkRec.vid(), VO_LP_ARGS(lid));
+    int hasRec = 0;
+    unsigned long long recDv = 0;
+    VoErr err = getDataVerFromVLDB(clntVldb, _sinkRec.vid(), lid, &hasRec, &recDv);
+    if (err != 0) {
+        setAllErr(err);
+        return err;
+    }
+    if (!hasRec) VO_TR(vo_vod, vo_audit, "opid=%lld sink VLDB rec does not exist\n", opid);
+    *isFirstMirror = !hasRec || recDv == 0 || opSink->dver() == 0;
+
+    // One volume id on the LP: present, its data version, hidden.
+    struct Found {
+        bool there = false;
+        bool hidden = false;
+        unsigned long long dv = 0;
+    };
+    auto look = [&](unsigned vid, const char* what, Found* f) -> unsigned {
+        VoXdrResult<VolGetattrOut_t> out(xdr_VolGetattrOut_t);
+        unsigned status = 0;
+        VO_TR(vo_sinkvol, vo_entry, "opid=%lld dbladeVfsGetAttrs %s vfsid=%d LP=" VO_LP_FMT "\n", opid,
+              what, vid, VO_LP_ARGS(lid));
+        unsigned rc = getAttrs(clntSinkDbladeVol, vid, lid, out, &status);
+        if (rc != 0) {
+            VoErr e = VoRpcCalls::foldErr(voErrDbladeVolGetAttr, static_cast<clnt_stat>(rc), 0);
+            setAllErr(e);
+            return e;
+        }
+        if (noSuchVolume(status)) return 0;
+        if (status == kTarnErrHidden) {
+            f->there = f->hidden = true;
+            return 0;
+        }
+        if (status != 0) {
+            setErr(voErrDbladeVolGetAttr, status);
+            return voErrDbladeVolGetAttr;
+        }
+        f->there = true;
+        f->dv = out->return_volattrs.dataVersion;
+        VO_TR(vo_sinkvol, vo_debug, "%s vfsid=%d LP=" VO_LP_FMT " dVer=%lld\n", what, vid,
+              VO_LP_ARGS(lid), static_cast<long long>(f->dv));
+        return 0;
+    };
+    Found m, k, t;
+    if (unsigned e = look(_sinkRec.vid(), "sink", &m)) return e;
+    if (unsigned e = look(opSink->vid(), "op sink", &k)) return e;
+    if (_tempRec.vid() != 0)
+        if (unsigned e = look(_tempRec.vid(), "temp", &t)) return e;
+    if (k.hidden) {
+        // A half-made op sink is nobody's.
+        VO_TR(vo_sinkvol, vo_audit,
+              "opid=%lld call deleteOpSink (vfsid=%u) due to the presence of a hidden volume\n", opid,
+              opSink->vid());
+        VoErr e = dbladeDeleteVfs(clntSinkDbladeVol, opSink->vid(), lid);
+        if (e != 0 && !(e.func() == voErrDbladeVolDelete && unsigned(e) == TARN_ERR_LPMMISMATCH)) {
+            VO_TR(vo_sinkvol, vo_warn, "opid=%lld got error from dbladeDeleteVfs()\n", opid);
+            setAllErr(e);
+            return e;
+        }
+        k = Found();
+    }
+
+    if (t.there && !m.there) {
+        // The swap moved the old mirror aside and stopped: the op sink takes
+        // the id if it is complete, else the old mirror comes back.
+        *isFirstMirror = 0;
+        if (k.there && k.dv == D) {
+            VO_TR(vo_vod, vo_audit,
+                  "opid=%lld no mirror! Must have failed in the middle of VolSwapID! Roll forward\n",
+                  opid);
+            *crashSubState = 3;
+        } else {
+            *crashSubState = 8;  // put the old mirror back, then roll back
+        }
+        return 0;
+    }
+    if (t.there && m.there) {
+        // The op sink has the mirror id; the old mirror still waits under the
+        // temp id for the op sink's.
+        *isFirstMirror = 0;
+        VO_TR(vo_vod, vo_audit, "opid=%lld no op sink. Roll forward\n", opid);
+        *crashSubState = 4;
+        return 0;
+    }
+    if (m.there && !m.hidden && m.dv == D && (!k.there || k.dv != D || *isFirstMirror)) {
+        // The mirror id already holds the new mirror.
+        VO_TR(vo_vod, vo_audit, "opid=%lld sink vfs is the new mirror\n", opid);
+        VO_TR(vo_vod, vo_audit,
+              "opid=%lld failed to set attr and/or update VLDB record of the op sink before crash. "
+              "Redo now.\n",
+              opid);
+        *crashSubState = 6;
+        return 0;
+    }
+    if (k.there && k.dv == D) {
+        VO_TR(vo_vod, vo_audit,
+              "opid=%lld op sink vfs is at new data version. Sink vfs is at old data version. Roll "
+              "forward\n",
+              opid);
+        *crashSubState = 2;
+        return 0;
+    }
+    if (k.there) {
+        VO_TR(vo_vod, vo_audit,
+              "opid=%lld expect op sink dVer to be at %lld but dblade said it is at dVer = %lld\n"
+              "Very weird. Roll back\n",
+              opid, static_cast<long long>(D), static_cast<long long>(k.dv));
+    } else {
+        VO_TR(vo_vod, vo_audit, "opid=%lld no op sink nor sink. Roll back\n", opid);
+    }
+    *crashSubState = 1;
+    return 0;
+}
+
+unsigned VoMirrorState::recoverOneMirrorFromCrash(CLIENT* clntVldb, CLIENT* clntSinkDbladeVol,
+                                                  VoRec* opSink,
+                                                  unsigned long long opSrcDataVersion) {
+    VoTrace::Depth depth;
+    const long long opid = static_cast<long long>(_opid);
+    VO_TR(vo_vod, vo_audit, "opid=%lld call determineRecoveryStrategy\n", opid);
+    int isFirst = 0;
+    unsigned sub = 0;
+    unsigned e = determineRecoveryStrategy(clntVldb, clntSinkDbladeVol, opSink, opSrcDataVersion,
+                                           &isFirst, &sub);
+    if (e != 0) {
+        VO_TR(vo_vod, vo_warn,
+              "opid=%lld Cannot determine recovery strategy vfsid=%d LP=" VO_LP_FMT " err=%d\n", opid,
+              opSink->vid(), VO_LP_ARGS(opSink->lid()), e);
+        return e;
+    }
+    VO_TR(vo_vod, vo_audit, "opid=%lld isFirstMirror=%d crashSubState=%d\n", opid, isFirst, sub);
+    switch (sub) {
+        case 1:
+            // Rolled back: the op sink is only a copy, the mirror untouched.
+            opSink->setErrCode(VOD_ERR_INTERNAL);
+            return deleteOpSink(clntVldb, clntSinkDbladeVol, opSink);
+        case 2:
+            // Complete and not yet swapped: the conclusion from its start.
+            return rollForwardOpSink(clntVldb, clntSinkDbladeVol, opSink);
+        case 3:
+        case 4:
+            VO_TR(vo_vod, vo_audit, "opid=%lld call adjustVid\n", opid);
+            if ((e = adjustVid(clntSinkDbladeVol, opSink, false, static_cast<int>(sub))) != 0) {
+                VO_TR(vo_vod, vo_warn, "opid=%lld adjustVid err=%d\n", opid, e);
+                return e;
+            }
+            [[fallthrough]];
+        case 6: {
+            VO_TR(vo_vod, vo_audit, "opid=%lld call adjustAttrVLDB\n", opid);
+            if ((e = adjustAttrVLDB(clntVldb, clntSinkDbladeVol, opSink, isFirst != 0, 0)) != 0) {
+                VO_TR(vo_vod, vo_warn, "opid=%lld adjustAttrVLDB err=%d\n", opid, e);
+                return e;
+            }
+            // Whatever the op sink's id still holds is the old mirror or a
+            // copy nobody needs; then its record goes.
+            VoErr d = dbladeDeleteVfs(clntSinkDbladeVol, opSink->vid(), opSink->lid());
+            if (d != 0 && !(d.func() == voErrDbladeVolDelete && unsigned(d) == TARN_ERR_LPMMISMATCH)) {
+                setAllErr(d);
+                return d;
+            }
+            VO_TR(vo_vldb, vo_audit, "opid=%lld call vldbDeleteRecord\n", opid);
+            d = vldbDeleteRecord(clntVldb, opSink->vid(), opSink->lid());
+            if (d != 0) {
+                VO_TR(vo_vldb, vo_warn,
+                      "opid=%lld vldbDeleteRecord vfsid=%d LP=" VO_LP_FMT
+                      " err.func=%d err.funcrc=%d\n",
+                      opid, opSink->vid(), VO_LP_ARGS(opSink->lid()), d.func(), d.funcrc());
+                setAllErr(d);
+                return d;
+            }
+            return 0;
+        }
+        case 8: {
+            // The old mirror goes back under its id before the op sink goes:
+            // readers get back what they had.
+            VolSetattrIn in;
+            memset(&in, 0, sizeof in);
+            in.set_attrs.how = VOLSET_VOLUMEID;
+            in.set_attrs.attrs.volumeId = _sinkRec.vid();
+            unsigned status = 0;
+            VO_TR(vo_sinkvol, vo_audit, "opid=%lld dbladeVfsSetAttrs vfsid=%d->%d\n", opid,
+                  _tempRec.vid(), _sinkRec.vid());
+            unsigned rc = setAttrs(clntSinkDbladeVol, _tempRec.vid(), opSink->lid(), in, &status);
+            if (rc != 0 || status != 0) {
+                VoErr d = VoRpcCalls::foldErr(voErrDbladeVolSetAttr, static_cast<clnt_stat>(rc), status);
+                setAllErr(d);
+                return d;
+            }
+            opSink->setErrCode(VOD_ERR_INTERNAL);
+            return deleteOpSink(clntVldb, clntSinkDbladeVol, opSink);
+        }
+        default:
+            VO_TR(vo_vod, vo_warn, "opid=%lld Undefined crashSubState!\n", opid);
+            setErr(voErrVodCrashRecovery, VOD_ERR_INTERNAL);
+            return VOD_ERR_INTERNAL;
+    }
 }

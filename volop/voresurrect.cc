@@ -14,6 +14,7 @@
 #include "vocopystate.h"
 #include "vodbCache.h"
 #include "vodelstate.h"
+#include "vomirrorstate.h"
 #include "vomovestate.h"
 #include "vorec.h"
 #include "vorpcclient.h"
@@ -36,6 +37,8 @@ VoState* allocOpOfType(int opType, bool* built) {
         case VoRec::VODB_VOLOP_MOVE:
         case VoRec::VODB_VOLOP_FINALMOVE:
             return new (std::nothrow) VoMoveState();
+        case VoRec::VODB_VOLOP_MIRROR:
+            return new (std::nothrow) VoMirrorState();
         default:
             *built = false;
             return nullptr;

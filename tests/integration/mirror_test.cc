@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -22,7 +23,7 @@ using nlohmann::json;
 constexpr uint32_t kMirrorBit = 0x40000000;
 
 class MirrorTest : public ClusterTest {
-  protected:
+  public:
     // A read-write volume of real files on lp1a.
     uint32_t source(const std::string& name) {
         uint32_t vid = makeVolume(name, "lp1a", 20, 16 * 1024);
@@ -232,6 +233,158 @@ TEST_F(MirrorTest, RefusalsRecordNothing) {
     EXPECT_EQ(before, volumeKeys());
     EXPECT_TRUE(waitVodbEmpty(5));
 }
+
+}  // namespace
+}  // namespace vodtest
+
+// ---- vod killed at each step of a mirror, then started again
+
+namespace vodtest {
+namespace {
+
+class MirrorCrash;
+
+const char* const kMirrorHeldProcs[] = {
+    "volclone",           "incrcopymirror",     "incrcopyconclude", "volswapvolid",
+    "volsetattr",         "vldb_record_modify", "voldelete",        "vodb_delete_by_opid",
+    "volswapvolid.step1", "volswapvolid.step2", "volswapvolid.step3"};
+
+struct MirrorCrashPoint {
+    const char* name;
+    bool refresh;  // existing mirrors are refreshed, else a first mirror is made
+    bool local;    // the source's own LP is a destination too
+    void (*reach)(MirrorCrash& t);
+    bool dbladeRestarts;  // and forgets its streams while vod is down
+    bool rollsForward;    // every destination ends holding the new version
+};
+
+class MirrorCrash : public MirrorTest, public ::testing::WithParamInterface<MirrorCrashPoint> {
+  public:
+    using ClusterTest::hold;
+    using ClusterTest::speed;
+    using ClusterTest::waitHeld;
+    uint32_t src = 0;
+
+    void holdThenStart(const char* proc) {
+        hold(proc);
+        expectTriple(mirror(src), 0, 0, 0, "start");
+        ASSERT_TRUE(waitHeld(proc, 60)) << "vod never called " << proc;
+    }
+    void midStream() {
+        speed(128);
+        expectTriple(mirror(src), 0, 0, 0, "start");
+        ASSERT_TRUE(pollUntil(
+            [&] {
+                for (const auto& line : {sim({"stream-list"})})
+                    if (line.find("vnodes=0/") == std::string::npos &&
+                        line.find("vnodes=") != std::string::npos)
+                        return true;
+                return false;
+            },
+            30))
+            << "the stream never sent anything";
+    }
+    bool restartSimulator() { return node.restartSim(); }
+    bool streamsDone() {
+        return pollUntil(
+            [&] {
+                std::string l = sim({"stream-list"});
+                return l.find("status=running") == std::string::npos &&
+                       l.find("status=paused") == std::string::npos;
+            },
+            60, 0.05);
+    }
+};
+
+void PrintTo(const MirrorCrashPoint& p, std::ostream* os) { *os << p.name; }
+
+const MirrorCrashPoint kMirrorPoints[] = {
+    {"FirstAfterTheRecords", false, false, [](MirrorCrash& t) { t.holdThenStart("volclone"); },
+     false, false},
+    {"RefreshAfterTheRecords", true, true, [](MirrorCrash& t) { t.holdThenStart("volclone"); },
+     false, false},
+    {"RefreshAfterTheInPlaceClones", true, false,
+     [](MirrorCrash& t) { t.holdThenStart("incrcopymirror"); }, false, false},
+    {"FirstMidStreamWhileItRunsOn", false, false, [](MirrorCrash& t) { t.midStream(); }, false,
+     true},
+    {"RefreshMidStreamWhileItRunsOn", true, false, [](MirrorCrash& t) { t.midStream(); }, false,
+     true},
+    {"RefreshMidStreamAndTheDbladeForgot", true, false, [](MirrorCrash& t) { t.midStream(); }, true,
+     false},
+    {"RefreshAfterTheStreamEnded", true, true,
+     [](MirrorCrash& t) { t.holdThenStart("incrcopyconclude"); }, false, true},
+    {"FirstAfterTheStreamEnded", false, true,
+     [](MirrorCrash& t) { t.holdThenStart("incrcopyconclude"); }, false, true},
+    {"RefreshInTheAttributeAdjustment", true, false,
+     [](MirrorCrash& t) { t.holdThenStart("vldb_record_modify"); }, false, true},
+    {"FirstInTheAttributeAdjustment", false, true,
+     [](MirrorCrash& t) { t.holdThenStart("vldb_record_modify"); }, false, true},
+    {"RefreshMidCleanUp", true, true, [](MirrorCrash& t) { t.holdThenStart("vodb_delete_by_opid"); },
+     false, true},
+};
+
+TEST_P(MirrorCrash, EveryDestinationEndsWithAWholeMirror) {
+    const MirrorCrashPoint& point = GetParam();
+    src = source("mir.crash");
+    std::vector<std::string> lps = {"lp2a", "lp2b"};
+    if (point.local) lps.push_back("lp1a");
+    for (const std::string& lp : lps) addDestination(src, lp);
+    const uint32_t m = src | kMirrorBit;
+    std::map<std::string, std::string> oldSums;
+    if (point.refresh) {
+        expectTriple(mirror(src), 0, 0, 0, "first mirror");
+        ASSERT_TRUE(waitVodbEmpty(60));
+        for (const std::string& lp : lps) oldSums[lp] = checksum(m, lp);
+    }
+    sim({"vol-fill", std::to_string(src), "lp1a", "--files", "24", "--size", "65536"});
+    std::set<VolumeKey> others = volumeKeys();
+
+    point.reach(*this);
+    ASSERT_FALSE(HasFatalFailure());
+    ASSERT_FALSE(vodbRecords().empty()) << "the mirror has no VODB records at this point";
+    killVod();
+    for (const char* proc : kMirrorHeldProcs) release(proc, /*drop=*/true);
+    sim({"fault", "clear"});
+    if (point.dbladeRestarts) {
+        EXPECT_TRUE(restartSimulator()) << "the simulator did not come back";
+    } else {
+        speed(0);
+        EXPECT_TRUE(streamsDone()) << "the D-blade's stream did not finish";
+    }
+    speed(0);
+    restartVod();
+
+    EXPECT_TRUE(waitVodbEmpty(120)) << "recovery did not finish:\n" << sim({"vodb"});
+    const std::string want = checksum(src, "lp1a");
+    for (const std::string& lp : lps) {
+        SCOPED_TRACE(lp);
+        if (point.rollsForward) {
+            EXPECT_EQ(want, checksum(m, lp));
+            EXPECT_EQ(dvOf(src, "lp1a"), vldbRecord(m, lp)["dataVer"].get<uint64_t>());
+        } else if (point.refresh) {
+            EXPECT_EQ(oldSums[lp], checksum(m, lp)) << "the old mirror must stay as it was";
+        } else {
+            EXPECT_EQ(0u, dvOf(m, lp)) << "no partial mirror may be left";
+        }
+    }
+    // No op src, op sink, temp or hidden volume is left; the mirrors that
+    // exist have their records. A destination never filled keeps only its
+    // record at version 0.
+    for (const std::string& lp : lps)
+        if (vldbRecord(m, lp)["dataVer"].get<uint64_t>() == 0)
+            sim({"vldb-delete", std::to_string(m), lp});
+    std::set<VolumeKey> want_ = {};
+    for (const VolumeKey& k : others)
+        if (k.second != m) want_.insert(k);
+    for (const std::string& lp : lps)
+        if (dvOf(m, lp) != 0) want_.insert({lp, m});
+    expectSettled(want_);
+}
+
+INSTANTIATE_TEST_SUITE_P(KilledAt, MirrorCrash, ::testing::ValuesIn(kMirrorPoints),
+                         [](const ::testing::TestParamInfo<MirrorCrashPoint>& p) {
+                             return std::string(p.param.name);
+                         });
 
 }  // namespace
 }  // namespace vodtest
