@@ -152,3 +152,33 @@ void VoServer::vfsMirrorResume(VoIn* in, VoOut* out) {
                           op->resume(c, out);
                       });
 }
+
+void VoServer::vfsMirrorJoinGroup(VoLidVnameIn* in, VoVidOut* out) {
+    VoTrace::Depth depth;
+    out->vid = 0;
+    VoRPCClient vldb;
+    vldb.clnttcp_create(localhost, VLDB_PROG, VLDB_VERS);
+    if (static_cast<CLIENT*>(vldb) == nullptr) {
+        VO_TR(vo_vod, vo_warn, "cannot make vldb client to %s\n", localhost);
+        setTriple(out, voErrNoResource, voErrVodClntTcpCreate, VOD_ERR_NO_VLDB_CLIENT);
+        return;
+    }
+    VO_TR(vo_vod, vo_audit, "call joinGroup() src %d sink %d\n", in->vidSrc,
+          in->vidSrc | VoMirrorState::MIRROR_ID_BIT);
+    VoMirrorState::joinGroup(vldb, in, out);
+}
+
+void VoServer::vfsMirrorLeaveGroup(VoVnameIn* in, VoVidOut* out) {
+    VoTrace::Depth depth;
+    out->vid = 0;
+    VoRPCClient vldb, incrcopy, dbladeVol;
+    unsigned code = batchClntCreate(vldb, incrcopy, dbladeVol);
+    if (code != 0) {
+        VO_TR(vo_vod, vo_warn, "cannot make rpc client\n");
+        setTriple(out, voErrNoResource, voErrVodClntTcpCreate, code);
+        return;
+    }
+    setTriple(out, voErrRcSuccess, voErrFuncSuccess, 0);
+    VO_TR(vo_vod, vo_audit, "call leaveGroup() vfsid=%d\n", in->vid);
+    VoMirrorState::leaveGroup(vldb, dbladeVol, in, out);
+}

@@ -120,18 +120,6 @@ void VoServer::runOpComplete(VoState* op) {
 
 // ---- Start. ----
 
-void VoServer::vfsMirrorJoinGroup(VoLidVnameIn*, VoVidOut* out) {
-    VoTrace::Depth depth;
-    out->vid = 0;
-    notRunHere(out);
-}
-
-void VoServer::vfsMirrorLeaveGroup(VoVnameIn*, VoVidOut* out) {
-    VoTrace::Depth depth;
-    out->vid = 0;
-    notRunHere(out);
-}
-
 // ---- Progress. The kinds' own progress calls plug in with their classes. ----
 
 // ---- Cancel: each kind's own cancel plugs in with its class. ----

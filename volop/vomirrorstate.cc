@@ -1686,3 +1686,213 @@ unsigned VoMirrorState::recoverOneMirrorFromCrash(CLIENT* clntVldb, CLIENT* clnt
             return VOD_ERR_INTERNAL;
     }
 }
+
+// ---- Mirror groups. ----
+
+namespace {
+
+template <class Out>
+unsigned refuse(Out* out, voErrRc rc, voErrFunc func, unsigned funcrc) {
+    out->rc = rc;
+    out->func = func;
+    out->funcrc = funcrc;
+    return func != voErrFuncSuccess ? static_cast<unsigned>(func) : static_cast<unsigned>(rc);
+}
+
+}  // namespace
+
+// Refusals (the error model leaves them to us): a member already there
+// answers voErrSinkVFSExist; a source the VLDB does not list exactly once,
+// voErrSrcVFSNotExist with the look-up's status; an operation moving an
+// instance of the mirror, that operation's busy code.
+unsigned VoMirrorState::joinGroup(CLIENT* clntVldb, VoLidVnameIn* in, VoVidOut* out) {
+    VoTrace::Depth depth;
+    out->vid = 0;
+    const unsigned mirror = in->vidSrc | MIRROR_ID_BIT;
+    VO_TR(vo_vod, vo_debug, "call getDataVerFromVLDB for sink vfs\n");
+    int exists = 0;
+    VoErr err = getDataVerFromVLDB(clntVldb, mirror, in->lidSink, &exists, nullptr);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn, "getDataVerFromVLDB for sink vfs err.func=%d err.funcrc=%d\n",
+              err.func(), err.funcrc());
+        return refuse(out, voErrRpcFailure, err.func(), err.funcrc());
+    }
+    if (exists) {
+        VO_TR(vo_vod, vo_warn, "Mirror already exists\n");
+        return refuse(out, voErrSinkVFSExist, voErrVodValidate, 0);
+    }
+    VO_TR(vo_vldb, vo_entry, "vldb rec lookup src vfsid=%d\n", in->vidSrc);
+    VoXdrResult<vldb_record_lookup_result> found(xdr_vldb_record_lookup_result);
+    clnt_stat st = lookupVfs(clntVldb, in->vidSrc, in->lidSrc, found.get());
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_vldb, vo_warn, "vldb rec lookup failed: %s\n", clnt_sperrno(st));
+        return refuse(out, voErrRpcFailure, voErrVldbRecordLookupRpc, st);
+    }
+    if (found->result == VLDB_RECORD_NOT_FOUND || (found->result == 0 && found->r.r_len == 0)) {
+        VO_TR(vo_vldb, vo_warn, "No VLDB record for vfsid=%d LP=" VO_LP_FMT "\n", in->vidSrc,
+              VO_LP_ARGS(in->lidSrc));
+        return refuse(out, voErrSrcVFSNotExist, voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
+    }
+    if (found->result != 0) {
+        VO_TR(vo_vldb, vo_warn, "vldb rec lookup err %s\n", statLit(found->result));
+        return refuse(out, voErrSrcVFSNotExist, voErrVldbRecordLookup,
+                      static_cast<unsigned>(found->result));
+    }
+    if (found->r.r_len != 1) {
+        VO_TR(vo_vldb, vo_warn, "Expect one VLDB record for vfsid=%d. Got %d!\n", in->vidSrc,
+              found->r.r_len);
+        return refuse(out, voErrSrcVFSNotExist, voErrVodSanityCheck, VOD_ERR_MULTIPLE_RECORDS);
+    }
+    VO_TR(vo_vldb, vo_debug, "vldb_record_lookup_3 returns one VLDB rec\n");
+    const Rec& src = found->r.r_val[0];
+    err = VodbCacheLock::refreshVodbCache(clntVldb);
+    if (err != 0) return refuse(out, voErrValidate, err.func(), err.funcrc());
+    {
+        VodbCacheLock cacheLock;
+        const auto& cache = VodbCacheLock::getVodbCache();
+        VO_TR(vo_vod, vo_debug, "_vodbCache.size = %#X\n", static_cast<unsigned>(cache.size()));
+        for (const VoRec* r : cache) {
+            if (r->vid() != mirror) continue;
+            VO_TR(vo_vod, vo_warn,
+                  "another instant of this mirror is moving to LP=" VO_LP_FMT "by opid=%lld optype%d\n",
+                  VO_LP_ARGS(r->lid()), r->opid(), static_cast<int>(r->opType()));
+            return refuse(out, voErrValidate, voErrVodValidate, getErrorCodeForOpType(r->opType()));
+        }
+    }
+    VO_TR(vo_vldb, vo_audit, "call vldbCreateRecord for sink\n");
+    timeval t = now();
+    err = vldbCreateRecord(clntVldb, mirror, in->lidSink, in->vnameSink, src.family, RO_VFS, 0,
+                           t.tv_sec, t.tv_usec, src.vserver, 0, src.exportRuleset, src.appId);
+    if (err != 0) return refuse(out, VoErrVldb, err.func(), err.funcrc());
+    out->vid = mirror;
+    return refuse(out, voErrRcSuccess, voErrFuncSuccess, 0);
+}
+
+// A member that leaves stays what it was, a read-only copy of the source
+// at its data version, now under an id and a name of its own heading its
+// own family; making it writable is a separate choice (set-rw).
+unsigned VoMirrorState::leaveGroup(CLIENT* clntVldb, CLIENT*, VoVnameIn* in, VoVidOut* out) {
+    VoTrace::Depth depth;
+    out->vid = 0;
+    VO_TR(vo_vod, vo_debug, "call getDataVerFromVLDB\n");
+    int exists = 0;
+    VoErr err = getDataVerFromVLDB(clntVldb, in->vid, in->lid, &exists, nullptr);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn, "getDataVerFromVLDB err.func=%d err.funcrc=%d\n", err.func(),
+              err.funcrc());
+        return refuse(out, voErrRpcFailure, err.func(), err.funcrc());
+    }
+    if (!exists) {
+        VO_TR(vo_vod, vo_warn, "VLDB record does not exist\n");
+        return refuse(out, voErrSinkVFSNotExist, voErrVldbRecordLookup, VLDB_RECORD_NOT_FOUND);
+    }
+    VO_TR(vo_vldb, vo_entry, "call vldb_record_lookup_3\n");
+    {
+        vldb_record_lookup_input q;
+        memset(&q, 0, sizeof q);
+        q.input_mask = VFS_NAME;
+        char empty[] = "";
+        q.r.family = empty;
+        q.r.vfsname = in->vname;
+        VoXdrResult<vldb_record_lookup_result> byName(xdr_vldb_record_lookup_result);
+        clnt_stat st = vldb_record_lookup_3(&q, byName.get(), clntVldb);
+        if (st != RPC_SUCCESS) {
+            VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3 vfsname=%s failed: %s\n", in->vname,
+                  clnt_sperrno(st));
+            return refuse(out, voErrRpcFailure, voErrVldbRecordLookupRpc, st);
+        }
+        if (byName->result == 0 && byName->r.r_len != 0) {
+            VO_TR(vo_vldb, vo_warn, "vldb_record_lookup_3 vfsname=%s returned %d records\n",
+                  in->vname, byName->r.r_len);
+            return refuse(out, voErrSinkVFSExist, voErrVodValidate, 0);
+        }
+    }
+    err = VodbCacheLock::refreshVodbCache(clntVldb);
+    if (err != 0) return refuse(out, voErrValidate, err.func(), err.funcrc());
+    {
+        VodbCacheLock cacheLock;
+        for (const VoRec* r : VodbCacheLock::getVodbCache()) {
+            if (r->vid() != in->vid || memcmp(r->lid(), in->lid, 16) != 0) continue;
+            if (r->opType() == VoRec::VODB_VOLOP_MIRROR)
+                VO_TR(vo_vod, vo_warn, "src is mirroring to this vfs. opid=%lld\n", r->opid());
+            else
+                VO_TR(vo_vod, vo_warn, "this mirror is used by opid=%lld optype%d\n", r->opid(),
+                      static_cast<int>(r->opType()));
+            return refuse(out, voErrValidate, voErrVodValidate, getErrorCodeForOpType(r->opType()));
+        }
+    }
+    // The member may live on any D-blade: ask the one that serves its LP.
+    VO_TR(vo_vod, vo_debug, "call mkDbladeClient\n");
+    VoRPCClient vol;
+    err = mkDbladeClient(clntVldb, in->lid, &vol, nullptr);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn,
+              "fail to contact dblade controlling LP=" VO_LP_FMT " err.func=%d err.funcrc=%d\n",
+              VO_LP_ARGS(in->lid), err.func(), err.funcrc());
+        return refuse(out, voErrNoResource, err.func(), err.funcrc());
+    }
+    VO_TR(vo_vod, vo_debug, "call getDataVerFromDblade\n");
+    err = getDataVerFromDblade(vol, in->vid, in->lid, nullptr);
+    if (err != 0 && err.func() == voErrDbladeVolGetAttr && noSuchVolume(err.funcrc())) {
+        VO_TR(vo_vod, vo_audit, "VFS does not exist. Call vldbDeleteRecord\n");
+        err = vldbDeleteRecord(clntVldb, in->vid, in->lid);
+        if (err != 0) return refuse(out, VoErrVldb, err.func(), err.funcrc());
+        return refuse(out, voErrRcSuccess, voErrFuncSuccess, 0);
+    }
+    if (err != 0) return refuse(out, VoErrDblade, err.func(), err.funcrc());
+
+    VO_TR(vo_vod, vo_debug, "call newVfsid\n");
+    unsigned newId = 0;
+    err = newVfsid(clntVldb, &newId);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn, "newVfsid err.func=%d err.funcrc=%d\n", err.func(), err.funcrc());
+        return refuse(out, VoErrVldb, err.func(), err.funcrc());
+    }
+    std::string name = in->vname != nullptr ? in->vname : "";
+    if (name.size() > static_cast<size_t>(VoRec::VNAME_MAX)) {
+        VO_TR(vo_vod, vo_warn, "Volname length is too long (%d) Truncate it for now\n",
+              static_cast<int>(name.size()));
+        name.resize(VoRec::VNAME_MAX);
+    }
+    VO_TR(vo_srcvol, vo_audit, "dbladeVfsSetAttrs vfsid=%d\n", in->vid);
+    {
+        VolSetattrIn sin;
+        memset(&sin, 0, sizeof sin);
+        sin.set_attrs.how = VOLSET_VOLUMEID | VOLSET_VOLNAME;
+        sin.set_attrs.attrs.volumeId = newId;
+        sin.set_attrs.attrs.volname = &name[0];
+        unsigned status = 0;
+        unsigned rc = setAttrs(vol, in->vid, in->lid, sin, &status);
+        if (rc != 0 || status != 0) {
+            if (rc != 0)
+                VO_TR(vo_srcvol, vo_warn, "dbladeVfsSetAttrs failed: %s\n", rpcErrText(rc));
+            else
+                VO_TR(vo_srcvol, vo_warn, "dbladeVfsSetAttrs err=%#X\n", status);
+            VO_TR(vo_srcvol, vo_warn, "fail to change attributes\n");
+            VoErr e = VoRpcCalls::foldErr(voErrDbladeVolSetAttr, static_cast<clnt_stat>(rc), status);
+            return refuse(out, VoErrDblade, e.func(), e.funcrc());
+        }
+    }
+    VO_TR(vo_vldb, vo_entry, "vldb_record_modify_3 vfsid=%d\n", in->vid);
+    vldb_record_modify_input m;
+    memset(&m, 0, sizeof m);
+    m.input_mask = VFS_ID | VFS_NAME;
+    m.vfsid = in->vid;
+    memcpy(m.lp_uuid, in->lid, sizeof m.lp_uuid);
+    m.newrec.vfsid = newId;
+    memcpy(m.newrec.lp_uuid, in->lid, sizeof m.newrec.lp_uuid);
+    m.newrec.vfsname = &name[0];
+    m.newrec.family = &name[0];
+    int vstatus = 0;
+    clnt_stat st = vldb_record_modify_3(&m, &vstatus, clntVldb);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_vldb, vo_warn, "vldb_record_modify_3 failed: %s\n", clnt_sperrno(st));
+        return refuse(out, voErrRpcFailure, voErrVldbRecordModifyRpc, st);
+    }
+    if (vstatus != 0) {
+        VO_TR(vo_vldb, vo_warn, "vldb_record_modify_3 err %s\n", statLit(vstatus));
+        return refuse(out, VoErrVldb, voErrVldbRecordModify, static_cast<unsigned>(vstatus));
+    }
+    out->vid = newId;
+    return refuse(out, voErrRcSuccess, voErrFuncSuccess, 0);
+}

@@ -220,6 +220,74 @@ TEST_F(MirrorTest, ALocalMirrorAloneIsTheFrozenSourceItself) {
     expectMirrored(src, {"lp1a"}, others);
 }
 
+TEST_F(MirrorTest, MembersJoinEmptyAndLeaveAsVolumesOfTheirOwn) {
+    const uint32_t src = source("mir.group");
+    const uint32_t m = src | kMirrorBit;
+    auto join = [&](uint32_t vid, const std::string& lp, const char* name) {
+        VoLidVnameIn in{};
+        in.vidSrc = vid;
+        lpBytes("lp1a", in.lidSrc);
+        lpBytes(lp, in.lidSink);
+        in.vnameSink = const_cast<char*>(name);
+        VoVidOut out{};
+        EXPECT_EQ(RPC_SUCCESS, vomirrorjoingroup_1(&in, &out, vo()));
+        return out;
+    };
+    auto leave = [&](const std::string& lp, const char* name) {
+        VoVnameIn in{};
+        in.vid = m;
+        lpBytes(lp, in.lid);
+        in.vname = const_cast<char*>(name);
+        VoVidOut out{};
+        EXPECT_EQ(RPC_SUCCESS, vomirrorleavegroup_1(&in, &out, vo()));
+        return out;
+    };
+
+    // Joining registers an empty read-only member; twice is refused, and so
+    // is a source the VLDB does not know.
+    VoVidOut j = join(src, "lp2a", "grp.a");
+    expectTriple(j, 0, 0, 0, "join");
+    EXPECT_EQ(m, j.vid);
+    json rec = vldbRecord(m, "lp2a");
+    ASSERT_FALSE(rec.is_null());
+    EXPECT_EQ("ro", rec["typeName"]);
+    EXPECT_EQ(0u, rec["dataVer"].get<uint64_t>());
+    expectTriple(join(src, "lp2a", "grp.a"), voErrSinkVFSExist, voErrVodValidate, 0, "again");
+    expectTriple(join(99999, "lp2b", "grp.x"), voErrSrcVFSNotExist, voErrVldbRecordLookup, 119,
+                 "no source");
+    expectTriple(join(src, "lp2b", "grp.b"), 0, 0, 0, "second member");
+
+    // Filled by a mirror; one member leaves and keeps its contents, read-only,
+    // under an id and a name of its own.
+    expectTriple(mirror(src), 0, 0, 0, "mirror");
+    ASSERT_TRUE(waitVodbEmpty(60));
+    const std::string sum = checksum(m, "lp2a");
+    uint64_t busy = addVodbRecord(0, "mirror", m, "lp2a", "sink");
+    expectTriple(leave("lp2a", "grp.left"), voErrValidate, voErrVodValidate, VOD_ERR_BUSY_MIRROR,
+                 "busy");
+    sim({"vodb-delete", std::to_string(busy)});
+    VoVidOut l = leave("lp2a", "grp.left");
+    expectTriple(l, 0, 0, 0, "leave");
+    ASSERT_NE(0u, l.vid);
+    EXPECT_TRUE(vldbRecord(m, "lp2a").is_null());
+    json left = vldbRecord(l.vid, "lp2a");
+    ASSERT_FALSE(left.is_null());
+    EXPECT_EQ("grp.left", left["name"]);
+    EXPECT_EQ(sum, checksum(l.vid, "lp2a"));
+    for (const DbladeVolume& v : volumes())
+        if (v.vfsid == l.vid) {
+            EXPECT_EQ("ro", v.type);
+        }
+
+    // A member that was never filled only loses its record.
+    expectTriple(join(src, "lp1b", "grp.c"), 0, 0, 0, "unfilled member");
+    VoVidOut gone = leave("lp1b", "grp.c2");
+    expectTriple(gone, 0, 0, 0, "leave unfilled");
+    EXPECT_EQ(0u, gone.vid);
+    EXPECT_TRUE(vldbRecord(m, "lp1b").is_null());
+    expectVldbAgreesWithDblades();
+}
+
 TEST_F(MirrorTest, RefusalsRecordNothing) {
     const uint32_t src = source("mir.refused");
     const std::set<VolumeKey> before = volumeKeys();
