@@ -44,6 +44,7 @@ ALPHA=
 CLONE=
 BETA=
 GAMMA=
+DELTA=
 
 say() { printf '\n== %s\n' "$*"; }
 run() {
@@ -271,6 +272,60 @@ step_move() {
   run_list voctl ops
 }
 
+step_mirror() {
+  say "Read-only mirrors: delta, on lp1a, mirrored to lp1a itself, lp1b and lp2b (two D-blades)"
+  local out
+  out=$(voctl --json create delta lp1a vs1)
+  DELTA=$(json_number vfsid "$out")
+  run vodsimctl vol-fill "$DELTA" lp1a --files 20 --size 65536
+  trace_mark
+  run voctl mirror "$DELTA" lp1a lp1a lp1b lp2b --interval 0.1
+  quote_trace 'found a local mirror|made an upstream clone|created a new vfs|incrcopymirror_1 succeeded|dbladeVfsSetAttrs vfsid=[0-9]+->|swapVolId' \
+    'deleteVodbRec'
+  echo "One stream fed the two remote destinations; on lp1a the frozen clone of delta itself"
+  echo "became the mirror. Every mirror answers to one id, delta's with 0x40000000 set."
+  run voctl mirrors "$DELTA"
+
+  say "delta changes; a refresh clones each mirror in place, brings the clone forward and swaps it in"
+  run vodsimctl vol-write "$DELTA" lp1a notes.txt --text "delta, second edition"
+  trace_mark
+  run voctl mirror "$DELTA" lp1a lp1a lp1b lp2b --interval 0.1
+  quote_trace 'made an upstream clone|swapVolId [0-9]' 'deleteVodbRec'
+  show_mirror_sums
+
+  say "vod is killed in the middle of the next refresh, between two renumberings of an id swap"
+  run vodsimctl vol-write "$DELTA" lp1a notes.txt --text "delta, third edition"
+  vodsimctl fault hold volswapvolid.step3 >/dev/null
+  voctl --json mirror "$DELTA" lp1a lp1a lp1b lp2b --no-wait >/dev/null
+  vodsimctl fault wait-held volswapvolid.step3 60 >/dev/null
+  run kill -9 "$VOD_PID"
+  wait "$VOD_PID" 2>/dev/null || true
+  VOD_PID=
+  printf '$ %s\n' "vodsimctl fault release volswapvolid.step3 drop   # the D-blade stops there too"
+  vodsimctl fault release volswapvolid.step3 drop >/dev/null
+  vodsimctl fault clear >/dev/null
+  run_list voctl ops
+  say "The next vod finds the mirror in the VODB and settles every destination (about 30 s)"
+  trace_mark
+  start_vod
+  for _ in $(seq 120); do
+    [[ -z $(voctl ops 2>/dev/null | grep -v 'no operations') ]] && break
+    sleep 0.5
+  done
+  quote_trace 'resurrect MIRROR|isFirstMirror=|Roll forward|Roll back|Redo now|recover successful' \
+    'recover successful'
+  show_mirror_sums
+  run_list voctl ops
+}
+
+show_mirror_sums() {
+  local m=$((DELTA | 0x40000000)) lp
+  printf 'delta (vfs %s on lp1a): %s\n' "$DELTA" "$(vodsimctl vol-checksum "$DELTA" lp1a)"
+  for lp in lp1a lp1b lp2b; do
+    printf 'mirror (vfs %s on %s): %s\n' "$m" "$lp" "$(vodsimctl vol-checksum "$m" "$lp")"
+  done
+}
+
 step_stop() {
   say "Stop vod and the simulator"
   kill "$VOD_PID"
@@ -295,6 +350,7 @@ STEPS=(
   step_crash_and_recover
   step_copy
   step_move
+  step_mirror
   step_stop
 )
 
