@@ -178,6 +178,66 @@ std::string cmdCreate(const Args& a, bool* ok) {
     return "created " + std::to_string(vfsid) + " on " + lp->name + "\n";
 }
 
+// The by-hand volume changes that build what a crash leaves behind: VFSID LP and
+// `extra` more words; fn makes the change and returns a store status, or sets *why.
+// Nothing here touches the VLDB.
+template <typename Fn>
+std::string byHand(const Args& a, bool* ok, size_t extra, const char* usage, Fn fn) {
+    std::lock_guard<std::mutex> lk(SimNode::get().lock());
+    if (a.size() != 2 + extra) return fail(ok, std::string("expected ") + usage);
+    std::string err;
+    SimVolume* v = volumeArg(a, 0, &err);
+    if (!v) return fail(ok, err);
+    std::string done;
+    unsigned st = fn(v, &done, &err);
+    if (!err.empty()) return fail(ok, err + "; expected " + usage);
+    if (st) return fail(ok, a[0] + " on " + a[1] + ": " + statusText(st));
+    return done + "\n";
+}
+
+// The NEWID word of vol-clone and vol-renumber.
+bool newIdArg(const std::string& word, uint32_t* id, std::string* err) {
+    if (parseU32(word, id) && *id != 0) return true;
+    *err = "bad NEWID " + word;
+    return false;
+}
+
+std::string cmdClone(const Args& a, bool* ok) {
+    return byHand(a, ok, 1, "VFSID LP NEWID", [&](SimVolume* v, std::string* done, std::string* err) {
+        uint32_t id;
+        if (!newIdArg(a[2], &id, err)) return 0u;
+        *done = "cloned " + a[0] + " as " + std::to_string(id) + " on " + lpName(v->lp);
+        return SimVolStore::get().clone(v->lp, v->vfsid, id);
+    });
+}
+
+std::string cmdRenumber(const Args& a, bool* ok) {
+    return byHand(a, ok, 1, "VFSID LP NEWID", [&](SimVolume* v, std::string* done, std::string* err) {
+        uint32_t id;
+        if (!newIdArg(a[2], &id, err)) return 0u;
+        *done = "renumbered " + a[0] + " to " + std::to_string(id) + " on " + lpName(v->lp);
+        return SimVolStore::get().renumber({{v->lp, v->vfsid, id}});
+    });
+}
+
+std::string cmdHide(const Args& a, bool* ok) {
+    return byHand(a, ok, 1, "VFSID LP on|off", [&](SimVolume* v, std::string* done, std::string* err) {
+        if (a[2] != "on" && a[2] != "off") {
+            *err = "bad word " + a[2];
+            return 0u;
+        }
+        *done = (a[2] == "on" ? "hid " : "showed ") + a[0] + " on " + lpName(v->lp);
+        return SimVolStore::get().setHidden(v, a[2] == "on");
+    });
+}
+
+std::string cmdDelete(const Args& a, bool* ok) {
+    return byHand(a, ok, 0, "VFSID LP", [&](SimVolume* v, std::string* done, std::string*) {
+        *done = "deleted " + a[0] + " on " + lpName(v->lp);
+        return SimVolStore::get().remove(v->lp, v->vfsid);
+    });
+}
+
 // The contents option of vol-write and vol-append: --size N or --text T.
 bool contentArg(const Args& a, size_t at, const std::string& path, const SimVolume& v,
                 std::string* data, std::string* err) {
@@ -332,6 +392,18 @@ void registerCommands() {
     simRegisterCommand("vol-show", "vol-show VFSID LP: every attribute of a volume", cmdShow);
     simRegisterCommand("vol-create", "vol-create VFSID LP NAME: a read-write volume (no VLDB record)",
                        cmdCreate);
+    simRegisterCommand("vol-clone",
+                       "vol-clone VFSID LP NEWID: a clone of a volume on its LP (no VLDB record)",
+                       cmdClone);
+    simRegisterCommand("vol-renumber",
+                       "vol-renumber VFSID LP NEWID: give a volume another id (VLDB untouched)",
+                       cmdRenumber);
+    simRegisterCommand("vol-hide",
+                       "vol-hide VFSID LP on|off: hide a volume as an unfinished stream leaves "
+                       "it (it answers 32 and blocks its id), or show it again",
+                       cmdHide);
+    simRegisterCommand("vol-delete", "vol-delete VFSID LP: delete a volume (VLDB untouched)",
+                       cmdDelete);
     simRegisterCommand("vol-write",
                        "vol-write VFSID LP PATH --size N | --text T: create or replace a file",
                        [](const Args& a, bool* ok) { return cmdWrite(a, ok, false); });

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "dblade_vol.h"
 #include "sim/simfaults.h"
@@ -123,11 +124,34 @@ bool_t volsetattr_1_svc(VolSetattrIn* in, VolSetattrOut_t* out, struct svc_req*)
     });
 }
 
+// The swap runs as the three renumberings a D-blade makes of it (SimVolStore::swapSteps),
+// each durable on its own, and meets a fault point before each: volswapvolid.step1, .step2,
+// .step3.  A status N there ends the swap with N, the earlier renumberings left done, as a
+// D-blade that failed mid-swap leaves them (it does not undo them); a drop is a D-blade that
+// died there: no reply, the earlier renumberings stay.  Those half-done states are what
+// the daemon's crash recovery has to finish.
 bool_t volswapvolid_1_svc(VolSwapVolIdIn* in, VolSwapVolIdOut_t* out, struct svc_req*) {
+    static const char* const kPoints[] = {"volswapvolid.step1", "volswapvolid.step2",
+                                          "volswapvolid.step3"};
     return simServeOnLps("volswapvolid", &out->returnCode, TARN_ERR_LPMMISMATCH,
-                         {in->lpUUID1, in->lpUUID2}, [&] {
-        return SimVolStore::get().swapIds(simLpId(in->lpUUID1), in->vfsID1,
-                                          simLpId(in->lpUUID2), in->vfsID2, in->vfsIDTemp);
+                         {in->lpUUID1, in->lpUUID2},
+                         [&](std::unique_lock<std::mutex>& lk) -> SimStepped {
+        SimVolStore& store = SimVolStore::get();
+        std::vector<SimRenumber> steps;
+        if (unsigned st = store.swapSteps(simLpId(in->lpUUID1), in->vfsID1, simLpId(in->lpUUID2),
+                                          in->vfsID2, in->vfsIDTemp, &steps))
+            return {st, true};
+        SimStepped r;
+        for (size_t i = 0; i < steps.size(); ++i) {
+            SimFaultVerdict v = simFaultPoint(kPoints[i], lk);
+            if (v.kind == SimFaultKind::Drop) return {TARN_OK, false};
+            if (v.kind == SimFaultKind::Status)
+                return {v.status ? v.status : unsigned{TARN_ERR_EIO}, r.reply};
+            if (v.kind == SimFaultKind::LoseReply) r.reply = false;
+            // Between the steps the node went on: the step checks its volumes afresh.
+            if ((r.status = store.renumber({steps[i]}))) return r;
+        }
+        return r;
     });
 }
 

@@ -216,9 +216,7 @@ void run(std::shared_ptr<Move> m) {
     for (const Step& step : kSteps) {
         // A paused stream holds its steps as it holds its transfer.
         simStreamWaitWhilePaused(m->rq.opId, lk);
-        lk.unlock();
-        SimFaultVerdict v = simFault(step.point);
-        lk.lock();
+        SimFaultVerdict v = simFaultPoint(step.point, lk);
         if (v.kind == SimFaultKind::Drop) return die(m.get());
         if (v.kind == SimFaultKind::Status)
             code = v.status ? v.status : unsigned{VIC_EIO};

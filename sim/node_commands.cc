@@ -37,6 +37,19 @@ bool parseU64(const std::string& t, uint64_t max, uint64_t* out) {
   return true;
 }
 
+// A VFS id in decimal or, as mirror ids read best, in hex with 0x (0x40000064).
+bool parseVfsid(const std::string& t, unsigned* out) {
+  uint64_t v;
+  bool hex = t.size() > 2 && t.size() <= 10 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X') &&
+             std::all_of(t.begin() + 2, t.end(), ::isxdigit);
+  if (hex)
+    v = std::strtoull(t.c_str() + 2, nullptr, 16);
+  else if (!parseU64(t, 0xFFFFFFFFu, &v))
+    return false;
+  *out = static_cast<unsigned>(v);
+  return true;
+}
+
 std::string jsonString(const std::string& s) {
   std::string o = "\"";
   for (unsigned char c : s) {
@@ -206,8 +219,7 @@ std::string vldbCommand(std::vector<std::string> a, bool* ok) {
   std::lock_guard<std::mutex> g(node.lock());
   VldbRecord key;
   unsigned mask = 1;  // every record
-  uint64_t id;
-  if (a.size() == 1 && parseU64(a[0], 0xFFFFFFFFu, &id)) key.vfsid = static_cast<unsigned>(id), mask = 4;
+  if (a.size() == 1 && parseVfsid(a[0], &key.vfsid)) mask = 4;
   else if (a.size() == 1) key.name = a[0], mask = 2;
   std::vector<VldbRecord> recs;
   int st = VldbStore::get().lookup(mask, key, &recs);
@@ -239,9 +251,7 @@ std::string vldbCommand(std::vector<std::string> a, bool* ok) {
 }
 
 bool parseVfsidLp(const std::vector<std::string>& a, unsigned* vfsid, unsigned char lp[16], std::string* why) {
-  uint64_t id;
-  if (!parseU64(a[0], 0xFFFFFFFFu, &id)) return *why = "bad VFS id " + a[0], false;
-  *vfsid = static_cast<unsigned>(id);
+  if (!parseVfsid(a[0], vfsid)) return *why = "bad VFS id " + a[0], false;
   const SimLp* found = SimNode::get().findLpByNameOrId(a[1]);
   if (found) std::memcpy(lp, found->uuid, 16);
   else if (!simParseLpId(a[1], lp)) return *why = "no LP " + a[1], false;
@@ -260,10 +270,10 @@ bool setField(VldbRecord* r, unsigned* mask, const std::string& field, const std
     std::memcpy(r->lp, lp->uuid, 16);
     return *mask |= 16, true;
   }
+  if (field == "vfsid") return *mask |= 4, parseVfsid(value, &r->vfsid);
   bool ok = parseU64(value, field == "dataver" ? UINT64_MAX : 0xFFFFFFFFu, &v);
   if (!ok) return false;
   if (field == "dataver") return r->dataVer = v, *mask |= 32768, true;
-  if (field == "vfsid") return r->vfsid = static_cast<unsigned>(v), *mask |= 4, true;
   if (field == "vserver") return r->vserver = static_cast<unsigned>(v), *mask |= 8, true;
   if (field == "root") return r->isRoot = static_cast<unsigned>(v), *mask |= 65536, true;
   if (field == "appid") return r->appId = static_cast<unsigned>(v), *mask |= 262144, true;

@@ -49,6 +49,10 @@ constexpr ProcName kProcs[] = {
     {"volgetattr", "dblade_vol"},
     {"volsetattr", "dblade_vol"},
     {"volswapvolid", "dblade_vol"},
+    // Not procedures: met before each renumbering of an id swap, in the order they run.
+    {"volswapvolid.step1", "dblade_vol"},
+    {"volswapvolid.step2", "dblade_vol"},
+    {"volswapvolid.step3", "dblade_vol"},
     {"incrcopymirror", "dblade_incrcopy"},
     {"incrcopymove", "dblade_incrcopy"},
     // Not procedures: the steps of a final move's thread, in the order they run.
@@ -203,6 +207,8 @@ const char* kFaultUsage =
     "                                      dblade_lpm, dblade_vol or dblade_incrcopy\n"
     "fault clear [PROC|PROGRAM]            remove faults (held calls go on)\n"
     "fault list                            faults set and calls held\n"
+    "PROC may also be a step inside a call or stream: incrcopymove.stop, .stream, .swap,\n"
+    "  .vldb, .notify (a final move), volswapvolid.step1, .step2, .step3 (an id swap).\n"
     "COUNT (default 1) is the number of calls or connection attempts hit.  status, drop,\n"
     "lose-reply, delay, hold and refuse of a D-blade's procedure or program take\n"
     "--dblade ID: only calls to that D-blade's address meet the fault.";
@@ -402,6 +408,13 @@ SimFaultVerdict simFault(const char* proc) {
     }
   }
   return {SimFaultKind::None, 0};
+}
+
+SimFaultVerdict simFaultPoint(const char* point, std::unique_lock<std::mutex>& lk) {
+  lk.unlock();
+  SimFaultVerdict v = simFault(point);
+  lk.lock();
+  return v;
 }
 
 bool simRefuseConnection(const std::string& program, uint16_t did) {

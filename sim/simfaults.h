@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 // Drop: nothing is done and no reply is sent.  LoseReply: the call is carried out, then
@@ -28,6 +29,11 @@ struct SimFaultVerdict {
 // carried out and sends no reply (LoseReply).  Also counts the call, in all and for its
 // D-blade (control command "calls").
 SimFaultVerdict simFault(const char* proc);
+
+// A fault point met between the steps of work done under SimNode::lock() (lk holds it):
+// simFault(point) with the lock let go meanwhile, so that a hold or delay there stops only
+// this caller.  lk holds the lock again on return.
+SimFaultVerdict simFaultPoint(const char* point, std::unique_lock<std::mutex>& lk);
 
 // Refused connections are decided per program, named as its protocol file: "vldb",
 // "dldb", "coord", "dblade_lpm", "dblade_vol", "dblade_incrcopy", and for the D-blade

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <mutex>
+#include <type_traits>
 
 #include "simfaults.h"
 #include "simnode.h"
@@ -44,8 +45,26 @@ bool_t simServe(const char* proc, Res* res, Status* status, Body body) {
   return v.kind == SimFaultKind::LoseReply ? FALSE : TRUE;
 }
 
+// What a D-blade body that runs in steps answers: its status, and whether a reply goes
+// out at all (a fault point between its steps may drop it or lose it).
+struct SimStepped {
+  unsigned status = 0;
+  bool reply = true;
+};
+
+// Calls a body with the node lock when it takes one (a body that meets fault points
+// between its steps lets the lock go meanwhile, simFaultPoint), else without.
+template <typename Fn>
+SimStepped simCallBody(Fn& fn, std::unique_lock<std::mutex>& lk) {
+  if constexpr (std::is_invocable_v<Fn&, std::unique_lock<std::mutex>&>)
+    return fn(lk);
+  else
+    return SimStepped{fn(), true};
+}
+
 // The D-blade procedures' form: the body computes the status word, and the rest of the
-// result (if any) is the body's to fill.  Nothing is cleared beyond the status.
+// result (if any) is the body's to fill.  Nothing is cleared beyond the status.  A body
+// that takes the lock returns a SimStepped.
 template <typename Fn>
 bool_t simServeStatus(const char* proc, u_int* status, Fn fn) {
   *status = 0;
@@ -55,9 +74,10 @@ bool_t simServeStatus(const char* proc, u_int* status, Fn fn) {
     *status = v.status;
     return TRUE;
   }
-  std::lock_guard<std::mutex> g(SimNode::get().lock());
-  *status = fn();
-  return v.kind == SimFaultKind::LoseReply ? FALSE : TRUE;
+  std::unique_lock<std::mutex> lk(SimNode::get().lock());
+  SimStepped r = simCallBody(fn, lk);
+  *status = r.status;
+  return v.kind == SimFaultKind::LoseReply || !r.reply ? FALSE : TRUE;
 }
 
 // A D-blade procedure about LPs: a D-blade asked about an LP it does not serve answers
@@ -65,10 +85,10 @@ bool_t simServeStatus(const char* proc, u_int* status, Fn fn) {
 template <typename Fn>
 bool_t simServeOnLps(const char* proc, u_int* status, unsigned notHere,
                      std::initializer_list<const unsigned char*> lps, Fn fn) {
-  return simServeStatus(proc, status, [&]() -> unsigned {
+  return simServeStatus(proc, status, [&](std::unique_lock<std::mutex>& lk) -> SimStepped {
     for (const unsigned char* lp : lps)
-      if (!SimNode::get().dbladeServesLp(simServingDblade(), lp)) return notHere;
-    return fn();
+      if (!SimNode::get().dbladeServesLp(simServingDblade(), lp)) return {notHere, true};
+    return simCallBody(fn, lk);
   });
 }
 

@@ -753,8 +753,10 @@ unsigned SimVolStore::setAttrs(const SimLpId& lp, uint32_t vfsid, unsigned how,
     return TARN_OK;
 }
 
-unsigned SimVolStore::swapIds(const SimLpId& lp1, uint32_t vfsid1, const SimLpId& lp2,
-                              uint32_t vfsid2, uint32_t tempVfsid) {
+unsigned SimVolStore::swapSteps(const SimLpId& lp1, uint32_t vfsid1, const SimLpId& lp2,
+                                uint32_t vfsid2, uint32_t tempVfsid,
+                                std::vector<SimRenumber>* steps) {
+    steps->clear();
     SimVolume *v1, *v2;
     if (unsigned st = locate(lp1, vfsid1, &v1)) return st;
     if (unsigned st = locate(lp2, vfsid2, &v2)) return st;
@@ -764,9 +766,21 @@ unsigned SimVolStore::swapIds(const SimLpId& lp1, uint32_t vfsid1, const SimLpId
         tempVfsid == vfsid2)
         return TARN_ERR_EINVAL;
     // The spare id must be free where the first volume passes through it.
-    if (SimVolume* t = _impl->find(lp1, tempVfsid))
-        return t->hidden ? TARN_ERR_VOLHIDDEN : TARN_ERR_EEXIST;
-    return renumber({{lp1, vfsid1, vfsid2}, {lp2, vfsid2, vfsid1}});
+    for (auto [lp, id] : {std::pair{lp1, tempVfsid}, {lp2, vfsid1}, {lp1, vfsid2}}) {
+        SimVolume* t = _impl->find(lp, id);
+        if (t && t != v1 && t != v2) return t->hidden ? TARN_ERR_VOLHIDDEN : TARN_ERR_EEXIST;
+    }
+    *steps = {{lp1, vfsid1, tempVfsid}, {lp2, vfsid2, vfsid1}, {lp1, tempVfsid, vfsid2}};
+    return TARN_OK;
+}
+
+unsigned SimVolStore::setHidden(SimVolume* v, bool hidden) {
+    if (v->writerOpId) return TARN_ERR_ENORNUM;
+    if (v->hidden == hidden) return TARN_OK;
+    v->hidden = hidden;
+    if (_impl->saveVolume(*v)) return TARN_OK;
+    v->hidden = !hidden;
+    return TARN_ERR_EIO;
 }
 
 unsigned SimVolStore::renumber(const std::vector<SimRenumber>& moves) {

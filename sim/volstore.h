@@ -136,13 +136,22 @@ public:
     unsigned remove(const SimLpId& lp, uint32_t vfsid);
     unsigned clone(const SimLpId& lp, uint32_t srcVfsid, uint32_t cloneVfsid);
     unsigned setAttrs(const SimLpId& lp, uint32_t vfsid, unsigned how, const SimVolAttrs& in);
-    unsigned swapIds(const SimLpId& lp1, uint32_t vfsid1, const SimLpId& lp2, uint32_t vfsid2,
-                     uint32_t tempVfsid);
+    // An id swap through a spare id is three renumberings, in this order: vfsid1 -> temp
+    // on lp1, vfsid2 -> vfsid1 on lp2, temp -> vfsid2 on lp1.  Checks that the swap may
+    // start (both volumes there, neither hidden nor busy, distinct ids, the spare id free
+    // on lp1) and gives the steps; the caller runs each with renumber(), so a swap stopped
+    // between two steps leaves the earlier ones done, on disk.
+    unsigned swapSteps(const SimLpId& lp1, uint32_t vfsid1, const SimLpId& lp2, uint32_t vfsid2,
+                       uint32_t tempVfsid, std::vector<SimRenumber>* steps);
     // Gives several volumes new ids as one step (one transaction; the folders move through
     // parking names of the store's own), so an id may pass from one volume of the step to
     // another.  Every other target must be free on its LP (17, or 32 when hidden); the
     // volumes must be neither hidden nor busy.  References from the LP's volumes follow.
     unsigned renumber(const std::vector<SimRenumber>& moves);
+
+    // Hides or shows a volume by hand: the state a stream leaves in a sink it did not
+    // finish.  33 while a stream writes into it, since the stream owns the flag then.
+    unsigned setHidden(SimVolume* v, bool hidden);
 
     // File changes of the control interface; each bumps the data version once, by dverStep.
     // append: add to the end instead of replacing.

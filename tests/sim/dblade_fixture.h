@@ -155,7 +155,10 @@ protected:
         return setattr(lp, from, VOLSET_VOLUMEID, a);
     }
 
-    unsigned swap(const unsigned char* lp, unsigned id1, unsigned id2, unsigned temp) {
+    // With rpc the transport status goes there (a dropped call times out); without, the
+    // call must get through.
+    unsigned swap(const unsigned char* lp, unsigned id1, unsigned id2, unsigned temp,
+                  clnt_stat* rpc = nullptr) {
         VolSwapVolIdIn in{};
         memcpy(in.lpUUID1, lp, 16);
         memcpy(in.lpUUID2, lp, 16);
@@ -163,12 +166,17 @@ protected:
         in.vfsID2 = id2;
         in.vfsIDTemp = temp;
         VolSwapVolIdOut_t out{};
-        EXPECT_EQ(volswapvolid_1(&in, &out, volOf(lp)), RPC_SUCCESS);
+        clnt_stat cs = volswapvolid_1(&in, &out, volOf(lp));
+        if (rpc)
+            *rpc = cs;
+        else
+            EXPECT_EQ(cs, RPC_SUCCESS);
         return out.returnCode;
     }
 
+    // opType: 1 a copy's stream, 2 a mirror's (the simulator streams both alike).
     unsigned mirror(uint64_t opId, const unsigned char* srcLp, unsigned src,
-                    std::vector<Dest> dests) {
+                    std::vector<Dest> dests, unsigned opType = 1) {
         std::vector<u_short> dids;
         std::vector<u_int> ids;
         std::vector<lpUuid_t> lps(dests.size());
@@ -179,7 +187,7 @@ protected:
         }
         IncrCopyMirrorIn in{};
         in.opId = opId;
-        in.opType = 1;
+        in.opType = opType;
         in.srcVfsId = src;
         memcpy(in.srcLpUuid, srcLp, 16);
         in.numDests = static_cast<u_int>(dests.size());

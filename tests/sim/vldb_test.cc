@@ -198,17 +198,32 @@ TEST_F(VldbTest, ModifyChangesOnlyTheFieldsTheMaskNames) {
   ASSERT_EQ(create(mirror, kLp1b, "src.ro", RO_VFS, 5), 0);
   ASSERT_EQ(create(mirror, kLp2a, "src.ro", RO_VFS, 5), 0);
   ASSERT_EQ(create(4002, kLp2b, "other"), 0);
+  unsigned st;
+
+  // One member of the mirror group, named by id and LP, changes alone.
+  Rec one{};
+  one.dataVer = 6;
+  one.vfsname = const_cast<char*>("src.ro.2");
+  EXPECT_EQ(modify(VFS_DATAVER | VFS_NAME, mirror, kLp2a, one), 0);
+  std::vector<Found> members = byId(mirror, &st);
+  ASSERT_EQ(members.size(), 2u);
+  EXPECT_EQ(members[0].lp, lpOf(kLp1b));
+  EXPECT_EQ(members[0].dataVer, 5u);
+  EXPECT_EQ(members[0].name, "src.ro");
+  EXPECT_EQ(members[1].dataVer, 6u);
+  EXPECT_EQ(members[1].name, "src.ro.2");
 
   // A type change by VFS id alone (LP all zeros) reaches every record of that id.
   Rec nr{};
   nr.vfstype = RW_VFS;
   nr.vfsname = const_cast<char*>("ignored");
   EXPECT_EQ(modify(VFS_RW_FLAG, mirror, kZeroLp, nr), 0);
-  unsigned st;
-  for (const Found& f : byId(mirror, &st)) {
-    EXPECT_EQ(f.type, unsigned(RW_VFS));
-    EXPECT_EQ(f.name, "src.ro") << "the name was not in the mask";
-    EXPECT_EQ(f.dataVer, 5u);
+  std::vector<Found> changed = byId(mirror, &st);
+  ASSERT_EQ(changed.size(), members.size());
+  for (size_t i = 0; i < changed.size(); ++i) {
+    EXPECT_EQ(changed[i].type, unsigned(RW_VFS));
+    EXPECT_EQ(changed[i].name, members[i].name) << "the name was not in the mask";
+    EXPECT_EQ(changed[i].dataVer, members[i].dataVer);
   }
 
   // Renumber and rename one record.
