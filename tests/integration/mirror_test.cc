@@ -210,6 +210,26 @@ TEST_F(MirrorTest, ALocalMirrorWhoseRemoteMirrorsAllFailedIsFailedToo) {
     }
 }
 
+// Something half made holding the mirror id on one LP: that destination is
+// rolled back untouched, the others commit.
+TEST_F(MirrorTest, AHiddenVolumeUnderTheMirrorIdRollsItsDestinationBack) {
+    const uint32_t src = source("mir.hidden");
+    const uint32_t m = src | kMirrorBit;
+    addDestination(src, "lp2a");
+    addDestination(src, "lp2b");
+    expectTriple(mirror(src), 0, 0, 0, "first mirror");
+    ASSERT_TRUE(waitVodbEmpty(60));
+    const std::string hiddenSum = checksum(m, "lp2b");
+    sim({"vol-hide", std::to_string(m), "lp2b", "on"});
+    sim({"vol-write", std::to_string(src), "lp1a", "new.txt", "--text", "refreshed"});
+    expectTriple(mirror(src), 0, 0, 0, "refresh");
+    ASSERT_TRUE(waitVodbEmpty(60));
+    EXPECT_EQ(checksum(src, "lp1a"), checksum(m, "lp2a"));
+    sim({"vol-hide", std::to_string(m), "lp2b", "off"});
+    EXPECT_EQ(hiddenSum, checksum(m, "lp2b"));
+    expectVldbAgreesWithDblades();
+}
+
 TEST_F(MirrorTest, ALocalMirrorAloneIsTheFrozenSourceItself) {
     const uint32_t src = source("mir.local");
     std::set<VolumeKey> others = volumeKeys();
@@ -324,6 +344,9 @@ struct MirrorCrashPoint {
     void (*reach)(MirrorCrash& t);
     bool dbladeRestarts;  // and forgets its streams while vod is down
     bool rollsForward;    // every destination ends holding the new version
+    // A call the recovering vod is killed at in its turn, then restarted
+    // again; null: one crash only.
+    const char* secondCrashAt = nullptr;
 };
 
 class MirrorCrash : public MirrorTest, public ::testing::WithParamInterface<MirrorCrashPoint> {
@@ -389,6 +412,17 @@ const MirrorCrashPoint kMirrorPoints[] = {
      [](MirrorCrash& t) { t.holdThenStart("vldb_record_modify"); }, false, true},
     {"RefreshMidCleanUp", true, true, [](MirrorCrash& t) { t.holdThenStart("vodb_delete_by_opid"); },
      false, true},
+    // The D-blade died in the id swap: nothing under the mirror id, the old
+    // mirror under the temp id: the op sink, complete, takes the id.
+    {"RefreshInTheSwapBeforeItsSecondStep", true, false,
+     [](MirrorCrash& t) { t.holdThenStart("volswapvolid.step2"); }, false, true},
+    // The new mirror has the id, the old one waits under the temp id.
+    {"RefreshInTheSwapBeforeItsThirdStep", true, true,
+     [](MirrorCrash& t) { t.holdThenStart("volswapvolid.step3"); }, false, true},
+    // And the recovery itself is killed as it renumbers: the next one
+    // still ends with whole mirrors.
+    {"RefreshInTheSwapThenAgainInRecovery", true, false,
+     [](MirrorCrash& t) { t.holdThenStart("volswapvolid.step2"); }, false, true, "volsetattr"},
 };
 
 TEST_P(MirrorCrash, EveryDestinationEndsWithAWholeMirror) {
@@ -420,6 +454,15 @@ TEST_P(MirrorCrash, EveryDestinationEndsWithAWholeMirror) {
         EXPECT_TRUE(streamsDone()) << "the D-blade's stream did not finish";
     }
     speed(0);
+    if (point.secondCrashAt != nullptr) {
+        hold(point.secondCrashAt);
+        restartVod();
+        ASSERT_TRUE(waitHeld(point.secondCrashAt, 90)) << "recovery never called "
+                                                        << point.secondCrashAt;
+        killVod();
+        release(point.secondCrashAt, /*drop=*/true);
+        sim({"fault", "clear"});
+    }
     restartVod();
 
     EXPECT_TRUE(waitVodbEmpty(120)) << "recovery did not finish:\n" << sim({"vodb"});
