@@ -1,0 +1,113 @@
+#!/usr/bin/env bash
+# Mirrors a volume to one, two and three destinations on the simulated
+# cluster and prints each mirror's end-to-end time next to one copy of the
+# same volume, with the ratio of the mirror to as many copies as it has
+# destinations: one stream feeding several sinks should cost far less than
+# one copy per sink.
+# Prints figures; never fails because a machine is slow.
+#
+# usage: bench/mirror_bench.sh [-s SIZE_MIB] [-r ROUNDS] [BUILD_DIR]
+#   -s  volume size in MiB (default 64), in 256 KiB files
+#   -r  rounds of each; the median is printed (default 3)
+# BUILD_DIR defaults to build-bench in the repository; missing binaries are
+# built there (Release). Needs root: everything runs in a private network,
+# mount and PID namespace with its own rpcbind.
+set -euo pipefail
+
+size=64
+rounds=3
+
+if [[ "${1:-}" != --in-sandbox ]]; then
+    while getopts "s:r:" opt; do
+        case $opt in
+            s) size=$OPTARG ;;
+            r) rounds=$OPTARG ;;
+            *) sed -n '9,14p' "$0" >&2; exit 2 ;;
+        esac
+    done
+    shift $((OPTIND - 1))
+    (($# <= 1)) || { sed -n '9,14p' "$0" >&2; exit 2; }
+    repo=$(cd "$(dirname "$0")/.." && pwd)
+    dir=${1:-$repo/build-bench}
+    for b in "$dir/volop/vod" "$dir/voctl/voctl" "$dir/sim/vodsim" "$dir/sim/vodsimctl"; do
+        if [[ ! -x $b ]]; then
+            if [[ ! -f $dir/CMakeCache.txt ]]; then
+                cmake -S "$repo" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVOD_TESTS=OFF
+            fi
+            cmake --build "$dir" -j2 --target vod voctl vodsim vodsimctl
+            break
+        fi
+    done
+    exec bash "$repo/scripts/node-sandbox.sh" \
+        bash "$(realpath "$0")" --in-sandbox "$(realpath "$dir")" "$size" "$rounds"
+fi
+
+shift
+dir=$1 size=$2 rounds=$3
+vod=$dir/volop/vod voctl=$dir/voctl/voctl sim=$dir/sim/vodsim simctl=$dir/sim/vodsimctl
+work=$(mktemp -d /tmp/mirror_bench.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+sock=$work/sim/control.sock
+simctl() { "$simctl" --control "$sock" "$@"; }
+
+wait_for() {
+    local deadline=$((SECONDS + $1))
+    shift
+    until "$@" >/dev/null 2>&1; do
+        ((SECONDS < deadline)) || return 1
+        sleep 0.05
+    done
+}
+median() {
+    printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END {
+        if (NR == 0) print "n/a"; else if (NR % 2) print v[(NR + 1) / 2];
+        else printf "%.1f\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
+}
+ms_since() { awk -v a="$1" -v b="$(date +%s%N)" 'BEGIN { printf "%.1f", (b - a) / 1e6 }'; }
+
+"$sim" --dir "$work/sim" --quiet >"$work/sim.log" 2>&1 &
+wait_for 20 simctl ping ||
+    { echo "mirror_bench: the simulator did not start" >&2; tail -n 20 "$work/sim.log" >&2; exit 1; }
+"$vod" -d0 >"$work/vod.log" 2>&1 &
+wait_for 20 "$voctl" ping ||
+    { echo "mirror_bench: vod did not answer" >&2; tail -n 20 "$work/vod.log" >&2; exit 1; }
+
+files=$((size * 4))
+n=0
+# A fresh source volume of the size, on lp1a; its VFS id.
+fresh() {
+    local vfs
+    n=$((n + 1))
+    vfs=$("$voctl" --json create "bench$n" lp1a vs1 | sed -n 's/.*"vfsid":\([0-9]*\).*/\1/p')
+    simctl vol-fill "$vfs" lp1a --files "$files" --size 262144 >/dev/null
+    echo "$vfs"
+}
+
+copies=()
+for ((r = 1; r <= rounds; r++)); do
+    vfs=$(fresh)
+    t0=$(date +%s%N)
+    "$voctl" --json copy "$vfs" lp1a lp2a "bench$n.copy" --interval 0.01 >/dev/null
+    copies+=("$(ms_since "$t0")")
+done
+copy=$(median "${copies[@]}")
+
+printf 'a %s MiB volume (%s files) on lp1a (D-blade 1); median of %s\n' "$size" "$files" "$rounds"
+printf '%-28s %12s %22s\n' "" "ms" "ratio to N copies"
+printf '%-28s %12s %22s\n' "one copy to lp2a" "$copy" "-"
+dests=(lp2a lp2b lp1b)
+for k in 1 2 3; do
+    times=()
+    for ((r = 1; r <= rounds; r++)); do
+        vfs=$(fresh)
+        t0=$(date +%s%N)
+        "$voctl" --json mirror "$vfs" lp1a "${dests[@]:0:k}" --interval 0.01 >/dev/null
+        times+=("$(ms_since "$t0")")
+    done
+    t=$(median "${times[@]}")
+    printf '%-28s %12s %22s\n' "mirror to ${dests[*]:0:k}" "$t" \
+        "$(awk -v m="$t" -v c="$copy" -v k="$k" 'BEGIN { printf "%.2f", m / (k * c) }')"
+done
+echo "(end to end through voctl: the request, the op src clone, the op sinks, one stream for every"
+echo " destination, the id changes and the clean-up; a first mirror on each destination)"
+echo "load average: $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) cores"
