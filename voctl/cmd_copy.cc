@@ -112,7 +112,8 @@ class CopyOp : public StreamOp {
     CopyOutcome outcomeFromCluster(VoClient* c, std::string* why) const override {
         return outcomeByName(c, _name, _key.sinkVid, why);
     }
-    void addFinalJson(nlohmann::json& obj) const override {
+    void addFinalJson(nlohmann::json& obj, VoClient* /*c*/,
+                      const StreamReport* /*end*/) const override {
         obj["name"] = _name.substr(0, kMaxVolumeName);
     }
 

@@ -54,15 +54,6 @@ nlohmann::json keyJson(const MoveKey& k) {
     return j;
 }
 
-// A failed look-up at one of the node's services: a transport failure (low
-// half 30300 + clnt_stat) leaves the question open, any other code answers it.
-int lookupFailed(Context& ctx, const std::string& what, unsigned code) {
-    unsigned low = code & 0xFFFF;
-    if (low >= 30300 && low < 30400)
-        return ctx.out.failure(kExitUnreachable, what + ": " + decodedText(nullptr, code));
-    return codeFailure(ctx, nullptr, what, code);
-}
-
 // Where the VLDB holds the volume now: what decides a move's outcome when
 // vod's reports cannot (a move rebuilt after a restart, or one whose last
 // report another client took).

@@ -12,6 +12,7 @@
 
 #include "voctl/admin_common.h"
 #include "voctl/lpid.h"
+#include "voctl/mirror_report.h"
 
 namespace voctl {
 
@@ -85,7 +86,8 @@ class StreamFollower {
           _interval(intervalSec),
           _json(ctx.out.json()),
           _terminal(!_json && isatty(STDOUT_FILENO) != 0),
-          _notes(_terminal) {}
+          _notes(_terminal),
+          _board(stdout, _terminal) {}
 
     int run() {
         const double startSec = ProgressBar::now();
@@ -108,7 +110,7 @@ class StreamFollower {
                 double now = ProgressBar::now();
                 if (lostSince < 0) {
                     lostSince = now;
-                    if (!_json) _notes.say("lost contact with vod (" + why + "); retrying");
+                    if (!_json) say("lost contact with vod (" + why + "); retrying");
                 } else if (now - lostSince > kReconnectWindowSec) {
                     return _ctx.out.failure(kExitUnreachable,
                                             "gave up waiting for vod to answer: " + why + "; the " +
@@ -119,7 +121,7 @@ class StreamFollower {
             }
             if (lostSince >= 0) {
                 lostSince = -1;
-                if (!_json) _notes.say("vod answers again");
+                if (!_json) say("vod answers again");
             }
 
             CopyPhase phase = classifyCopyReport(r);
@@ -141,7 +143,7 @@ class StreamFollower {
                                        ? "vod could not poll the stream: " +
                                              tripleText(_c.get(), r.rc, r.func, r.funcrc)
                                        : phaseNote(_op, phase, _streamed);
-                if (!note.empty() && note != lastNote) _notes.say(note);
+                if (!note.empty() && note != lastNote) say(note);
                 lastNote = note;
                 if (hasStreamCounters(r)) showProgress(r, "done");
             }
@@ -149,19 +151,15 @@ class StreamFollower {
         }
     }
 
-    // Draws r on the bar of its stream; a report of another stream (a move's
-    // next pass) first closes the current bar with closing.
+    // Draws r on the bars of its streams; a report of another stream (a
+    // move's next pass) first closes the bar of the one before with closing.
     void showProgress(const StreamReport& r, const char* closing) {
-        std::string label = _op.barLabel(r);
-        if (_bar && label != _barLabel) {
-            _bar->finish(closing);
-            _bar.reset();
-        }
-        if (!_bar) {
-            _bar = std::make_unique<ProgressBar>(stdout, _terminal, label);
-            _barLabel = label;
-        }
-        _bar->update(_op.progressOf(r));
+        _board.update(_op.readings(r), closing);
+    }
+
+    void say(const std::string& text) {
+        _board.interrupt();
+        _notes.say(text);
     }
 
     // One poll on the current connection, made anew when there is none.
@@ -182,21 +180,27 @@ class StreamFollower {
     CopyOutcome decideOutcome(std::string* detail) {
         CopyOutcome outcome = CopyOutcome::Unknown;
         if (_endPhase == CopyPhase::Final) {
-            outcome = outcomeOfFinalReport(_endReport);
+            outcome = _op.outcomeOf(_endReport);
             if (hasStreamCounters(_endReport)) {
                 _streamed = true;
                 _last = _endReport;
+                _lastIsEnd = true;
             }
-            if (outcome == CopyOutcome::RolledBack) *detail = failureReasons(_c.get(), _endReport);
+            if (outcome == CopyOutcome::RolledBack)
+                *detail = _op.failureDetail(_c.get(), _endReport);
         }
         if (outcome == CopyOutcome::Unknown) outcome = _op.outcomeFromCluster(_c.get(), detail);
         return outcome;
     }
 
     void report(CopyOutcome outcome, const std::string& detail, double elapsed) {
-        if (!_json && _bar) {
-            if (_streamed) showProgress(_last, "done");
-            _bar->finish(outcome == CopyOutcome::Copied ? "done" : "failed");
+        if (!_json && !_board.empty()) {
+            std::vector<BarReading> last;
+            if (_streamed) last = _op.readings(_last);
+            // What an earlier report said of a stream is no final state.
+            if (!_lastIsEnd)
+                for (BarReading& b : last) b.status.clear();
+            _board.finish(last, outcome == CopyOutcome::Copied ? "done" : "failed");
         }
         char buf[256];
         std::string text;
@@ -210,8 +214,8 @@ class StreamFollower {
             }
             if (!detail.empty()) text += " (" + detail + ")";
         } else if (outcome == CopyOutcome::RolledBack) {
-            text = std::string(_op.noun()) + " of " + _op.keyText() +
-                   " failed and was rolled back: " + detail;
+            text = std::string(_op.noun()) + " of " + _op.keyText() + " " + _op.failedWords() +
+                   ": " + detail;
         } else {
             text =
                 std::string(_op.noun()) + " of " + _op.keyText() + ": outcome unknown: " + detail;
@@ -224,16 +228,20 @@ class StreamFollower {
             obj["phase"] = copyPhaseName(_endPhase);
             obj["outcome"] = _op.outcomeName(outcome);
             obj[_op.noun()] = _op.keyJson();
-            _op.addFinalJson(obj);
+            _op.addFinalJson(obj, _c.get(),
+                             _endPhase == CopyPhase::Final ? &_endReport : nullptr);
             obj["elapsedSec"] = elapsed;
             obj["message"] = text;
             _ctx.out.result(obj, "");
-        } else if (outcome == CopyOutcome::Copied) {
+            return;
+        }
+        if (outcome == CopyOutcome::Copied) {
             std::printf("%s\n", text.c_str());
-            std::fflush(stdout);
         } else {
             std::fprintf(stderr, "voctl: %s\n", text.c_str());
         }
+        if (_endPhase == CopyPhase::Final) std::fputs(_op.sinksTable(_c.get(), _endReport).c_str(), stdout);
+        std::fflush(stdout);
     }
 
     Context& _ctx;
@@ -243,10 +251,10 @@ class StreamFollower {
     const bool _json;
     const bool _terminal;
     Notes _notes;
-    std::unique_ptr<ProgressBar> _bar;  // of the stream shown last; null before the first
-    std::string _barLabel;
-    bool _streamed = false;  // a report with stream counters was seen
-    StreamReport _last;      // the last report with stream counters
+    ProgressBoard _board;
+    bool _streamed = false;    // a report with stream counters was seen
+    StreamReport _last;        // the last report with stream counters
+    bool _lastIsEnd = false;   // _last is the final report
     StreamReport _endReport;
     CopyPhase _endPhase = CopyPhase::Gone;
 };
@@ -326,6 +334,18 @@ nlohmann::json reportJson(const StreamReport& r, CopyPhase phase) {
         obj["pass"] = r.pass;
         obj["finalPass"] = r.finalPass;
     }
+    if (r.multiSink) {
+        obj.erase("sink");
+        nlohmann::json sinks = nlohmann::json::array();
+        for (const VoSinkPgrs& s : r.sinks)
+            sinks.push_back({{"isDone", s.isDone != 0},
+                             {"completionCode", s.completionCode},
+                             {"vfsid", s.vfsId},
+                             {"lp", formatLpId(lpOf(s.uuid))},
+                             {"megs", s.megsProcessed},
+                             {"state", destStateName(classifyDest(r, s))}});
+        obj["sinks"] = sinks;
+    }
     return obj;
 }
 
@@ -374,6 +394,10 @@ Progress StreamOp::progressOf(const StreamReport& r) const {
 
 std::string StreamOp::barLabel(const StreamReport& /*r*/) const { return noun(); }
 
+std::vector<BarReading> StreamOp::readings(const StreamReport& r) const {
+    return {{barLabel(r), progressOf(r), ""}};
+}
+
 int showStreamState(Context& ctx, const StreamOp& op) {
     auto c = ctx.connect();
     if (!c) return kExitUnreachable;
@@ -386,7 +410,7 @@ int showStreamState(Context& ctx, const StreamOp& op) {
         return ctx.out.failure(kExitVodFailure,
                                std::string("vod knows no ") + op.noun() + " of " + op.keyText());
     bool final = phase == CopyPhase::Final;
-    CopyOutcome outcome = final ? outcomeOfFinalReport(r) : CopyOutcome::Unknown;
+    CopyOutcome outcome = final ? op.outcomeOf(r) : CopyOutcome::Unknown;
 
     char buf[160];
     std::vector<std::pair<std::string, std::string>> rows;
@@ -396,6 +420,7 @@ int showStreamState(Context& ctx, const StreamOp& op) {
     }
     std::string state = copyPhaseName(phase);
     if (final) state += std::string(", ") + op.outcomeName(outcome);
+    const std::string sinks = op.sinksTable(c.get(), r);
     rows.push_back({"state", state});
     if (r.pass >= 0) {
         std::snprintf(buf, sizeof buf, "%d%s", r.pass, r.finalPass ? " (final pass)" : "");
@@ -409,22 +434,24 @@ int showStreamState(Context& ctx, const StreamOp& op) {
         std::snprintf(buf, sizeof buf, "vfs %u, stream %s, completion %u", r.src.vfsId, status,
                       r.src.completionCode);
         rows.push_back({"source", buf});
-        std::snprintf(buf, sizeof buf, "vfs %u, %s, completion %u", r.sink.vfsId,
-                      r.sink.isDone ? "done" : "not done", r.sink.completionCode);
-        rows.push_back({"sink", buf});
+        if (sinks.empty()) {
+            std::snprintf(buf, sizeof buf, "vfs %u, %s, completion %u", r.sink.vfsId,
+                          r.sink.isDone ? "done" : "not done", r.sink.completionCode);
+            rows.push_back({"sink", buf});
+        }
         Progress p = op.progressOf(r);
         std::snprintf(buf, sizeof buf, "%" PRIu64 " MB, %u/%u vnodes", p.megs, p.vnodesDone,
                       p.vnodesTotal);
         rows.push_back({"progress", buf});
     }
     bool failed = final && outcome == CopyOutcome::RolledBack;
-    if (failed) rows.push_back({"why", failureReasons(c.get(), r)});
+    if (failed) rows.push_back({"why", op.failureDetail(c.get(), r)});
 
     nlohmann::json obj = reportJson(r, phase);
     obj[op.noun()] = op.keyJson();
     if (final) obj["outcome"] = op.outcomeName(outcome);
-    ctx.out.result(obj,
-                   std::string(op.noun()) + " of " + op.keyText() + "\n" + formatTable(rows, "  "));
+    ctx.out.result(obj, std::string(op.noun()) + " of " + op.keyText() + "\n" +
+                            formatTable(rows, "  ") + sinks);
     return failed ? kExitVodFailure : kExitOk;
 }
 
