@@ -36,30 +36,12 @@
 namespace voctl {
 namespace {
 
-struct MirrorKey {
-    uint32_t vid = 0;
-    LpId srcLp{};
-    LpId dstLp{};  // mirror-cancel's destination; all zero otherwise
-};
+// dstLp: mirror-cancel's destination.
+using MirrorKey = SourceKey;
 
-VoIn wireKey(const MirrorKey& k) {
-    VoIn in{};
-    in.vidSrc = k.vid;
-    std::copy(k.srcLp.begin(), k.srcLp.end(), in.lidSrc);
-    return in;
-}
-
-std::string keyText(const MirrorKey& k) {
-    std::string s = "vfs " + std::to_string(k.vid) + " on LP " + formatLpId(k.srcLp);
-    if (!isLidZero(k.dstLp)) s += " to LP " + formatLpId(k.dstLp);
-    return s;
-}
-
-nlohmann::json keyJson(const MirrorKey& k) {
-    nlohmann::json j = {{"vfsid", k.vid},
-                        {"srcLp", formatLpId(k.srcLp)},
-                        {"mirrorVfsid", mirrorIdOf(k.vid)}};
-    if (!isLidZero(k.dstLp)) j["dstLp"] = formatLpId(k.dstLp);
+nlohmann::json mirrorKeyJson(const MirrorKey& k) {
+    nlohmann::json j = k.json();
+    j["mirrorVfsid"] = mirrorIdOf(k.vid);
     return j;
 }
 
@@ -142,7 +124,7 @@ unsigned vldbCallCode(unsigned proc, const VoErr& e) {
 struct Member {
     LpId lp{};
     uint64_t dataVer = 0;
-    bool named = false;      // given on the command line
+    bool named = false;       // given on the command line
     bool createdNow = false;  // registered by this command
 };
 
@@ -159,8 +141,8 @@ class Registration {
         if (unsigned code = lookupRecords(_vldb, _key.vid, &_key.srcLp, &recs))
             return lookupFailed(_ctx, "VLDB look-up of " + src, code);
         if (recs.empty())
-            return _ctx.out.failure(kExitVodFailure, "the VLDB holds no " + src + " on LP " +
-                                                         formatLpId(_key.srcLp));
+            return _ctx.out.failure(
+                kExitVodFailure, "the VLDB holds no " + src + " on LP " + formatLpId(_key.srcLp));
         _src = recs[0];
         if (unsigned code = lookupRecords(_vldb, mirrorIdOf(_key.vid), nullptr, &recs))
             return lookupFailed(_ctx, "VLDB look-up of the mirrors of " + src, code);
@@ -212,7 +194,7 @@ class Registration {
 
     // The members as a report line group and as JSON.
     void report() const {
-        nlohmann::json obj = {{"event", "registered"}, {"mirror", keyJson(_key)}};
+        nlohmann::json obj = {{"event", "registered"}, {"mirror", mirrorKeyJson(_key)}};
         nlohmann::json dests = nlohmann::json::array();
         std::vector<std::vector<std::string>> rows;
         for (const Member& m : _members) {
@@ -243,9 +225,9 @@ class Registration {
         gettimeofday(&now, nullptr);
         const std::string name = mirrorRecordName(_src.name, _names.label(lp));
         VoErr e = VoState::vldbCreateRecord(
-            _vldb, mirrorIdOf(_key.vid), lp.data(), name.c_str(), _src.family.c_str(), RO_VFS,
-            0, static_cast<unsigned>(now.tv_sec), static_cast<unsigned>(now.tv_usec),
-            _src.vserver, 0, _src.exportRuleset, _src.appId);
+            _vldb, mirrorIdOf(_key.vid), lp.data(), name.c_str(), _src.family.c_str(), RO_VFS, 0,
+            static_cast<unsigned>(now.tv_sec), static_cast<unsigned>(now.tv_usec), _src.vserver, 0,
+            _src.exportRuleset, _src.appId);
         if (e == 0) return kExitOk;
         return lookupFailed(_ctx, "registering the mirror on LP " + _names.label(lp),
                             vldbCallCode(VoProcVldbCreateRecord, e));
@@ -299,11 +281,11 @@ class MirrorOp : public StreamOp {
 
     const char* noun() const override { return "mirror"; }
     const char* doneWord() const override { return "mirrored"; }
-    std::string keyText() const override { return voctl::keyText(_key); }
-    nlohmann::json keyJson() const override { return voctl::keyJson(_key); }
+    std::string keyText() const override { return _key.text(); }
+    nlohmann::json keyJson() const override { return mirrorKeyJson(_key); }
     std::string doneText() const override { return "mirrored " + keyText(); }
     bool poll(VoClient& c, StreamReport* r, std::string* why) const override {
-        return pollStream(c, vomirrorpgrs_1, wireKey(_key), xdr_VoMirrorPgrsOut, r, why);
+        return pollStream(c, vomirrorpgrs_1, _key.wire(), xdr_VoMirrorPgrsOut, r, why);
     }
 
     // All destinations share the source's one stream, so its vnode counts
@@ -419,9 +401,9 @@ int reportUpToDate(Context& ctx, const MirrorKey& key, const Registration& reg,
     nlohmann::json obj = {{"event", "final"},
                           {"phase", "final"},
                           {"outcome", "up-to-date"},
-                          {"mirror", keyJson(key)},
+                          {"mirror", mirrorKeyJson(key)},
                           {"destinations", dests}};
-    ctx.out.result(obj, "every mirror of " + keyText(key) +
+    ctx.out.result(obj, "every mirror of " + key.text() +
                             " is at the source's data version already\n" +
                             formatDestTable(table, "  "));
     return kExitOk;
@@ -455,11 +437,14 @@ int mirrorStart(Context& ctx, const MirrorArgs& a) {
     reg.report();
     if (a.registerOnly) return kExitOk;
 
-    VoIn in = wireKey(key);
+    VoIn in = key.wire();
     XdrResult<VoOut> res(xdr_VoOut);
     if (c->call(vomirror_1, &in, res.get()) != RPC_SUCCESS) {
-        // vod may have started it: the registrations stay.
-        return ctx.callFailed(*c);
+        int rc = ctx.callFailed(*c);
+        // vod may have started the mirror, so its destinations stay.
+        if (reg.createdCount() > 0)
+            ctx.out.note("the mirror records registered for it stay: vod may have started it");
+        return rc;
     }
     // 5005, a mirror on the source's own LP only, counts as started.
     const bool started = res->rc == voErrRcSuccess || res->funcrc == kDestLocal;
@@ -468,18 +453,18 @@ int mirrorStart(Context& ctx, const MirrorArgs& a) {
         return reportUpToDate(ctx, key, reg, names);
     if (!started) {
         const size_t made = reg.createdCount();
-        int rc = reportRefusal(ctx, c.get(), "mirror of " + keyText(key) + " refused", *res);
+        int rc = reportRefusal(ctx, c.get(), "mirror of " + key.text() + " refused", *res);
         if (made > 0) {
             std::string left = reg.rollBack();
-            ctx.out.note(left.empty() ? "the mirror records registered for it were removed again"
-                                      : "could not remove the mirror records registered on " +
-                                            left);
+            ctx.out.note(left.empty()
+                             ? "the mirror records registered for it were removed again"
+                             : "could not remove the mirror records registered on " + left);
         }
         return rc;
     }
 
-    nlohmann::json startedObj = {{"event", "started"}, {"mirror", keyJson(key)}};
-    std::string startedText = "mirroring " + keyText(key) + " to " +
+    nlohmann::json startedObj = {{"event", "started"}, {"mirror", mirrorKeyJson(key)}};
+    std::string startedText = "mirroring " + key.text() + " to " +
                               std::to_string(reg.members().size()) + " LP" +
                               (reg.members().size() == 1 ? "" : "s");
     if (a.noWait) {
@@ -510,7 +495,7 @@ int mirrorControl(Context& ctx, const ControlWords& words, clnt_stat (*stub)(In*
     if (!c) return kExitUnreachable;
     XdrResult<VoOut> out(xdr_VoOut);
     if (c->call(stub, &in, out.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
-    return reportControl(ctx, c.get(), words, "mirror", keyText(key), keyJson(key), *out);
+    return reportControl(ctx, c.get(), words, "mirror", key.text(), mirrorKeyJson(key), *out);
 }
 
 int mirrorPauseResume(Context& ctx, const ControlWords& words,
@@ -518,7 +503,7 @@ int mirrorPauseResume(Context& ctx, const ControlWords& words,
     MirrorKey key;
     LpNames names;
     if (int rc = resolveSource(ctx, a.vid, a.srcLp, &key, &names); rc != kExitOk) return rc;
-    return mirrorControl(ctx, words, stub, key, wireKey(key));
+    return mirrorControl(ctx, words, stub, key, key.wire());
 }
 
 int mirrorCancel(Context& ctx, const KeyArgs& a) {
@@ -538,8 +523,8 @@ int mirrorCancel(Context& ctx, const KeyArgs& a) {
 int listMirrors(Context& ctx, const std::string& vidText) {
     const uint32_t vid = *parseU32(vidText);  // checked at parse time
     if (vid & kMirrorIdBit)
-        return ctx.out.failure(kExitUsage, "vfs " + vidText +
-                                               " is a mirror id; give the source's VFS id");
+        return ctx.out.failure(kExitUsage,
+                               "vfs " + vidText + " is a mirror id; give the source's VFS id");
     std::string err;
     ServiceClient vldb = connectVldb(ctx.opts, &err);
     if (!vldb) return ctx.out.failure(kExitUnreachable, err);
@@ -558,8 +543,7 @@ int listMirrors(Context& ctx, const std::string& vidText) {
     const VolumeRecord& source = s != srcs.end() ? *s : srcs[0];
 
     nlohmann::json list = nlohmann::json::array();
-    std::vector<std::vector<std::string>> rows = {
-        {"LP", "D-blade", "data version", "lag", "name"}};
+    std::vector<std::vector<std::string>> rows = {{"LP", "D-blade", "data version", "lag", "name"}};
     for (const VolumeRecord& m : mirrors) {
         unsigned short did = 0;
         const bool known = VoRpcCalls::findDbladeByLpId(vldb.get(), m.lp.data(), did) == 0;
@@ -616,12 +600,10 @@ const CommandRegistrar mirrorReg(
             ->required();
         sub.add_flag("--register-only", a->registerOnly,
                      "register the LPs as mirrors in the VLDB and start nothing");
-        sub.add_flag("--no-wait", a->noWait, "start the mirror and return");
-        sub.add_option("--interval", a->intervalSec, "seconds between progress polls")
-            ->capture_default_str()
-            ->check(CLI::Range(0.01, 3600.0));
+        addFollowOptions(sub, "start the mirror and return", &a->noWait, &a->intervalSec);
         sub.footer(
-            "vod mirrors to every LP the VLDB lists for the volume's mirror id (VFS | 0x40000000).\n"
+            "vod mirrors to every LP the VLDB lists for the volume's mirror id (VFS | "
+            "0x40000000).\n"
             "A DST-LP that has no mirror yet is registered first: a read-only VLDB record of the\n"
             "mirror id with data version 0, named SOURCE@LP. LPs registered earlier are\n"
             "refreshed too, named or not. When vod refuses the mirror, the records registered\n"
@@ -666,9 +648,7 @@ const CommandRegistrar cancelReg(
 const CommandRegistrar listReg(
     "mirrors", "List a volume's mirrors and how far each lags it", [](CLI::App& sub) -> Action {
         auto vid = std::make_shared<std::string>();
-        sub.add_option("VFS", *vid, "VFS id of the mirrored volume")
-            ->required()
-            ->check(u32Check());
+        sub.add_option("VFS", *vid, "VFS id of the mirrored volume")->required()->check(u32Check());
         sub.footer(
             "Read from the node's VLDB: each mirror's LP, D-blade, data version and lag, the\n"
             "source's data version minus the mirror's (0: up to date; a mirror registered\n"

@@ -72,14 +72,21 @@ struct StreamReport {
     std::vector<VoSinkPgrs> sinks;  // in vod's order of the destinations
 };
 
+// The fields every operation's report has.
 template <typename Reply>
-StreamReport streamReportOf(const Reply& r) {
+StreamReport streamReportHead(const Reply& r) {
     StreamReport s;
     s.voOpid = r.voOpid;
     s.rc = r.rc;
     s.func = r.func;
     s.funcrc = r.funcrc;
     s.src = r.src;
+    return s;
+}
+
+template <typename Reply>
+StreamReport streamReportOf(const Reply& r) {
+    StreamReport s = streamReportHead(r);
     s.sink = r.sink;
     return s;
 }
@@ -93,12 +100,7 @@ inline StreamReport streamReportOf(const VoMovePgrsOut& r) {
 
 // numSinks only repeats the array's count; the array is what was sent.
 inline StreamReport streamReportOf(const VoMirrorPgrsOut& r) {
-    StreamReport s;
-    s.voOpid = r.voOpid;
-    s.rc = r.rc;
-    s.func = r.func;
-    s.funcrc = r.funcrc;
-    s.src = r.src;
+    StreamReport s = streamReportHead(r);
     s.multiSink = true;
     if (r.sinks.sinks_val != nullptr)
         s.sinks.assign(r.sinks.sinks_val, r.sinks.sinks_val + r.sinks.sinks_len);

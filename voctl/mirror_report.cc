@@ -71,8 +71,8 @@ DestState classifyDest(const StreamReport& r, const VoSinkPgrs& s) {
 namespace {
 
 std::string codeWhy(const char* what, unsigned code, const CodeDecoder& decode) {
-    return std::string(what) + " (" + std::to_string(code) + ": " +
-           decode(destCodeToDecode(code)) + ")";
+    return std::string(what) + " (" + std::to_string(code) + ": " + decode(destCodeToDecode(code)) +
+           ")";
 }
 
 std::string whyOf(const DestOutcome& d, const VoSinkPgrs& s, const CodeDecoder& decode,

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
@@ -228,8 +229,7 @@ class StreamFollower {
             obj["phase"] = copyPhaseName(_endPhase);
             obj["outcome"] = _op.outcomeName(outcome);
             obj[_op.noun()] = _op.keyJson();
-            _op.addFinalJson(obj, _c.get(),
-                             _endPhase == CopyPhase::Final ? &_endReport : nullptr);
+            _op.addFinalJson(obj, _c.get(), _endPhase == CopyPhase::Final ? &_endReport : nullptr);
             obj["elapsedSec"] = elapsed;
             obj["message"] = text;
             _ctx.out.result(obj, "");
@@ -240,7 +240,8 @@ class StreamFollower {
         } else {
             std::fprintf(stderr, "voctl: %s\n", text.c_str());
         }
-        if (_endPhase == CopyPhase::Final) std::fputs(_op.sinksTable(_c.get(), _endReport).c_str(), stdout);
+        if (_endPhase == CopyPhase::Final)
+            std::fputs(_op.sinksTable(_c.get(), _endReport).c_str(), stdout);
         std::fflush(stdout);
     }
 
@@ -252,14 +253,33 @@ class StreamFollower {
     const bool _terminal;
     Notes _notes;
     ProgressBoard _board;
-    bool _streamed = false;    // a report with stream counters was seen
-    StreamReport _last;        // the last report with stream counters
-    bool _lastIsEnd = false;   // _last is the final report
+    bool _streamed = false;   // a report with stream counters was seen
+    StreamReport _last;       // the last report with stream counters
+    bool _lastIsEnd = false;  // _last is the final report
     StreamReport _endReport;
     CopyPhase _endPhase = CopyPhase::Gone;
 };
 
 }  // namespace
+
+VoIn SourceKey::wire() const {
+    VoIn in{};
+    in.vidSrc = vid;
+    std::copy(srcLp.begin(), srcLp.end(), in.lidSrc);
+    return in;
+}
+
+std::string SourceKey::text() const {
+    std::string s = "vfs " + std::to_string(vid) + " on LP " + formatLpId(srcLp);
+    if (!isLidZero(dstLp)) s += " to LP " + formatLpId(dstLp);
+    return s;
+}
+
+nlohmann::json SourceKey::json() const {
+    nlohmann::json j = {{"vfsid", vid}, {"srcLp", formatLpId(srcLp)}};
+    if (!isLidZero(dstLp)) j["dstLp"] = formatLpId(dstLp);
+    return j;
+}
 
 std::string decodedText(VoClient* c, unsigned code) {
     std::string s = decodeCode(c, code);
@@ -453,6 +473,14 @@ int showStreamState(Context& ctx, const StreamOp& op) {
     ctx.out.result(obj, std::string(op.noun()) + " of " + op.keyText() + "\n" +
                             formatTable(rows, "  ") + sinks);
     return failed ? kExitVodFailure : kExitOk;
+}
+
+void addFollowOptions(CLI::App& sub, const std::string& noWaitHelp, bool* noWait,
+                      double* intervalSec) {
+    sub.add_flag("--no-wait", *noWait, noWaitHelp);
+    sub.add_option("--interval", *intervalSec, "seconds between progress polls")
+        ->capture_default_str()
+        ->check(CLI::Range(0.01, 3600.0));
 }
 
 int followStream(Context& ctx, std::unique_ptr<VoClient> c, const StreamOp& op,

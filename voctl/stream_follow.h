@@ -11,8 +11,22 @@
 
 #include "voctl/command.h"
 #include "voctl/copy_report.h"
+#include "voctl/lpid.h"
 
 namespace voctl {
+
+// A move or a mirror: vod finds either by its source (VFS id, LP).
+struct SourceKey {
+    uint32_t vid = 0;
+    LpId srcLp{};
+    LpId dstLp{};  // all zero when the command does not name it
+
+    VoIn wire() const;
+    // "vfs 7 on LP 0x..", then " to LP 0x.." when dstLp is named.
+    std::string text() const;
+    // vfsid, srcLp, and dstLp when named.
+    nlohmann::json json() const;
+};
 
 // vod's "(module) procedure: message" without the empty procedure name that
 // codes carrying only a low half have: "module: message".
@@ -111,6 +125,11 @@ class StreamOp {
 // JSON. Exit status 1 when vod knows no such operation or its last report
 // shows that it failed.
 int showStreamState(Context& ctx, const StreamOp& op);
+
+// The options of a subcommand that starts an operation and follows it:
+// --no-wait, with noWaitHelp saying what it does, and --interval.
+void addFollowOptions(CLI::App& sub, const std::string& noWaitHelp, bool* noWait,
+                      double* intervalSec);
 
 // Follows one operation from its start to its final report: polls every
 // intervalSec, shows the progress, rides out a vod that stops answering for a

@@ -112,15 +112,22 @@ TEST_F(MirrorCliTest, RefusalsLeaveTheVldbAsItWas) {
         const char* err;
     };
     const Case cases[] = {
-        {"source not on that LP", {"mirror", "--register-only", id, "lp2a", "lp2b"}, 1,
+        {"source not on that LP",
+         {"mirror", "--register-only", id, "lp2a", "lp2b"},
+         1,
          "the VLDB holds no vfs"},
-        {"an LP named twice", {"mirror", "--register-only", id, "lp1a", "lp2a", "lp2a"}, 2,
+        {"an LP named twice",
+         {"mirror", "--register-only", id, "lp1a", "lp2a", "lp2a"},
+         2,
          "named twice"},
-        {"an LP that does not exist", {"mirror", "--register-only", id, "lp1a", "lp2a", "lp9z"},
-         1, "LP name 'lp9z'"},
+        {"an LP that does not exist",
+         {"mirror", "--register-only", id, "lp1a", "lp2a", "lp9z"},
+         1,
+         "LP name 'lp9z'"},
         // lp2a is registered before the VLDB refuses the unknown LP id.
         {"an LP id the VLDB does not know",
-         {"mirror", "--register-only", id, "lp1a", "lp2a", "FF000000000000000000000000000000"}, 1,
+         {"mirror", "--register-only", id, "lp1a", "lp2a", "FF000000000000000000000000000000"},
+         1,
          "registering the mirror on LP 0xFF000000000000000000000000000000 failed"},
         {"list by mirror id", {"mirrors", std::to_string(vid | kMirrorBit)}, 2, "is a mirror id"},
         {"list an unknown volume", {"mirrors", "999999"}, 1, "the VLDB holds no vfs 999999"},

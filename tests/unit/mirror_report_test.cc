@@ -63,14 +63,12 @@ TEST(MirrorDestState, FromTheEntryAndTheOperation) {
          DestState::UpToDate},
         {"skipped, and the operation failed", VoErrDblade, VoDone, true, false, 5007,
          DestState::UpToDate},
-        {"left out: LP in use", voErrRcSuccess, VoRunning, true, false, 5009,
-         DestState::Offending},
+        {"left out: LP in use", voErrRcSuccess, VoRunning, true, false, 5009, DestState::Offending},
         {"local mirror, before the end", voErrRcSuccess, VoRunning, true, false, 5005,
          DestState::Local},
         {"local mirror kept at a clean end", voErrRcSuccess, VoDone, false, false, 5005,
          DestState::Done},
-        {"local mirror at a failed end", VoErrDblade, VoDone, true, false, 5005,
-         DestState::Failed},
+        {"local mirror at a failed end", VoErrDblade, VoDone, true, false, 5005, DestState::Failed},
         {"local mirror given up", voErrRcSuccess, VoDone, true, false, 5032, DestState::Failed},
         {"its stream failed while others run", voErrRcSuccess, VoRunning, true, true, kCopyFailed,
          DestState::Failed},
@@ -120,8 +118,7 @@ TEST(MirrorDestOutcome, SaysWhyADestinationDidNotSimplyComplete) {
     for (const WhyCase& c : cases) {
         StreamReport r = reportOf(c.rc, c.status, true);
         r.sinks = {entry(3, c.isDone, c.code, 7)};
-        auto out = voctl::destOutcomes(r, label, decode,
-                                       c.rc == voErrRcSuccess ? "" : "OP ERROR");
+        auto out = voctl::destOutcomes(r, label, decode, c.rc == voErrRcSuccess ? "" : "OP ERROR");
         ASSERT_EQ(out.size(), 1u) << c.what;
         EXPECT_EQ(out[0].why, c.why) << c.what;
         EXPECT_EQ(out[0].label, "lp3");
