@@ -42,6 +42,12 @@ std::string decodeCode(VoClient* c, unsigned code);
 // standard output. Returns kExitVodFailure.
 int codeFailure(Context& ctx, VoClient* c, const std::string& what, unsigned code);
 
+// Reports a failed call to one of the node's services (VLDB, DLDB,
+// D-blades) by its composite code: a transport failure (low half 30300 +
+// clnt_stat) leaves the question open and exits kExitUnreachable; any other
+// code answers it and is reported as codeFailure does.
+int lookupFailed(Context& ctx, const std::string& what, unsigned code);
+
 // Reports a failed VoOut (rc, func, funcrc) with their names, the same way.
 int voOutFailure(Context& ctx, const std::string& what, const VoOut& out);
 

@@ -16,6 +16,7 @@
 #include "voctl/command.h"
 #include "voctl/lpid.h"
 #include "voctl/number.h"
+#include "voctl/stream_follow.h"
 #include "voerrors.h"
 
 namespace voctl {
@@ -141,6 +142,13 @@ int codeFailure(Context& ctx, VoClient* c, const std::string& what, unsigned cod
     std::string decoded = decodeCode(c, code);
     return vodFailure(ctx, what + " failed: code " + hex32(code) + " " + decoded,
                       {{"code", code}, {"decoded", decoded}});
+}
+
+int lookupFailed(Context& ctx, const std::string& what, unsigned code) {
+    unsigned low = code & 0xFFFF;
+    if (low >= 30300 && low < 30400)
+        return ctx.out.failure(kExitUnreachable, what + ": " + decodedText(nullptr, code));
+    return codeFailure(ctx, nullptr, what, code);
 }
 
 nlohmann::json voOutJson(const VoOut& out) {

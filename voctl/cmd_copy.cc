@@ -112,7 +112,8 @@ class CopyOp : public StreamOp {
     CopyOutcome outcomeFromCluster(VoClient* c, std::string* why) const override {
         return outcomeByName(c, _name, _key.sinkVid, why);
     }
-    void addFinalJson(nlohmann::json& obj) const override {
+    void addFinalJson(nlohmann::json& obj, VoClient* /*c*/,
+                      const StreamReport* /*end*/) const override {
         obj["name"] = _name.substr(0, kMaxVolumeName);
     }
 
@@ -228,11 +229,8 @@ const CommandRegistrar copyReg(
         sub.add_option("NAME", a->name, "name of the new volume (at most 128 characters)")
             ->required()
             ->check(volumeNameCheck());
-        sub.add_flag("--no-wait", a->noWait,
-                     "start the copy, print the new volume's id and return");
-        sub.add_option("--interval", a->intervalSec, "seconds between progress polls")
-            ->capture_default_str()
-            ->check(CLI::Range(0.01, 3600.0));
+        addFollowOptions(sub, "start the copy, print the new volume's id and return", &a->noWait,
+                         &a->intervalSec);
         sub.footer(
             "The source stays on line: a read-write source is copied from a clone that is\n"
             "removed afterwards. Until the copy ends a progress bar shows megabytes, vnodes,\n"

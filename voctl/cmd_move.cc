@@ -29,39 +29,7 @@ namespace {
 // The VODB answers this for an empty table.
 constexpr int kVodbEmpty = 135;
 
-struct MoveKey {
-    uint32_t vid = 0;
-    LpId srcLp{};
-    LpId dstLp{};  // all zero when the command does not name it
-};
-
-VoIn wireKey(const MoveKey& k) {
-    VoIn in{};
-    in.vidSrc = k.vid;
-    std::copy(k.srcLp.begin(), k.srcLp.end(), in.lidSrc);
-    return in;
-}
-
-std::string keyText(const MoveKey& k) {
-    std::string s = "vfs " + std::to_string(k.vid) + " on LP " + formatLpId(k.srcLp);
-    if (!isLidZero(k.dstLp)) s += " to LP " + formatLpId(k.dstLp);
-    return s;
-}
-
-nlohmann::json keyJson(const MoveKey& k) {
-    nlohmann::json j = {{"vfsid", k.vid}, {"srcLp", formatLpId(k.srcLp)}};
-    if (!isLidZero(k.dstLp)) j["dstLp"] = formatLpId(k.dstLp);
-    return j;
-}
-
-// A failed look-up at one of the node's services: a transport failure (low
-// half 30300 + clnt_stat) leaves the question open, any other code answers it.
-int lookupFailed(Context& ctx, const std::string& what, unsigned code) {
-    unsigned low = code & 0xFFFF;
-    if (low >= 30300 && low < 30400)
-        return ctx.out.failure(kExitUnreachable, what + ": " + decodedText(nullptr, code));
-    return codeFailure(ctx, nullptr, what, code);
-}
+using MoveKey = SourceKey;
 
 // Where the VLDB holds the volume now: what decides a move's outcome when
 // vod's reports cannot (a move rebuilt after a restart, or one whose last
@@ -96,11 +64,11 @@ class MoveOp : public StreamOp {
 
     const char* noun() const override { return "move"; }
     const char* doneWord() const override { return "moved"; }
-    std::string keyText() const override { return voctl::keyText(_key); }
-    nlohmann::json keyJson() const override { return voctl::keyJson(_key); }
+    std::string keyText() const override { return _key.text(); }
+    nlohmann::json keyJson() const override { return _key.json(); }
     std::string doneText() const override { return "moved " + keyText(); }
     bool poll(VoClient& c, StreamReport* r, std::string* why) const override {
-        return pollStream(c, vomovepgrs_1, wireKey(_key), xdr_VoMovePgrsOut, r, why);
+        return pollStream(c, vomovepgrs_1, _key.wire(), xdr_VoMovePgrsOut, r, why);
     }
     // A pass's megabytes are what its sink received.
     Progress progressOf(const StreamReport& r) const override {
@@ -277,7 +245,7 @@ class MoveDryRun {
 
         nlohmann::json obj = voOutJson(verdict);
         obj["event"] = "dry-run";
-        obj["move"] = keyJson(_key);
+        obj["move"] = _key.json();
         obj["accepted"] = accepted;
         obj["sourceFound"] = _f.sourceFound;
         obj["sameLp"] = _f.sameLp();
@@ -342,7 +310,7 @@ class MoveDryRun {
         }
         rows.push_back({"verdict", accepted ? "accepted" : "refused"});
 
-        _ctx.out.result(obj, "dry run of the move of " + keyText(_key) + ": " + verdictText + "\n" +
+        _ctx.out.result(obj, "dry run of the move of " + _key.text() + ": " + verdictText + "\n" +
                                  formatTable(rows, "  "));
         return accepted ? kExitOk : kExitVodFailure;
     }
@@ -384,10 +352,10 @@ int moveStart(Context& ctx, const MoveArgs& a) {
     XdrResult<VoOut> res(xdr_VoOut);
     if (c->call(vomove_1, &in, res.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
     if (res->rc != voErrRcSuccess)
-        return reportRefusal(ctx, c.get(), "move of " + keyText(key) + " refused", *res);
+        return reportRefusal(ctx, c.get(), "move of " + key.text() + " refused", *res);
 
-    nlohmann::json started = {{"event", "started"}, {"move", keyJson(key)}};
-    std::string startedText = "moving " + keyText(key);
+    nlohmann::json started = {{"event", "started"}, {"move", key.json()}};
+    std::string startedText = "moving " + key.text();
     if (a.noWait) {
         ctx.out.result(started, startedText + "\nfollow it with: voctl move-progress " +
                                     std::to_string(key.vid) + " " + formatLpId(key.srcLp));
@@ -415,10 +383,10 @@ int moveControl(Context& ctx, const ControlWords& words, MoveStub stub, const Ke
     if (int rc = resolveMoveKey(ctx, a.vid, a.srcLp, nullptr, &key); rc != kExitOk) return rc;
     auto c = ctx.connect();
     if (!c) return kExitUnreachable;
-    VoIn in = wireKey(key);
+    VoIn in = key.wire();
     XdrResult<VoOut> out(xdr_VoOut);
     if (c->call(stub, &in, out.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
-    return reportControl(ctx, c.get(), words, "move", keyText(key), keyJson(key), *out);
+    return reportControl(ctx, c.get(), words, "move", key.text(), key.json(), *out);
 }
 
 void addKeyArgs(CLI::App& sub, KeyArgs& a) {
@@ -448,10 +416,7 @@ const CommandRegistrar moveReg(
         sub.add_flag("--dry-run", a->dryRun,
                      "check the move as vod would (conflicts, space) and say what it would do; "
                      "start nothing");
-        sub.add_flag("--no-wait", a->noWait, "start the move and return");
-        sub.add_option("--interval", a->intervalSec, "seconds between progress polls")
-            ->capture_default_str()
-            ->check(CLI::Range(0.01, 3600.0));
+        addFollowOptions(sub, "start the move and return", &a->noWait, &a->intervalSec);
         sub.footer(
             "A read-write volume stays on line: it is moved in regular passes, each from a\n"
             "fresh clone, until few enough changes are left for the final pass, which stops\n"

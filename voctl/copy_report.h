@@ -12,6 +12,7 @@
 #define VOCTL_COPY_REPORT_H
 
 #include <cstdint>
+#include <vector>
 
 #include "vo.h"
 
@@ -56,27 +57,36 @@ inline const char* copyPhaseName(CopyPhase p) {
     return "?";
 }
 
-// One progress report of a copy or a move, copied out of the reply: the
-// records hold no heap memory, so a plain copy is the whole report.
+// One progress report of a copy, a move or a mirror, copied out of the reply,
+// so that it outlives the reply's memory.
 struct StreamReport {
     uint64_t voOpid = 0;  // a move's is 0 unless the operation fills it
     voErrRc rc = voErrRcSuccess;
     voErrFunc func = voErrFuncSuccess;
     unsigned funcrc = 0;
     VoSrcPgrs src{};
-    VoSinkPgrs sink{};
-    int pass = -1;  // a move's pass (loopNum); -1 for a copy
+    VoSinkPgrs sink{};  // a copy's or a move's one sink
+    int pass = -1;      // a move's pass (loopNum); -1 otherwise
     bool finalPass = false;
+    bool multiSink = false;         // a mirror's: one entry per destination in sinks
+    std::vector<VoSinkPgrs> sinks;  // in vod's order of the destinations
 };
 
+// The fields every operation's report has.
 template <typename Reply>
-StreamReport streamReportOf(const Reply& r) {
+StreamReport streamReportHead(const Reply& r) {
     StreamReport s;
     s.voOpid = r.voOpid;
     s.rc = r.rc;
     s.func = r.func;
     s.funcrc = r.funcrc;
     s.src = r.src;
+    return s;
+}
+
+template <typename Reply>
+StreamReport streamReportOf(const Reply& r) {
+    StreamReport s = streamReportHead(r);
     s.sink = r.sink;
     return s;
 }
@@ -85,6 +95,15 @@ inline StreamReport streamReportOf(const VoMovePgrsOut& r) {
     StreamReport s = streamReportOf<VoMovePgrsOut>(r);
     s.pass = r.loopNum;
     s.finalPass = r.isFinalLoop != 0;
+    return s;
+}
+
+// numSinks only repeats the array's count; the array is what was sent.
+inline StreamReport streamReportOf(const VoMirrorPgrsOut& r) {
+    StreamReport s = streamReportHead(r);
+    s.multiSink = true;
+    if (r.sinks.sinks_val != nullptr)
+        s.sinks.assign(r.sinks.sinks_val, r.sinks.sinks_val + r.sinks.sinks_len);
     return s;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -46,6 +47,11 @@ std::string trimTrailing(std::string s);
 std::string formatTable(const std::vector<std::pair<std::string, std::string>>& rows,
                         const std::string& indent = "");
 
+// Rows of cells in left-aligned columns two spaces apart, each row after
+// indent; the last cell of a row is not padded, so no line ends in blanks.
+std::string formatColumns(const std::vector<std::vector<std::string>>& rows,
+                          const std::string& indent = "");
+
 // One reading of an operation's progress.
 struct Progress {
     uint64_t megs = 0;         // megabytes processed
@@ -64,6 +70,11 @@ class ProgressBar {
     // A new reading, taken now or at nowSec.
     void update(const Progress& p);
     void update(const Progress& p, double nowSec);
+    // Takes a reading without drawing it (for ProgressBoard, which draws).
+    void record(const Progress& p, double nowSec);
+    const Progress& last() const { return _last; }
+    // Words shown after every line until changed ("streaming"); none at first.
+    void setStatus(std::string status) { _status = std::move(status); }
 
     // Ends the display: the last reading with status appended ("done",
     // "cancelled", ...), and a newline.
@@ -71,8 +82,9 @@ class ProgressBar {
     void finish(const std::string& status, double nowSec);
 
     // The text of one display line for reading p at nowSec, without control
-    // characters: label, bar, percentage, megabytes, vnodes, rate and ETA.
-    // Rate and ETA are measured from the first reading.
+    // characters: label, bar, percentage, megabytes, vnodes, rate and ETA,
+    // then the status if one is set. Rate and ETA are measured from the first
+    // reading.
     std::string line(const Progress& p, double nowSec) const;
 
     // A monotonic clock in seconds.
@@ -89,6 +101,53 @@ class ProgressBar {
     double _lastPrintSec = 0;
     bool _printedOnce = false;
     Progress _last;
+    std::string _status;
+};
+
+// What one bar shows at one poll.
+struct BarReading {
+    std::string label;  // names the bar: a label not seen before opens one
+    Progress progress;
+    std::string status;  // shown after the reading; may be empty
+};
+
+// Progress bars side by side (a mirror's destinations, one bar each) or one
+// after another (a move's passes). On a terminal the block of open bars is
+// redrawn in place; otherwise each bar writes its own lines, as ProgressBar
+// does alone.
+class ProgressBoard {
+ public:
+    ProgressBoard(std::FILE* out, bool terminal) : _out(out), _terminal(terminal) {}
+
+    bool empty() const { return _bars.empty(); }
+
+    // Shows the readings, in their order. An open bar whose label is not
+    // among them ends first, with closing as its status.
+    void update(const std::vector<BarReading>& readings, const std::string& closing);
+
+    // To be called before other text goes out between redraws: a block of
+    // several bars then stays above that text and the next update draws a new
+    // one below it. (A single bar's line is erased by the text's writer.)
+    void interrupt();
+
+    // Ends every open bar: those named in readings with the last of their
+    // readings and its status, or status where that is empty; the others
+    // with status.
+    void finish(const std::vector<BarReading>& readings, const std::string& status);
+
+ private:
+    struct Slot {
+        std::string label;
+        std::unique_ptr<ProgressBar> bar;
+    };
+    // Terminal only: rewrites the block from its first line, the ended bars'
+    // lines first (they stay), then the open bars' lines.
+    void redraw(const std::vector<std::string>& ended, double nowSec);
+
+    std::FILE* _out;
+    bool _terminal;
+    std::vector<Slot> _bars;  // open bars, in the order they opened
+    size_t _drawn = 0;        // lines of the block on the terminal now
 };
 
 }  // namespace voctl

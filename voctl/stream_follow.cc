@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
@@ -12,6 +13,7 @@
 
 #include "voctl/admin_common.h"
 #include "voctl/lpid.h"
+#include "voctl/mirror_report.h"
 
 namespace voctl {
 
@@ -85,7 +87,8 @@ class StreamFollower {
           _interval(intervalSec),
           _json(ctx.out.json()),
           _terminal(!_json && isatty(STDOUT_FILENO) != 0),
-          _notes(_terminal) {}
+          _notes(_terminal),
+          _board(stdout, _terminal) {}
 
     int run() {
         const double startSec = ProgressBar::now();
@@ -108,7 +111,7 @@ class StreamFollower {
                 double now = ProgressBar::now();
                 if (lostSince < 0) {
                     lostSince = now;
-                    if (!_json) _notes.say("lost contact with vod (" + why + "); retrying");
+                    if (!_json) say("lost contact with vod (" + why + "); retrying");
                 } else if (now - lostSince > kReconnectWindowSec) {
                     return _ctx.out.failure(kExitUnreachable,
                                             "gave up waiting for vod to answer: " + why + "; the " +
@@ -119,7 +122,7 @@ class StreamFollower {
             }
             if (lostSince >= 0) {
                 lostSince = -1;
-                if (!_json) _notes.say("vod answers again");
+                if (!_json) say("vod answers again");
             }
 
             CopyPhase phase = classifyCopyReport(r);
@@ -141,7 +144,7 @@ class StreamFollower {
                                        ? "vod could not poll the stream: " +
                                              tripleText(_c.get(), r.rc, r.func, r.funcrc)
                                        : phaseNote(_op, phase, _streamed);
-                if (!note.empty() && note != lastNote) _notes.say(note);
+                if (!note.empty() && note != lastNote) say(note);
                 lastNote = note;
                 if (hasStreamCounters(r)) showProgress(r, "done");
             }
@@ -149,19 +152,15 @@ class StreamFollower {
         }
     }
 
-    // Draws r on the bar of its stream; a report of another stream (a move's
-    // next pass) first closes the current bar with closing.
+    // Draws r on the bars of its streams; a report of another stream (a
+    // move's next pass) first closes the bar of the one before with closing.
     void showProgress(const StreamReport& r, const char* closing) {
-        std::string label = _op.barLabel(r);
-        if (_bar && label != _barLabel) {
-            _bar->finish(closing);
-            _bar.reset();
-        }
-        if (!_bar) {
-            _bar = std::make_unique<ProgressBar>(stdout, _terminal, label);
-            _barLabel = label;
-        }
-        _bar->update(_op.progressOf(r));
+        _board.update(_op.readings(r), closing);
+    }
+
+    void say(const std::string& text) {
+        _board.interrupt();
+        _notes.say(text);
     }
 
     // One poll on the current connection, made anew when there is none.
@@ -182,21 +181,27 @@ class StreamFollower {
     CopyOutcome decideOutcome(std::string* detail) {
         CopyOutcome outcome = CopyOutcome::Unknown;
         if (_endPhase == CopyPhase::Final) {
-            outcome = outcomeOfFinalReport(_endReport);
+            outcome = _op.outcomeOf(_endReport);
             if (hasStreamCounters(_endReport)) {
                 _streamed = true;
                 _last = _endReport;
+                _lastIsEnd = true;
             }
-            if (outcome == CopyOutcome::RolledBack) *detail = failureReasons(_c.get(), _endReport);
+            if (outcome == CopyOutcome::RolledBack)
+                *detail = _op.failureDetail(_c.get(), _endReport);
         }
         if (outcome == CopyOutcome::Unknown) outcome = _op.outcomeFromCluster(_c.get(), detail);
         return outcome;
     }
 
     void report(CopyOutcome outcome, const std::string& detail, double elapsed) {
-        if (!_json && _bar) {
-            if (_streamed) showProgress(_last, "done");
-            _bar->finish(outcome == CopyOutcome::Copied ? "done" : "failed");
+        if (!_json && !_board.empty()) {
+            std::vector<BarReading> last;
+            if (_streamed) last = _op.readings(_last);
+            // What an earlier report said of a stream is no final state.
+            if (!_lastIsEnd)
+                for (BarReading& b : last) b.status.clear();
+            _board.finish(last, outcome == CopyOutcome::Copied ? "done" : "failed");
         }
         char buf[256];
         std::string text;
@@ -210,8 +215,8 @@ class StreamFollower {
             }
             if (!detail.empty()) text += " (" + detail + ")";
         } else if (outcome == CopyOutcome::RolledBack) {
-            text = std::string(_op.noun()) + " of " + _op.keyText() +
-                   " failed and was rolled back: " + detail;
+            text = std::string(_op.noun()) + " of " + _op.keyText() + " " + _op.failedWords() +
+                   ": " + detail;
         } else {
             text =
                 std::string(_op.noun()) + " of " + _op.keyText() + ": outcome unknown: " + detail;
@@ -224,16 +229,20 @@ class StreamFollower {
             obj["phase"] = copyPhaseName(_endPhase);
             obj["outcome"] = _op.outcomeName(outcome);
             obj[_op.noun()] = _op.keyJson();
-            _op.addFinalJson(obj);
+            _op.addFinalJson(obj, _c.get(), _endPhase == CopyPhase::Final ? &_endReport : nullptr);
             obj["elapsedSec"] = elapsed;
             obj["message"] = text;
             _ctx.out.result(obj, "");
-        } else if (outcome == CopyOutcome::Copied) {
+            return;
+        }
+        if (outcome == CopyOutcome::Copied) {
             std::printf("%s\n", text.c_str());
-            std::fflush(stdout);
         } else {
             std::fprintf(stderr, "voctl: %s\n", text.c_str());
         }
+        if (_endPhase == CopyPhase::Final)
+            std::fputs(_op.sinksTable(_c.get(), _endReport).c_str(), stdout);
+        std::fflush(stdout);
     }
 
     Context& _ctx;
@@ -243,15 +252,34 @@ class StreamFollower {
     const bool _json;
     const bool _terminal;
     Notes _notes;
-    std::unique_ptr<ProgressBar> _bar;  // of the stream shown last; null before the first
-    std::string _barLabel;
-    bool _streamed = false;  // a report with stream counters was seen
-    StreamReport _last;      // the last report with stream counters
+    ProgressBoard _board;
+    bool _streamed = false;   // a report with stream counters was seen
+    StreamReport _last;       // the last report with stream counters
+    bool _lastIsEnd = false;  // _last is the final report
     StreamReport _endReport;
     CopyPhase _endPhase = CopyPhase::Gone;
 };
 
 }  // namespace
+
+VoIn SourceKey::wire() const {
+    VoIn in{};
+    in.vidSrc = vid;
+    std::copy(srcLp.begin(), srcLp.end(), in.lidSrc);
+    return in;
+}
+
+std::string SourceKey::text() const {
+    std::string s = "vfs " + std::to_string(vid) + " on LP " + formatLpId(srcLp);
+    if (!isLidZero(dstLp)) s += " to LP " + formatLpId(dstLp);
+    return s;
+}
+
+nlohmann::json SourceKey::json() const {
+    nlohmann::json j = {{"vfsid", vid}, {"srcLp", formatLpId(srcLp)}};
+    if (!isLidZero(dstLp)) j["dstLp"] = formatLpId(dstLp);
+    return j;
+}
 
 std::string decodedText(VoClient* c, unsigned code) {
     std::string s = decodeCode(c, code);
@@ -326,6 +354,18 @@ nlohmann::json reportJson(const StreamReport& r, CopyPhase phase) {
         obj["pass"] = r.pass;
         obj["finalPass"] = r.finalPass;
     }
+    if (r.multiSink) {
+        obj.erase("sink");
+        nlohmann::json sinks = nlohmann::json::array();
+        for (const VoSinkPgrs& s : r.sinks)
+            sinks.push_back({{"isDone", s.isDone != 0},
+                             {"completionCode", s.completionCode},
+                             {"vfsid", s.vfsId},
+                             {"lp", formatLpId(lpOf(s.uuid))},
+                             {"megs", s.megsProcessed},
+                             {"state", destStateName(classifyDest(r, s))}});
+        obj["sinks"] = sinks;
+    }
     return obj;
 }
 
@@ -374,6 +414,10 @@ Progress StreamOp::progressOf(const StreamReport& r) const {
 
 std::string StreamOp::barLabel(const StreamReport& /*r*/) const { return noun(); }
 
+std::vector<BarReading> StreamOp::readings(const StreamReport& r) const {
+    return {{barLabel(r), progressOf(r), ""}};
+}
+
 int showStreamState(Context& ctx, const StreamOp& op) {
     auto c = ctx.connect();
     if (!c) return kExitUnreachable;
@@ -386,7 +430,7 @@ int showStreamState(Context& ctx, const StreamOp& op) {
         return ctx.out.failure(kExitVodFailure,
                                std::string("vod knows no ") + op.noun() + " of " + op.keyText());
     bool final = phase == CopyPhase::Final;
-    CopyOutcome outcome = final ? outcomeOfFinalReport(r) : CopyOutcome::Unknown;
+    CopyOutcome outcome = final ? op.outcomeOf(r) : CopyOutcome::Unknown;
 
     char buf[160];
     std::vector<std::pair<std::string, std::string>> rows;
@@ -396,6 +440,7 @@ int showStreamState(Context& ctx, const StreamOp& op) {
     }
     std::string state = copyPhaseName(phase);
     if (final) state += std::string(", ") + op.outcomeName(outcome);
+    const std::string sinks = op.sinksTable(c.get(), r);
     rows.push_back({"state", state});
     if (r.pass >= 0) {
         std::snprintf(buf, sizeof buf, "%d%s", r.pass, r.finalPass ? " (final pass)" : "");
@@ -409,23 +454,33 @@ int showStreamState(Context& ctx, const StreamOp& op) {
         std::snprintf(buf, sizeof buf, "vfs %u, stream %s, completion %u", r.src.vfsId, status,
                       r.src.completionCode);
         rows.push_back({"source", buf});
-        std::snprintf(buf, sizeof buf, "vfs %u, %s, completion %u", r.sink.vfsId,
-                      r.sink.isDone ? "done" : "not done", r.sink.completionCode);
-        rows.push_back({"sink", buf});
+        if (sinks.empty()) {
+            std::snprintf(buf, sizeof buf, "vfs %u, %s, completion %u", r.sink.vfsId,
+                          r.sink.isDone ? "done" : "not done", r.sink.completionCode);
+            rows.push_back({"sink", buf});
+        }
         Progress p = op.progressOf(r);
         std::snprintf(buf, sizeof buf, "%" PRIu64 " MB, %u/%u vnodes", p.megs, p.vnodesDone,
                       p.vnodesTotal);
         rows.push_back({"progress", buf});
     }
     bool failed = final && outcome == CopyOutcome::RolledBack;
-    if (failed) rows.push_back({"why", failureReasons(c.get(), r)});
+    if (failed) rows.push_back({"why", op.failureDetail(c.get(), r)});
 
     nlohmann::json obj = reportJson(r, phase);
     obj[op.noun()] = op.keyJson();
     if (final) obj["outcome"] = op.outcomeName(outcome);
-    ctx.out.result(obj,
-                   std::string(op.noun()) + " of " + op.keyText() + "\n" + formatTable(rows, "  "));
+    ctx.out.result(obj, std::string(op.noun()) + " of " + op.keyText() + "\n" +
+                            formatTable(rows, "  ") + sinks);
     return failed ? kExitVodFailure : kExitOk;
+}
+
+void addFollowOptions(CLI::App& sub, const std::string& noWaitHelp, bool* noWait,
+                      double* intervalSec) {
+    sub.add_flag("--no-wait", *noWait, noWaitHelp);
+    sub.add_option("--interval", *intervalSec, "seconds between progress polls")
+        ->capture_default_str()
+        ->check(CLI::Range(0.01, 3600.0));
 }
 
 int followStream(Context& ctx, std::unique_ptr<VoClient> c, const StreamOp& op,

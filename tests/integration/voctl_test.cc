@@ -111,6 +111,58 @@ TEST(VoctlProgress, PlainOutputIsThrottledTerminalOutputRedraws) {
     EXPECT_NE(after.find("cancelled"), std::string::npos);
 }
 
+// A mirror's destinations, one bar each, and a move's passes, one after the
+// other, on one board.
+TEST(VoctlProgress, BoardKeepsOneBarPerLabel) {
+    auto reading = [](const char* label, uint64_t megs, const char* status) {
+        return voctl::BarReading{label, {megs, 0, 0}, status};
+    };
+    Captured plain;
+    voctl::ProgressBoard board(plain.f, false);
+    board.update({reading("lp2a", 1, "streaming"), reading("lp2b", 0, "offending")}, "done");
+    board.finish({reading("lp2a", 5, "done")}, "failed");
+    std::string text = plain.text();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << text;
+    EXPECT_NE(text.find("lp2a [....................]  ---  1 MB"), std::string::npos) << text;
+    EXPECT_NE(text.find("--:--  streaming\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("lp2a [....................]  ---  5 MB"), std::string::npos) << text;
+    EXPECT_NE(text.find("--:--  done\n"), std::string::npos) << "its own final state";
+    EXPECT_NE(text.find("lp2b [....................]  ---  0 MB"), std::string::npos) << text;
+    EXPECT_NE(text.find("--:--  failed\n"), std::string::npos) << "no final state of its own";
+    EXPECT_EQ(text.find("streaming  "), std::string::npos) << "a status is not repeated";
+
+    Captured passes;
+    voctl::ProgressBoard moves(passes.f, false);
+    moves.update({reading("move pass 1", 3, "")}, "done");
+    moves.update({reading("move pass 2", 4, "")}, "done");
+    text = passes.text();
+    size_t ended = text.find("  done\n");
+    ASSERT_NE(ended, std::string::npos) << text;
+    EXPECT_EQ(text.rfind("move pass 1 [", ended), text.rfind('\n', ended - 1) + 1)
+        << "the pass before ends when the next one starts\n"
+        << text;
+    EXPECT_GT(text.find("move pass 2 ["), ended) << text;
+
+    // On a terminal the two lines are redrawn in place: back up one line, redraw both.
+    Captured tty;
+    voctl::ProgressBoard live(tty.f, true);
+    live.update({reading("lp2a", 1, "streaming"), reading("lp2b", 0, "waiting")}, "done");
+    std::string first = tty.text();
+    EXPECT_EQ(std::count(first.begin(), first.end(), '\n'), 1) << first;
+    live.update({reading("lp2a", 2, "streaming"), reading("lp2b", 1, "streaming")}, "done");
+    std::string second = tty.text().substr(first.size());
+    EXPECT_EQ(second.rfind("\r\x1b[1A", 0), 0u) << second;
+    EXPECT_EQ(std::count(second.begin(), second.end(), '\n'), 1) << second;
+    live.interrupt();
+    live.finish({}, "done");
+    std::string rest = tty.text().substr(first.size() + second.size());
+    EXPECT_EQ(rest.find("\x1b[1A"), std::string::npos)
+        << "after an interruption the block starts anew below the text\n"
+        << rest;
+    EXPECT_EQ(std::count(rest.begin(), rest.end(), '\n'), 3) << rest;
+    EXPECT_EQ(rest.find("streaming"), std::string::npos) << "no status but the final one";
+}
+
 TEST(VoctlUsage, BadCommandLinesExitWithStatusTwo) {
     // Parsing never needs vod, so none of these may try to reach it.
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{

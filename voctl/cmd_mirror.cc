@@ -1,0 +1,660 @@
+// Read-only mirrors: voctl mirror registers the destination LPs that hold no
+// mirror yet, starts the mirror and follows it to its end with one progress
+// bar per destination; mirror-progress, mirror-pause, mirror-resume and
+// mirror-cancel act on a mirror that runs; mirrors lists a volume's mirrors.
+//
+// vod finds a mirror by its source (VFS id, LP), and is told nothing about
+// destinations: it mirrors to every LP on which the VLDB holds a record of
+// the mirror id. A destination therefore joins by getting such a record first,
+// the way an administrator would add it: read-only, data version 0 (nothing
+// mirrored yet), with the source's family and virtual server, named
+// "SOURCE@LP". voctl writes it into the VLDB itself, and takes back the
+// records it wrote when vod refuses the mirror, so that a refused mirror
+// leaves the VLDB as it was.
+#include <sys/time.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "vldb_server.h"
+#include "voctl/admin_common.h"
+#include "voctl/command.h"
+#include "voctl/lpid.h"
+#include "voctl/mirror_report.h"
+#include "voctl/number.h"
+#include "voctl/stream_follow.h"
+#include "vorpccalls.h"
+#include "vostate.h"
+
+namespace voctl {
+namespace {
+
+// dstLp: mirror-cancel's destination.
+using MirrorKey = SourceKey;
+
+nlohmann::json mirrorKeyJson(const MirrorKey& k) {
+    nlohmann::json j = k.json();
+    j["mirrorVfsid"] = mirrorIdOf(k.vid);
+    return j;
+}
+
+// LPs by the names the command line gave them; the others by their ids.
+class LpNames {
+  public:
+    void add(const LpId& lp, const std::string& text) {
+        if (!parseLpId(text)) _names[lp] = text;
+    }
+    std::string label(const LpId& lp) const {
+        auto it = _names.find(lp);
+        return it != _names.end() ? it->second : formatLpId(lp);
+    }
+
+  private:
+    std::map<LpId, std::string> _names;
+};
+
+// ---- the VLDB's view of a volume and its mirrors ------------------------------
+
+// One VLDB record, copied out of the reply.
+struct VolumeRecord {
+    uint32_t vfsid = 0;
+    LpId lp{};
+    std::string name, family;
+    unsigned vserver = 0, vfstype = 0, appId = 0;
+    uint64_t dataVer = 0;
+    unsigned short exportRuleset = 0;
+};
+
+// The records matching (vfsid, lp) into *out, none when there are none; lp
+// null matches every LP. 0 or the composite code of the failed look-up.
+unsigned lookupRecords(CLIENT* vldb, uint32_t vfsid, const LpId* lp,
+                       std::vector<VolumeRecord>* out) {
+    out->clear();
+    vldb_record_lookup_input in{};
+    in.input_mask = VFS_ID;
+    in.r.vfsid = vfsid;
+    if (lp != nullptr) {
+        in.input_mask |= VFS_LP;
+        std::copy(lp->begin(), lp->end(), in.r.lp_uuid);
+    }
+    XdrResult<vldb_record_lookup_result> res(xdr_vldb_record_lookup_result);
+    unsigned code = VoRpcCalls::vldbFindVfs(vldb, in, *res);
+    if (code == VO_RC_VFS_NOT_FOUND) return 0;
+    if (code != 0) return code;
+    for (u_int i = 0; i < res->r.r_len; ++i) {
+        const Rec& r = res->r.r_val[i];
+        VolumeRecord v;
+        v.vfsid = r.vfsid;
+        std::copy(std::begin(r.lp_uuid), std::end(r.lp_uuid), v.lp.begin());
+        v.name = r.vfsname != nullptr ? r.vfsname : "";
+        v.family = r.family != nullptr ? r.family : "";
+        v.vserver = r.vserver;
+        v.vfstype = r.vfstype;
+        v.appId = r.appId;
+        v.dataVer = r.dataVer;
+        v.exportRuleset = r.exportRuleset;
+        out->push_back(std::move(v));
+    }
+    return 0;
+}
+
+// The VLDB client of the node, reported when it cannot be made.
+ServiceClient connectVldb(const GlobalOptions& opts, std::string* err) {
+    std::string why;
+    ServiceClient c = connectService(opts.host, VLDB_PROG, VLDB_VERS, opts.timeoutSec, &why);
+    if (!c) *err = "VLDB: " + why;
+    return c;
+}
+
+// A daemon helper's error (func, funcrc) as the composite code voctl reports.
+unsigned vldbCallCode(unsigned proc, const VoErr& e) {
+    return voCompositeCode(proc, decodableFuncrc(e.func(), e.funcrc()));
+}
+
+// ---- registering destinations ----------------------------------------------------
+
+// A destination as vod will see it: an LP with a record of the mirror id.
+struct Member {
+    LpId lp{};
+    uint64_t dataVer = 0;
+    bool named = false;       // given on the command line
+    bool createdNow = false;  // registered by this command
+};
+
+class Registration {
+  public:
+    Registration(Context& ctx, CLIENT* vldb, const MirrorKey& key, const LpNames& names)
+        : _ctx(ctx), _vldb(vldb), _key(key), _names(names) {}
+
+    // Reads the source and the registered mirrors, and registers each of
+    // named that has none. On failure nothing stays registered.
+    int run(const std::vector<LpId>& named) {
+        std::vector<VolumeRecord> recs;
+        const std::string src = "vfs " + std::to_string(_key.vid);
+        if (unsigned code = lookupRecords(_vldb, _key.vid, &_key.srcLp, &recs))
+            return lookupFailed(_ctx, "VLDB look-up of " + src, code);
+        if (recs.empty())
+            return _ctx.out.failure(
+                kExitVodFailure, "the VLDB holds no " + src + " on LP " + formatLpId(_key.srcLp));
+        _src = recs[0];
+        if (unsigned code = lookupRecords(_vldb, mirrorIdOf(_key.vid), nullptr, &recs))
+            return lookupFailed(_ctx, "VLDB look-up of the mirrors of " + src, code);
+
+        for (const LpId& lp : named) {
+            auto it = std::find_if(recs.begin(), recs.end(),
+                                   [&](const VolumeRecord& r) { return r.lp == lp; });
+            Member m;
+            m.lp = lp;
+            m.named = true;
+            if (it != recs.end()) {
+                m.dataVer = it->dataVer;
+            } else if (int rc = add(lp); rc != kExitOk) {
+                rollBack();
+                return rc;
+            } else {
+                m.createdNow = true;
+            }
+            _members.push_back(m);
+        }
+        for (const VolumeRecord& r : recs)
+            if (std::find(named.begin(), named.end(), r.lp) == named.end())
+                _members.push_back({r.lp, r.dataVer, false, false});
+        return kExitOk;
+    }
+
+    // Deletes the records this command made. Returns the LPs it could not
+    // clean up, in words ("" when none).
+    std::string rollBack() {
+        std::string left;
+        for (Member& m : _members) {
+            if (!m.createdNow) continue;
+            VoErr e = VoState::vldbDeleteRecord(_vldb, mirrorIdOf(_key.vid), m.lp.data());
+            if (e != 0)
+                left += (left.empty() ? "" : ", ") + _names.label(m.lp) + " (" +
+                        decodedText(nullptr, vldbCallCode(VoProcVldbDeleteRecord, e)) + ")";
+            else
+                m.createdNow = false;
+        }
+        return left;
+    }
+
+    size_t createdCount() const {
+        return static_cast<size_t>(std::count_if(_members.begin(), _members.end(),
+                                                 [](const Member& m) { return m.createdNow; }));
+    }
+    const std::vector<Member>& members() const { return _members; }
+    const VolumeRecord& source() const { return _src; }
+
+    // The members as a report line group and as JSON.
+    void report() const {
+        nlohmann::json obj = {{"event", "registered"}, {"mirror", mirrorKeyJson(_key)}};
+        nlohmann::json dests = nlohmann::json::array();
+        std::vector<std::vector<std::string>> rows;
+        for (const Member& m : _members) {
+            const char* how = m.createdNow ? "new" : m.named ? "existing" : "unnamed";
+            dests.push_back({{"lp", formatLpId(m.lp)},
+                             {"label", _names.label(m.lp)},
+                             {"registered", how},
+                             {"dataVer", m.dataVer}});
+            std::string words =
+                m.createdNow ? "registered now: read-only, data version 0"
+                : m.named    ? "registered already, data version " + std::to_string(m.dataVer)
+                             : "registered earlier, not named here: mirrored too, data version " +
+                                std::to_string(m.dataVer);
+            rows.push_back({_names.label(m.lp), words});
+        }
+        obj["sourceDataVer"] = _src.dataVer;
+        obj["destinations"] = dests;
+        char head[160];
+        std::snprintf(head, sizeof head, "mirror id %u of vfs %u '%s' (data version %" PRIu64 "):",
+                      mirrorIdOf(_key.vid), _key.vid, _src.name.c_str(), _src.dataVer);
+        _ctx.out.result(obj, std::string(head) + "\n" + formatColumns(rows, "  "));
+    }
+
+  private:
+    // Registers the mirror on lp, as an empty member of the mirror group.
+    int add(const LpId& lp) {
+        timeval now{};
+        gettimeofday(&now, nullptr);
+        const std::string name = mirrorRecordName(_src.name, _names.label(lp));
+        VoErr e = VoState::vldbCreateRecord(
+            _vldb, mirrorIdOf(_key.vid), lp.data(), name.c_str(), _src.family.c_str(), RO_VFS, 0,
+            static_cast<unsigned>(now.tv_sec), static_cast<unsigned>(now.tv_usec), _src.vserver, 0,
+            _src.exportRuleset, _src.appId);
+        if (e == 0) return kExitOk;
+        return lookupFailed(_ctx, "registering the mirror on LP " + _names.label(lp),
+                            vldbCallCode(VoProcVldbCreateRecord, e));
+    }
+
+    Context& _ctx;
+    CLIENT* _vldb;
+    const MirrorKey _key;
+    const LpNames& _names;
+    VolumeRecord _src;
+    std::vector<Member> _members;  // named ones in command-line order, then the rest
+};
+
+// ---- following a mirror ----------------------------------------------------------
+
+// Whether every mirror the VLDB lists is at the source's data version: what
+// decides a mirror's outcome when vod's reports cannot.
+CopyOutcome outcomeByDataVersions(const GlobalOptions& opts, const MirrorKey& k,
+                                  const LpNames& names, std::string* why) {
+    ServiceClient vldb = connectVldb(opts, why);
+    if (!vldb) return CopyOutcome::Unknown;
+    std::vector<VolumeRecord> src, mirrors;
+    unsigned code = lookupRecords(vldb.get(), k.vid, &k.srcLp, &src);
+    if (code == 0) code = lookupRecords(vldb.get(), mirrorIdOf(k.vid), nullptr, &mirrors);
+    if (code != 0) {
+        *why = "looking up the mirrors in the VLDB: " + decodedText(nullptr, code);
+        return CopyOutcome::Unknown;
+    }
+    if (src.empty() || mirrors.empty()) {
+        *why = "the VLDB no longer holds the source or its mirrors";
+        return CopyOutcome::Unknown;
+    }
+    std::string behind;
+    for (const VolumeRecord& m : mirrors)
+        if (m.dataVer != src[0].dataVer)
+            behind += (behind.empty() ? "" : ", ") + names.label(m.lp) + " " +
+                      lagText(src[0].dataVer, m.dataVer);
+    if (behind.empty()) {
+        *why = "every mirror is at the source's data version " + std::to_string(src[0].dataVer);
+        return CopyOutcome::Copied;
+    }
+    *why = "not every mirror is at the source's data version: " + behind;
+    return CopyOutcome::Unknown;
+}
+
+// A mirror as the follower sees it: one bar per destination.
+class MirrorOp : public StreamOp {
+  public:
+    MirrorOp(const GlobalOptions& opts, const MirrorKey& key, LpNames names)
+        : _opts(opts), _key(key), _names(std::move(names)) {}
+
+    const char* noun() const override { return "mirror"; }
+    const char* doneWord() const override { return "mirrored"; }
+    std::string keyText() const override { return _key.text(); }
+    nlohmann::json keyJson() const override { return mirrorKeyJson(_key); }
+    std::string doneText() const override { return "mirrored " + keyText(); }
+    bool poll(VoClient& c, StreamReport* r, std::string* why) const override {
+        return pollStream(c, vomirrorpgrs_1, _key.wire(), xdr_VoMirrorPgrsOut, r, why);
+    }
+
+    // All destinations share the source's one stream, so its vnode counts
+    // stand for each destination that is being streamed to.
+    std::vector<BarReading> readings(const StreamReport& r) const override {
+        std::vector<BarReading> out;
+        for (const VoSinkPgrs& s : r.sinks) {
+            const DestState st = classifyDest(r, s);
+            BarReading b;
+            b.label = _names.label(lpOf(s));
+            b.progress.megs = s.megsProcessed;
+            if (st == DestState::Streaming || st == DestState::Paused || st == DestState::Done) {
+                b.progress.vnodesTotal = r.src.vnodesTotal;
+                b.progress.vnodesDone =
+                    st == DestState::Done ? r.src.vnodesTotal : r.src.vnodesProcessed;
+            }
+            b.status = destStateName(st);
+            out.push_back(b);
+        }
+        return out;
+    }
+
+    CopyOutcome outcomeOf(const StreamReport& r) const override {
+        if (r.sinks.empty())
+            return r.rc == voErrRcSuccess ? CopyOutcome::Unknown : CopyOutcome::RolledBack;
+        for (const VoSinkPgrs& s : r.sinks)
+            if (!endedWell(classifyDest(r, s))) return CopyOutcome::RolledBack;
+        return CopyOutcome::Copied;
+    }
+
+    std::string failureDetail(VoClient* c, const StreamReport& r) const override {
+        size_t bad = 0;
+        for (const VoSinkPgrs& s : r.sinks)
+            if (!endedWell(classifyDest(r, s))) ++bad;
+        std::string s = std::to_string(bad) + " of " + std::to_string(r.sinks.size()) +
+                        " destinations did not end up current";
+        if (r.rc != voErrRcSuccess) s += "; " + tripleText(c, r.rc, r.func, r.funcrc);
+        return s;
+    }
+    const char* failedWords() const override { return "did not reach every destination"; }
+    const char* outcomeName(CopyOutcome o) const override {
+        return o == CopyOutcome::RolledBack ? "failed" : StreamOp::outcomeName(o);
+    }
+
+    std::string sinksTable(VoClient* c, const StreamReport& r) const override {
+        if (r.sinks.empty()) return "";
+        return formatDestTable(outcomes(c, r), "  ");
+    }
+    CopyOutcome outcomeFromCluster(VoClient* /*c*/, std::string* why) const override {
+        return outcomeByDataVersions(_opts, _key, _names, why);
+    }
+    void addFinalJson(nlohmann::json& obj, VoClient* c, const StreamReport* end) const override {
+        if (end == nullptr) return;
+        nlohmann::json dests = nlohmann::json::array();
+        for (const DestOutcome& d : outcomes(c, *end)) dests.push_back(destJson(d));
+        obj["destinations"] = dests;
+    }
+
+  private:
+    static LpId lpOf(const VoSinkPgrs& s) {
+        LpId id{};
+        std::copy(std::begin(s.uuid), std::end(s.uuid), id.begin());
+        return id;
+    }
+
+    std::vector<DestOutcome> outcomes(VoClient* c, const StreamReport& r) const {
+        const std::string opError =
+            r.rc != voErrRcSuccess ? tripleText(c, r.rc, r.func, r.funcrc) : "";
+        return destOutcomes(
+            r, [this](const LpId& lp) { return _names.label(lp); },
+            [c](unsigned code) { return decodedText(c, code); }, opError);
+    }
+
+    const GlobalOptions _opts;
+    const MirrorKey _key;
+    const LpNames _names;
+};
+
+// ---- the subcommands ----------------------------------------------------------------
+
+struct MirrorArgs {
+    std::string vid, srcLp;
+    std::vector<std::string> dstLps;
+    bool registerOnly = false;
+    bool noWait = false;
+    double intervalSec = 1;
+};
+
+int resolveSource(Context& ctx, const std::string& vid, const std::string& srcLp, MirrorKey* key,
+                  LpNames* names) {
+    key->vid = *parseU32(vid);  // checked at parse time
+    if (int rc = resolveLp(ctx, srcLp, &key->srcLp); rc != kExitOk) return rc;
+    names->add(key->srcLp, srcLp);
+    return kExitOk;
+}
+
+// All the destinations were already at the source's data version: vod
+// refuses the mirror for that, and there is nothing left to do.
+int reportUpToDate(Context& ctx, const MirrorKey& key, const Registration& reg,
+                   const LpNames& names) {
+    nlohmann::json dests = nlohmann::json::array();
+    std::vector<DestOutcome> table;
+    for (const Member& m : reg.members()) {
+        DestOutcome d;
+        d.lp = m.lp;
+        d.label = names.label(m.lp);
+        d.state = DestState::UpToDate;
+        d.code = kDestUpToDate;
+        d.why = "already at the source's data version";
+        dests.push_back(destJson(d));
+        table.push_back(d);
+    }
+    nlohmann::json obj = {{"event", "final"},
+                          {"phase", "final"},
+                          {"outcome", "up-to-date"},
+                          {"mirror", mirrorKeyJson(key)},
+                          {"destinations", dests}};
+    ctx.out.result(obj, "every mirror of " + key.text() +
+                            " is at the source's data version already\n" +
+                            formatDestTable(table, "  "));
+    return kExitOk;
+}
+
+int mirrorStart(Context& ctx, const MirrorArgs& a) {
+    MirrorKey key;
+    LpNames names;
+    if (int rc = resolveSource(ctx, a.vid, a.srcLp, &key, &names); rc != kExitOk) return rc;
+    std::vector<LpId> named;
+    for (const std::string& text : a.dstLps) {
+        LpId lp{};
+        if (int rc = resolveLp(ctx, text, &lp); rc != kExitOk) return rc;
+        if (std::find(named.begin(), named.end(), lp) != named.end())
+            return ctx.out.failure(kExitUsage, "LP " + text + " is named twice");
+        names.add(lp, text);
+        named.push_back(lp);
+    }
+
+    // vod first, so that an unreachable vod leaves nothing registered.
+    std::unique_ptr<VoClient> c;
+    if (!a.registerOnly) {
+        c = ctx.connect();
+        if (!c) return kExitUnreachable;
+    }
+    std::string err;
+    ServiceClient vldb = connectVldb(ctx.opts, &err);
+    if (!vldb) return ctx.out.failure(kExitUnreachable, err);
+    Registration reg(ctx, vldb.get(), key, names);
+    if (int rc = reg.run(named); rc != kExitOk) return rc;
+    reg.report();
+    if (a.registerOnly) return kExitOk;
+
+    VoIn in = key.wire();
+    XdrResult<VoOut> res(xdr_VoOut);
+    if (c->call(vomirror_1, &in, res.get()) != RPC_SUCCESS) {
+        int rc = ctx.callFailed(*c);
+        // vod may have started the mirror, so its destinations stay.
+        if (reg.createdCount() > 0)
+            ctx.out.note("the mirror records registered for it stay: vod may have started it");
+        return rc;
+    }
+    // 5005, a mirror on the source's own LP only, counts as started.
+    const bool started = res->rc == voErrRcSuccess || res->funcrc == kDestLocal;
+    if (!started && res->rc == voErrValidate && res->func == voErrVodValidate &&
+        res->funcrc == kDestUpToDate)
+        return reportUpToDate(ctx, key, reg, names);
+    if (!started) {
+        const size_t made = reg.createdCount();
+        int rc = reportRefusal(ctx, c.get(), "mirror of " + key.text() + " refused", *res);
+        if (made > 0) {
+            std::string left = reg.rollBack();
+            ctx.out.note(left.empty()
+                             ? "the mirror records registered for it were removed again"
+                             : "could not remove the mirror records registered on " + left);
+        }
+        return rc;
+    }
+
+    nlohmann::json startedObj = {{"event", "started"}, {"mirror", mirrorKeyJson(key)}};
+    std::string startedText = "mirroring " + key.text() + " to " +
+                              std::to_string(reg.members().size()) + " LP" +
+                              (reg.members().size() == 1 ? "" : "s");
+    if (a.noWait) {
+        ctx.out.result(startedObj, startedText + "\nfollow it with: voctl mirror-progress " +
+                                       std::to_string(key.vid) + " " + formatLpId(key.srcLp));
+        return kExitOk;
+    }
+    ctx.out.result(startedObj, startedText);
+    return followStream(ctx, std::move(c), MirrorOp(ctx.opts, key, names), a.intervalSec);
+}
+
+struct KeyArgs {
+    std::string vid, srcLp, dstLp;
+};
+
+int mirrorProgress(Context& ctx, const KeyArgs& a) {
+    MirrorKey key;
+    LpNames names;
+    if (int rc = resolveSource(ctx, a.vid, a.srcLp, &key, &names); rc != kExitOk) return rc;
+    return showStreamState(ctx, MirrorOp(ctx.opts, key, names));
+}
+
+// One call on a running mirror that answers a VoOut: pause, resume, cancel.
+template <typename In>
+int mirrorControl(Context& ctx, const ControlWords& words, clnt_stat (*stub)(In*, VoOut*, CLIENT*),
+                  const MirrorKey& key, In in) {
+    auto c = ctx.connect();
+    if (!c) return kExitUnreachable;
+    XdrResult<VoOut> out(xdr_VoOut);
+    if (c->call(stub, &in, out.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
+    return reportControl(ctx, c.get(), words, "mirror", key.text(), mirrorKeyJson(key), *out);
+}
+
+int mirrorPauseResume(Context& ctx, const ControlWords& words,
+                      clnt_stat (*stub)(VoIn*, VoOut*, CLIENT*), const KeyArgs& a) {
+    MirrorKey key;
+    LpNames names;
+    if (int rc = resolveSource(ctx, a.vid, a.srcLp, &key, &names); rc != kExitOk) return rc;
+    return mirrorControl(ctx, words, stub, key, key.wire());
+}
+
+int mirrorCancel(Context& ctx, const KeyArgs& a) {
+    MirrorKey key;
+    LpNames names;
+    if (int rc = resolveSource(ctx, a.vid, a.srcLp, &key, &names); rc != kExitOk) return rc;
+    if (int rc = resolveLp(ctx, a.dstLp, &key.dstLp); rc != kExitOk) return rc;
+    VoLidIn in{};
+    in.vidSrc = key.vid;
+    std::copy(key.srcLp.begin(), key.srcLp.end(), in.lidSrc);
+    std::copy(key.dstLp.begin(), key.dstLp.end(), in.lidSink);
+    return mirrorControl(ctx, {"cancel", "cancelled"}, vomirrorcancel_1, key, in);
+}
+
+// voctl mirrors: the VLDB's records of the mirror id, each with its D-blade
+// and its lag behind the source's VLDB record.
+int listMirrors(Context& ctx, const std::string& vidText) {
+    const uint32_t vid = *parseU32(vidText);  // checked at parse time
+    if (vid & kMirrorIdBit)
+        return ctx.out.failure(kExitUsage,
+                               "vfs " + vidText + " is a mirror id; give the source's VFS id");
+    std::string err;
+    ServiceClient vldb = connectVldb(ctx.opts, &err);
+    if (!vldb) return ctx.out.failure(kExitUnreachable, err);
+
+    std::vector<VolumeRecord> srcs, mirrors;
+    const std::string src = "vfs " + std::to_string(vid);
+    if (unsigned code = lookupRecords(vldb.get(), vid, nullptr, &srcs))
+        return lookupFailed(ctx, "VLDB look-up of " + src, code);
+    if (srcs.empty()) return ctx.out.failure(kExitVodFailure, "the VLDB holds no " + src);
+    if (unsigned code = lookupRecords(vldb.get(), mirrorIdOf(vid), nullptr, &mirrors))
+        return lookupFailed(ctx, "VLDB look-up of the mirrors of " + src, code);
+    // A volume has one record, but for a moment during a move two: the
+    // read-write one is the source.
+    auto s = std::find_if(srcs.begin(), srcs.end(),
+                          [](const VolumeRecord& r) { return r.vfstype == RW_VFS; });
+    const VolumeRecord& source = s != srcs.end() ? *s : srcs[0];
+
+    nlohmann::json list = nlohmann::json::array();
+    std::vector<std::vector<std::string>> rows = {{"LP", "D-blade", "data version", "lag", "name"}};
+    for (const VolumeRecord& m : mirrors) {
+        unsigned short did = 0;
+        const bool known = VoRpcCalls::findDbladeByLpId(vldb.get(), m.lp.data(), did) == 0;
+        list.push_back({{"lp", formatLpId(m.lp)},
+                        {"dblade", known ? nlohmann::json(did) : nlohmann::json(nullptr)},
+                        {"dataVer", m.dataVer},
+                        {"lag", mirrorLag(source.dataVer, m.dataVer)},
+                        {"name", m.name}});
+        rows.push_back({formatLpId(m.lp), known ? std::to_string(did) : "?",
+                        std::to_string(m.dataVer), lagText(source.dataVer, m.dataVer), m.name});
+    }
+    nlohmann::json obj = {{"vfsid", vid},
+                          {"name", source.name},
+                          {"lp", formatLpId(source.lp)},
+                          {"dataVer", source.dataVer},
+                          {"mirrorVfsid", mirrorIdOf(vid)},
+                          {"mirrors", list}};
+    char head[192];
+    std::snprintf(head, sizeof head, "vfs %u '%s' on LP %s, data version %" PRIu64, vid,
+                  source.name.c_str(), formatLpId(source.lp).c_str(), source.dataVer);
+    std::string text = head;
+    if (mirrors.empty())
+        text += ": no mirrors\n";
+    else
+        text += ": mirrors as vfs " + std::to_string(mirrorIdOf(vid)) + "\n" +
+                formatColumns(rows, "  ");
+    ctx.out.result(obj, text);
+    return kExitOk;
+}
+
+void addSourceArgs(CLI::App& sub, KeyArgs& a) {
+    sub.add_option("VFS", a.vid, "VFS id of the mirrored volume")->required()->check(u32Check());
+    sub.add_option("SRC-LP", a.srcLp, "its LP: name or 32 hex digits")->required();
+}
+
+Setup pauseResumeSetup(ControlWords words, clnt_stat (*stub)(VoIn*, VoOut*, CLIENT*)) {
+    return [words, stub](CLI::App& sub) -> Action {
+        auto a = std::make_shared<KeyArgs>();
+        addSourceArgs(sub, *a);
+        return [a, words, stub](Context& ctx) { return mirrorPauseResume(ctx, words, stub, *a); };
+    };
+}
+
+const CommandRegistrar mirrorReg(
+    "mirror",
+    "Create or refresh read-only mirrors of a volume on other LPs and follow the mirror to its end",
+    [](CLI::App& sub) -> Action {
+        auto a = std::make_shared<MirrorArgs>();
+        sub.add_option("VFS", a->vid, "VFS id of the volume to mirror")
+            ->required()
+            ->check(u32Check());
+        sub.add_option("SRC-LP", a->srcLp, "its LP: name or 32 hex digits")->required();
+        sub.add_option("DST-LP", a->dstLps, "LPs to mirror it to: names or 32 hex digits")
+            ->required();
+        sub.add_flag("--register-only", a->registerOnly,
+                     "register the LPs as mirrors in the VLDB and start nothing");
+        addFollowOptions(sub, "start the mirror and return", &a->noWait, &a->intervalSec);
+        sub.footer(
+            "vod mirrors to every LP the VLDB lists for the volume's mirror id (VFS | "
+            "0x40000000).\n"
+            "A DST-LP that has no mirror yet is registered first: a read-only VLDB record of the\n"
+            "mirror id with data version 0, named SOURCE@LP. LPs registered earlier are\n"
+            "refreshed too, named or not. When vod refuses the mirror, the records registered\n"
+            "by this command are removed again.\n"
+            "One progress bar per destination shows its megabytes and state (streaming, up to\n"
+            "date, offending, done, failed); at the end a table gives each destination's\n"
+            "outcome and why. Interrupting voctl does not stop the mirror: use mirror-cancel.\n"
+            "With --json: one object per line, event \"registered\", \"started\", \"progress\"\n"
+            "per poll (with sinks) and \"final\" with the outcome (mirrored, failed, unknown,\n"
+            "or up-to-date when vod had nothing to do) and destinations.\n"
+            "Exit status 0 only when every destination ended up at the source's data version.");
+        return [a](Context& ctx) { return mirrorStart(ctx, *a); };
+    });
+
+const CommandRegistrar progressReg(
+    "mirror-progress", "Show the state of a mirror once, with each destination",
+    [](CLI::App& sub) -> Action {
+        auto a = std::make_shared<KeyArgs>();
+        addSourceArgs(sub, *a);
+        sub.footer(
+            "Exit status 1 when vod knows no such mirror or its last report shows that a\n"
+            "destination failed.");
+        return [a](Context& ctx) { return mirrorProgress(ctx, *a); };
+    });
+
+const CommandRegistrar pauseReg("mirror-pause", "Pause a mirror's stream",
+                                pauseResumeSetup({"pause", "paused"}, vomirrorpause_1));
+const CommandRegistrar resumeReg("mirror-resume", "Resume a paused mirror",
+                                 pauseResumeSetup({"resume", "resumed"}, vomirrorresume_1));
+
+const CommandRegistrar cancelReg(
+    "mirror-cancel", "Cancel a mirror's stream to one destination", [](CLI::App& sub) -> Action {
+        auto a = std::make_shared<KeyArgs>();
+        addSourceArgs(sub, *a);
+        sub.add_option("DST-LP", a->dstLp,
+                       "the destination to drop: name or 32 hex digits (32 zeros: all)")
+            ->required();
+        sub.footer("The other destinations go on; the old mirror on DST-LP stays as it was.");
+        return [a](Context& ctx) { return mirrorCancel(ctx, *a); };
+    });
+
+const CommandRegistrar listReg(
+    "mirrors", "List a volume's mirrors and how far each lags it", [](CLI::App& sub) -> Action {
+        auto vid = std::make_shared<std::string>();
+        sub.add_option("VFS", *vid, "VFS id of the mirrored volume")->required()->check(u32Check());
+        sub.footer(
+            "Read from the node's VLDB: each mirror's LP, D-blade, data version and lag, the\n"
+            "source's data version minus the mirror's (0: up to date; a mirror registered\n"
+            "but never filled is at 0).");
+        return [vid](Context& ctx) { return listMirrors(ctx, *vid); };
+    });
+
+}  // namespace
+}  // namespace voctl
