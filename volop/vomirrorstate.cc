@@ -960,8 +960,10 @@ unsigned VoMirrorState::conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
             if (failed == 0) failed = e;
         }
     }
-    if (unsigned e = settleOpSrc(clntVldb, clntSrcDbladeVol))
-        if (failed == 0) failed = e;
+    // The op src is settled only once every stream is: recovery reads the
+    // version the streams were to reach from it, and takes its absence for
+    // an operation that had finished.
+    if (failed == 0) failed = settleOpSrc(clntVldb, clntSrcDbladeVol);
 
     if (failed != 0 && forceRetireFromVodb()) {
         VO_TR(vo_vod, vo_warn, "opid=%lld forced to retire\n", opid);

@@ -230,6 +230,37 @@ TEST_F(MirrorTest, AHiddenVolumeUnderTheMirrorIdRollsItsDestinationBack) {
     expectVldbAgreesWithDblades();
 }
 
+// A D-blade that fails an id swap part way leaves the renumberings it made;
+// the operation keeps its records, and its next look completes the swap
+// from where it stopped.
+class MirrorSwapFault : public MirrorTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(MirrorSwapFault, TheSwapCompletesFromWhereItStopped) {
+    const uint32_t src = source("mir.swapfault");
+    const uint32_t m = src | kMirrorBit;
+    addDestination(src, "lp2a");
+    expectTriple(mirror(src), 0, 0, 0, "first mirror");
+    ASSERT_TRUE(waitVodbEmpty(60));
+    std::set<VolumeKey> others = volumeKeys();
+    others.erase({"lp1a", src});
+    others.erase({"lp2a", m});
+    sim({"vol-write", std::to_string(src), "lp1a", "new.txt", "--text", "refreshed"});
+    fault({"status", GetParam(), "5"});
+    expectTriple(mirror(src), 0, 0, 0, "refresh");
+    EXPECT_TRUE(node.waitForTrace("got error from adjustVid()", 30));
+    EXPECT_FALSE(vodbRecords().empty()) << "the records must stay for the next look";
+    ASSERT_TRUE(waitVodbEmpty(90));
+    expectMirrored(src, {"lp2a"}, others);
+}
+
+INSTANTIATE_TEST_SUITE_P(FailedBefore, MirrorSwapFault,
+                         ::testing::Values("volswapvolid.step1", "volswapvolid.step2",
+                                           "volswapvolid.step3"),
+                         [](const ::testing::TestParamInfo<const char*>& p) {
+                             std::string n = p.param;
+                             return "Step" + n.substr(n.size() - 1);
+                         });
+
 TEST_F(MirrorTest, ALocalMirrorAloneIsTheFrozenSourceItself) {
     const uint32_t src = source("mir.local");
     std::set<VolumeKey> others = volumeKeys();
