@@ -73,21 +73,20 @@ wait_for 20 "$voctl" ping ||
     { echo "mirror_bench: vod did not answer" >&2; tail -n 20 "$work/vod.log" >&2; exit 1; }
 
 files=$((size * 4))
-n=0
 # A fresh source volume of the size, on lp1a; its VFS id.
 fresh() {
     local vfs
-    n=$((n + 1))
-    vfs=$("$voctl" --json create "bench$n" lp1a vs1 | sed -n 's/.*"vfsid":\([0-9]*\).*/\1/p')
+    # Run in a subshell by $(...): the name comes from the caller.
+    vfs=$("$voctl" --json create "bench$1" lp1a vs1 | sed -n 's/.*"vfsid":\([0-9]*\).*/\1/p')
     simctl vol-fill "$vfs" lp1a --files "$files" --size 262144 >/dev/null
     echo "$vfs"
 }
 
 copies=()
 for ((r = 1; r <= rounds; r++)); do
-    vfs=$(fresh)
+    vfs=$(fresh "$RANDOM$r")
     t0=$(date +%s%N)
-    "$voctl" --json copy "$vfs" lp1a lp2a "bench$n.copy" --interval 0.01 >/dev/null
+    "$voctl" --json copy "$vfs" lp1a lp2a "bench$vfs.copy" --interval 0.01 >/dev/null
     copies+=("$(ms_since "$t0")")
 done
 copy=$(median "${copies[@]}")
@@ -99,7 +98,7 @@ dests=(lp2a lp2b lp1b)
 for k in 1 2 3; do
     times=()
     for ((r = 1; r <= rounds; r++)); do
-        vfs=$(fresh)
+        vfs=$(fresh "$RANDOM$r")
         t0=$(date +%s%N)
         "$voctl" --json mirror "$vfs" lp1a "${dests[@]:0:k}" --interval 0.01 >/dev/null
         times+=("$(ms_since "$t0")")

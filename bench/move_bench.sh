@@ -111,25 +111,29 @@ move_once() {
 }
 
 files=$((size * 4))
-vfs=$("$voctl" --json create bench lp1a vs1 | sed -n 's/.*"vfsid":\([0-9]*\).*/\1/p')
-[[ -n $vfs ]] || { echo "move_bench: cannot create the volume" >&2; exit 1; }
-simctl vol-fill "$vfs" lp1a --files "$files" --size 262144 >/dev/null
-sum=$(simctl vol-checksum "$vfs" lp1a)
+# A fresh volume of the size on lp1a: vod moves volumes of its own D-blade.
+fresh() {
+    local vfs
+    # Run in a subshell by $(...): the name comes from the caller.
+    vfs=$("$voctl" --json create "bench$1" lp1a vs1 | sed -n 's/.*"vfsid":\([0-9]*\).*/\1/p')
+    simctl vol-fill "$vfs" lp1a --files "$files" --size 262144 >/dev/null
+    echo "$vfs"
+}
 
-printf 'move of a %s MiB volume (%s files), lp1a (D-blade 1) <-> lp2a (D-blade 2)\n' "$size" "$files"
-here=lp1a there=lp2a
+printf 'move of a %s MiB volume (%s files), lp1a (D-blade 1) -> lp2a (D-blade 2)\n' "$size" "$files"
 for ((r = 1; r <= rounds; r++)); do
-    move_once "quiet" "$vfs" "$here" "$there" || exit 1
-    [[ $(simctl vol-checksum "$vfs" "$there") == "$sum" ]] ||
+    vfs=$(fresh "$RANDOM$r")
+    sum=$(simctl vol-checksum "$vfs" lp1a)
+    move_once "quiet" "$vfs" lp1a lp2a || exit 1
+    [[ $(simctl vol-checksum "$vfs" lp2a) == "$sum" ]] ||
         echo "move_bench: the moved volume differs from its source" >&2
-    tmp=$here here=$there there=$tmp
 done
 # The writer changes 4 KiB files of its own; the passes must catch up with it.
 for ((r = 1; r <= rounds; r++)); do
-    simctl writer start "$vfs" "$here" "$rate" --files 10 >/dev/null
-    move_once "writer $rate/s" "$vfs" "$here" "$there" || exit 1
-    simctl writer stop "$vfs" "$here" >/dev/null 2>&1 || true
-    tmp=$here here=$there there=$tmp
+    vfs=$(fresh "$RANDOM$r")
+    simctl writer start "$vfs" lp1a "$rate" --files 10 >/dev/null
+    move_once "writer $rate/s" "$vfs" lp1a lp2a || exit 1
+    simctl writer stop "$vfs" lp1a >/dev/null 2>&1 || true
 done
 echo "(stream: the pass's stream start to the D-blade's completion notice; vod: the notice of the"
 echo " pass before, or the request, to this pass's stream start; the source is stopped from the"
