@@ -172,7 +172,7 @@ bool VoMirrorState::isItOnlyALocalMirror() {
 // ---- Conflict tests. ----
 
 bool VoMirrorState::isUsing(unsigned vid, const unsigned char* lid, VoRec::VoType type,
-                           VoRec::VfsRole role) {
+                            VoRec::VfsRole role) {
     getLock();
     bool result = false;
     auto is = [&](const VoRec& r) {
@@ -199,7 +199,8 @@ bool VoMirrorState::isUsing(const unsigned char* lid) {
     bool found = false;
     for (const auto& r : _opSinkRecs) {
         if (r->getErrCode() != 0) {
-            VO_TR(vo_vod, vo_detail, "checked all no err streams. Local mirror is never checked.\n");
+            VO_TR(vo_vod, vo_detail,
+                  "checked all no err streams. Local mirror is never checked.\n");
             break;
         }
         if (memcmp(r->lid(), lid, 16) == 0) found = true;
@@ -510,8 +511,8 @@ unsigned VoMirrorState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) 
     VoXdrResult<VolGetattrOut_t> srcAttrs(xdr_VolGetattrOut_t);
     {
         unsigned status = 0;
-        unsigned rc = getAttrs(clntSrcDbladeVol, _opSrcRec.vid(), _opSrcRec.lid(), srcAttrs,
-                               &status);
+        unsigned rc =
+            getAttrs(clntSrcDbladeVol, _opSrcRec.vid(), _opSrcRec.lid(), srcAttrs, &status);
         VoErr err = dbladeOutcome(VO_SITE, VoTrace::vo_srcvol, "dbladeVfsGetAttrs",
                                   voErrDbladeVolGetAttr, _opid, _opSrcRec.vid(), rc, status);
         if (err != 0) {
@@ -566,8 +567,8 @@ unsigned VoMirrorState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) 
                   opid, vid);
         } else if (noSuchVolume(status)) {
             VO_TR(vo_sinkvol, vo_audit,
-                  "opid=%lld mirror sink does not exist at LP=" VO_LP_FMT " Make a new VFS.\n", opid,
-                  VO_LP_ARGS(r.lid()));
+                  "opid=%lld mirror sink does not exist at LP=" VO_LP_FMT " Make a new VFS.\n",
+                  opid, VO_LP_ARGS(r.lid()));
             VoRec named(r);
             named.genVname(nullptr);
             VolCreateIn in;
@@ -589,8 +590,9 @@ unsigned VoMirrorState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) 
             VO_TR(vo_sinkvol, vo_audit, "opid=%lld dbladeVfsCreate vfsid=%d\n", opid, vid);
             VoXdrResult<VolCreateOut_t> out(xdr_VolCreateOut_t);
             rc = VoRpcCalls::dbladeVfsCreate(&in, out.get(), sinkVol, kCreateTimeoutSec);
-            err = dbladeOutcome(VO_SITE, VoTrace::vo_sinkvol, "dbladeVfsCreate",
-                                voErrDbladeVolCreate, _opid, vid, rc, rc == 0 ? out->returnCode : 0);
+            err =
+                dbladeOutcome(VO_SITE, VoTrace::vo_sinkvol, "dbladeVfsCreate", voErrDbladeVolCreate,
+                              _opid, vid, rc, rc == 0 ? out->returnCode : 0);
             if (err != 0) {
                 setAllErr(err);
                 fail(err);
@@ -634,7 +636,8 @@ unsigned VoMirrorState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) 
                                t.tv_sec, t.tv_usec, 0, r.dver(), getExportRuleset(), APP_VOD);
         if (err != 0) {
             VO_TR(vo_vldb, vo_warn,
-                  "opid=%lld vldbCreateRecord vfsid=%d LP=" VO_LP_FMT " err.func=%d err.funcrc=%d\n",
+                  "opid=%lld vldbCreateRecord vfsid=%d LP=" VO_LP_FMT
+                  " err.func=%d err.funcrc=%d\n",
                   opid, vid, VO_LP_ARGS(r.lid()), err.func(), err.funcrc());
             fail(err);
             continue;
@@ -925,8 +928,7 @@ unsigned VoMirrorState::conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
             continue;
         }
         getLock();
-        const VoSinkPgrs* p =
-            i < _pgrs.sinks.sinks_len ? &_pgrs.sinks.sinks_val[i] : nullptr;
+        const VoSinkPgrs* p = i < _pgrs.sinks.sinks_len ? &_pgrs.sinks.sinks_val[i] : nullptr;
         const VoSinkPgrs sp = p != nullptr ? *p : VoSinkPgrs{};
         releaseLock();
         const bool forward = _rollForward && code == 0 && p != nullptr &&
@@ -949,7 +951,8 @@ unsigned VoMirrorState::conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
             VO_TR_RAW(vo_vod, vo_audit, "_pgrs.sinks.sinks_val=%p expected non-zero pointer\n",
                       static_cast<void*>(_pgrs.sinks.sinks_val));
         else if (sp.completionCode != 0 && sp.completionCode != VIC_ESINKUPTODATE)
-            VO_TR_RAW(vo_vod, vo_audit, "_pgrs.sinks.sinks_val[%u].completionCode=%d expected=0 or %d\n",
+            VO_TR_RAW(vo_vod, vo_audit,
+                      "_pgrs.sinks.sinks_val[%u].completionCode=%d expected=0 or %d\n",
                       static_cast<unsigned>(i), sp.completionCode, int(VIC_ESINKUPTODATE));
         else
             VO_TR_RAW(vo_vod, vo_audit, "_pgrs.sinks.sinks_val[%u].isDone=%d expected TRUE\n",
@@ -1106,8 +1109,11 @@ unsigned VoMirrorState::adjustVid(CLIENT* clntSinkDbladeVol, VoRec* opSink, bool
     const unsigned temp = _tempRec.vid();
     const unsigned char* lid = opSink->lid();
 
+    // Traced as adjustVid's own lines, not the lambda's.
+    const VoTraceSite site = VO_SITE;
     auto renumber = [&](unsigned from, unsigned to) -> unsigned {
-        VO_TR(vo_sinkvol, vo_audit, "opid=%lld dbladeVfsSetAttrs vfsid=%d->%d\n", opid, from, to);
+        VO_TR_AT(site, VoTrace::vo_sinkvol, VoTrace::vo_audit,
+                 "opid=%lld dbladeVfsSetAttrs vfsid=%d->%d\n", opid, from, to);
         VolSetattrIn in;
         memset(&in, 0, sizeof in);
         in.set_attrs.how = VOLSET_VOLUMEID;
@@ -1115,15 +1121,16 @@ unsigned VoMirrorState::adjustVid(CLIENT* clntSinkDbladeVol, VoRec* opSink, bool
         unsigned status = 0;
         unsigned rc = setAttrs(clntSinkDbladeVol, from, lid, in, &status);
         if (rc != 0) {
-            VO_TR(vo_sinkvol, vo_warn, "opid=%lld dbladeVfsSetAttrs vfsid=%d->%d failed:%s\n", opid,
-                  from, to, rpcErrText(rc));
+            VO_TR_AT(site, VoTrace::vo_sinkvol, VoTrace::vo_warn,
+                     "opid=%lld dbladeVfsSetAttrs vfsid=%d->%d failed:%s\n", opid, from, to,
+                     rpcErrText(rc));
             VoErr e = VoRpcCalls::foldErr(voErrDbladeVolSetAttr, static_cast<clnt_stat>(rc), 0);
             setAllErr(e);
             return e;
         }
         if (status != 0) {
-            VO_TR(vo_sinkvol, vo_warn, "opid=%lld dbladeVfsSetAttrs vfsid=%d->%d err=%#X\n", opid,
-                  from, to, status);
+            VO_TR_AT(site, VoTrace::vo_sinkvol, VoTrace::vo_warn,
+                     "opid=%lld dbladeVfsSetAttrs vfsid=%d->%d err=%#X\n", opid, from, to, status);
             setErr(voErrDbladeVolSetAttr, status);
             return voErrDbladeVolSetAttr;
         }
@@ -1150,14 +1157,15 @@ unsigned VoMirrorState::adjustVid(CLIENT* clntSinkDbladeVol, VoRec* opSink, bool
                 VO_TR(vo_sinkvol, vo_warn,
                       "opid=%lld swapVolId %d<=>%d using temp=%d at LP=" VO_LP_FMT " failed: %s\n",
                       opid, mirror, sink, temp, VO_LP_ARGS(lid), rpcErrText(rc));
-                VoErr e = VoRpcCalls::foldErr(voErrDbladeVolSwapVolId, static_cast<clnt_stat>(rc), 0);
+                VoErr e =
+                    VoRpcCalls::foldErr(voErrDbladeVolSwapVolId, static_cast<clnt_stat>(rc), 0);
                 setAllErr(e);
                 return e;
             }
             if (out->returnCode != 0) {
                 VO_TR(vo_sinkvol, vo_warn,
-                      "opid=%lld swapVolId %d<=>%d using temp=%d at LP=" VO_LP_FMT " err=%#X\n", opid,
-                      mirror, sink, temp, VO_LP_ARGS(lid), out->returnCode);
+                      "opid=%lld swapVolId %d<=>%d using temp=%d at LP=" VO_LP_FMT " err=%#X\n",
+                      opid, mirror, sink, temp, VO_LP_ARGS(lid), out->returnCode);
                 setErr(voErrDbladeVolSwapVolId, out->returnCode);
                 return voErrDbladeVolSwapVolId;
             }
@@ -1175,8 +1183,8 @@ unsigned VoMirrorState::adjustVid(CLIENT* clntSinkDbladeVol, VoRec* opSink, bool
     }
 }
 
-unsigned VoMirrorState::adjustAttrVLDB(CLIENT* clntVldb, CLIENT* clntSinkDbladeVol,
-                                       VoRec* opSink, bool, int) {
+unsigned VoMirrorState::adjustAttrVLDB(CLIENT* clntVldb, CLIENT* clntSinkDbladeVol, VoRec* opSink,
+                                       bool, int) {
     VoTrace::Depth depth;
     const long long opid = static_cast<long long>(_opid);
     const unsigned mirror = _sinkRec.vid();
@@ -1204,14 +1212,14 @@ unsigned VoMirrorState::adjustAttrVLDB(CLIENT* clntVldb, CLIENT* clntSinkDbladeV
     }
     if (found->result != 0 || found->r.r_len != 1) {
         if (found->r.r_len == 0)
-            VO_TR(vo_vldb, vo_warn, "opid=%lld no VLDB record for vfsid=%d LP=" VO_LP_FMT "\n", opid,
-                  mirror, VO_LP_ARGS(lid));
+            VO_TR(vo_vldb, vo_warn, "opid=%lld no VLDB record for vfsid=%d LP=" VO_LP_FMT "\n",
+                  opid, mirror, VO_LP_ARGS(lid));
         else
-            VO_TR(vo_vldb, vo_warn, "opid=%lld expect one VLDB record for vfsid=%d. Got %d!\n", opid,
-                  mirror, found->r.r_len);
-        setErr(voErrVldbRecordLookup,
-               found->result != 0 ? static_cast<unsigned>(found->result)
-                                   : static_cast<unsigned>(VLDB_RECORD_NOT_FOUND));
+            VO_TR(vo_vldb, vo_warn, "opid=%lld expect one VLDB record for vfsid=%d. Got %d!\n",
+                  opid, mirror, found->r.r_len);
+        setErr(voErrVldbRecordLookup, found->result != 0
+                                          ? static_cast<unsigned>(found->result)
+                                          : static_cast<unsigned>(VLDB_RECORD_NOT_FOUND));
         return voErrVldbRecordLookup;
     }
     VO_TR(vo_vldb, vo_debug, "opid=%lld vldb_record_lookup_3 returns one VLDB rec\n", opid);
@@ -1221,8 +1229,9 @@ unsigned VoMirrorState::adjustAttrVLDB(CLIENT* clntVldb, CLIENT* clntSinkDbladeV
     // and is read-only whatever it was made as.
     std::string name = rec.vfsname != nullptr ? rec.vfsname : "";
     if (name.size() > static_cast<size_t>(VoRec::VNAME_MAX)) {
-        VO_TR(vo_sinkvol, vo_warn, "opid=%lld volname length is too long (%d) Truncate it for now\n",
-              opid, static_cast<int>(name.size()));
+        VO_TR(vo_sinkvol, vo_warn,
+              "opid=%lld volname length is too long (%d) Truncate it for now\n", opid,
+              static_cast<int>(name.size()));
         name.resize(VoRec::VNAME_MAX);
     }
     VO_TR(vo_sinkvol, vo_audit, "opid=%lld dbladeVfsSetAttrs vfsid=%d\n", opid, mirror);
@@ -1241,7 +1250,8 @@ unsigned VoMirrorState::adjustAttrVLDB(CLIENT* clntVldb, CLIENT* clntSinkDbladeV
                 VO_TR(vo_sinkvol, vo_warn,
                       "opid=%lld dbladeVfsSetAttrs vfsid=%d LP=" VO_LP_FMT " err=%#X\n", opid,
                       mirror, VO_LP_ARGS(lid), status);
-            VoErr e = VoRpcCalls::foldErr(voErrDbladeVolSetAttr, static_cast<clnt_stat>(rc), status);
+            VoErr e =
+                VoRpcCalls::foldErr(voErrDbladeVolSetAttr, static_cast<clnt_stat>(rc), status);
             setAllErr(e);
             return e;
         }
@@ -1259,8 +1269,9 @@ unsigned VoMirrorState::adjustAttrVLDB(CLIENT* clntVldb, CLIENT* clntSinkDbladeV
     int vstatus = 0;
     st = vldb_record_modify_3(&in, &vstatus, clntVldb);
     if (st != RPC_SUCCESS) {
-        VO_TR(vo_vldb, vo_warn, "opid=%lld vldb_record_modify_3 vfsid=%d LP=" VO_LP_FMT " failed: %s\n",
-              opid, mirror, VO_LP_ARGS(lid), clnt_sperrno(st));
+        VO_TR(vo_vldb, vo_warn,
+              "opid=%lld vldb_record_modify_3 vfsid=%d LP=" VO_LP_FMT " failed: %s\n", opid, mirror,
+              VO_LP_ARGS(lid), clnt_sperrno(st));
         setErr(voErrVldbRecordModifyRpc, st);
         return voErrVldbRecordModifyRpc;
     }
@@ -1411,7 +1422,8 @@ unsigned VoMirrorState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDblade
     for (auto& p : _opSinkRecs) {
         VoRec* r = p.get();
         if (r->getErrCode() == VOD_ERR_LOCAL_MIRROR) {
-            VO_TR(vo_vod, vo_audit, "opid=%lld recover local mirror at the end of the loop\n", opid);
+            VO_TR(vo_vod, vo_audit, "opid=%lld recover local mirror at the end of the loop\n",
+                  opid);
             local = r;
             continue;
         }
@@ -1426,8 +1438,8 @@ unsigned VoMirrorState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDblade
         unsigned e = recoverOneMirrorFromCrash(clntVldb, sinkVol, r, target);
         if (e != 0) {
             VO_TR(vo_vod, vo_warn,
-                  "opid=%lld recoverOneMirrorFromCrash() vfsid=%d at LP=" VO_LP_FMT " err=%d\n", opid,
-                  r->vid(), VO_LP_ARGS(r->lid()), e);
+                  "opid=%lld recoverOneMirrorFromCrash() vfsid=%d at LP=" VO_LP_FMT " err=%d\n",
+                  opid, r->vid(), VO_LP_ARGS(r->lid()), e);
             if (failed == 0) failed = e;
         } else if (r->getErrCode() == 0) {
             anyRemoteForward = true;
@@ -1439,13 +1451,15 @@ unsigned VoMirrorState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDblade
     if (failed == 0) {
         const bool keepLocal = local != nullptr && (isItOnlyALocalMirror() || anyRemoteForward);
         VO_TR_RAW(vo_vod, vo_audit, "IsItOnlyALocalMirror = %d\n", int(isItOnlyALocalMirror()));
-        VO_TR_RAW(vo_vod, vo_audit, "CheckIfAnyRemoteMirrorSucceeded = %d\n", int(anyRemoteForward));
+        VO_TR_RAW(vo_vod, vo_audit, "CheckIfAnyRemoteMirrorSucceeded = %d\n",
+                  int(anyRemoteForward));
         if (keepLocal) {
             unsigned e = recoverOneMirrorFromCrash(clntVldb, clntSrcDbladeVol, local, target);
             if (e != 0) failed = e;
         } else {
             if (local != nullptr) {
-                VO_TR(vo_vod, vo_audit, "opid=%lld failing the local mirror deleting op src\n", opid);
+                VO_TR(vo_vod, vo_audit, "opid=%lld failing the local mirror deleting op src\n",
+                      opid);
                 local->setErrCode(VOD_ERR_LOCAL_MIRROR_FAILED);
             } else {
                 VO_TR(vo_vod, vo_audit, "opid=%lld no longer need op src. Delete it\n", opid);
@@ -1490,8 +1504,8 @@ unsigned VoMirrorState::determineRecoveryStrategy(CLIENT* clntVldb, CLIENT* clnt
     const unsigned long long D = opSrcDataVersion;
     *crashSubState = 0;
 
-    VO_TR(vo_vldb, vo_debug, "opid=%lld call getDataVerFromVLDB vfsid=%d at LP=" VO_LP_FMT "\n", opid,
-          _sinkRec.vid(), VO_LP_ARGS(lid));
+    VO_TR(vo_vldb, vo_debug, "opid=%lld call getDataVerFromVLDB vfsid=%d at LP=" VO_LP_FMT "\n",
+          opid, _sinkRec.vid(), VO_LP_ARGS(lid));
     int hasRec = 0;
     unsigned long long recDv = 0;
     VoErr err = getDataVerFromVLDB(clntVldb, _sinkRec.vid(), lid, &hasRec, &recDv);
@@ -1500,7 +1514,7 @@ unsigned VoMirrorState::determineRecoveryStrategy(CLIENT* clntVldb, CLIENT* clnt
         return err;
     }
     if (!hasRec) VO_TR(vo_vod, vo_audit, "opid=%lld sink VLDB rec does not exist\n", opid);
-    *isFirstMirror = !hasRec || recDv == 0 || opSink->dver() == 0;
+    *isFirstMirror = !hasRec || recDv == 0;
 
     // One volume id on the LP: present, its data version, hidden.
     struct Found {
@@ -1508,11 +1522,13 @@ unsigned VoMirrorState::determineRecoveryStrategy(CLIENT* clntVldb, CLIENT* clnt
         bool hidden = false;
         unsigned long long dv = 0;
     };
+    const VoTraceSite site = VO_SITE;
     auto look = [&](unsigned vid, const char* what, Found* f) -> unsigned {
         VoXdrResult<VolGetattrOut_t> out(xdr_VolGetattrOut_t);
         unsigned status = 0;
-        VO_TR(vo_sinkvol, vo_entry, "opid=%lld dbladeVfsGetAttrs %s vfsid=%d LP=" VO_LP_FMT "\n", opid,
-              what, vid, VO_LP_ARGS(lid));
+        VO_TR_AT(site, VoTrace::vo_sinkvol, VoTrace::vo_entry,
+                 "opid=%lld dbladeVfsGetAttrs %s vfsid=%d LP=" VO_LP_FMT "\n", opid, what, vid,
+                 VO_LP_ARGS(lid));
         unsigned rc = getAttrs(clntSinkDbladeVol, vid, lid, out, &status);
         if (rc != 0) {
             VoErr e = VoRpcCalls::foldErr(voErrDbladeVolGetAttr, static_cast<clnt_stat>(rc), 0);
@@ -1530,8 +1546,9 @@ unsigned VoMirrorState::determineRecoveryStrategy(CLIENT* clntVldb, CLIENT* clnt
         }
         f->there = true;
         f->dv = out->return_volattrs.dataVersion;
-        VO_TR(vo_sinkvol, vo_debug, "%s vfsid=%d LP=" VO_LP_FMT " dVer=%lld\n", what, vid,
-              VO_LP_ARGS(lid), static_cast<long long>(f->dv));
+        VO_TR_AT(site, VoTrace::vo_sinkvol, VoTrace::vo_debug,
+                 "%s vfsid=%d LP=" VO_LP_FMT " dVer=%lld\n", what, vid, VO_LP_ARGS(lid),
+                 static_cast<long long>(f->dv));
         return 0;
     };
     Found m, k, t;
@@ -1542,8 +1559,8 @@ unsigned VoMirrorState::determineRecoveryStrategy(CLIENT* clntVldb, CLIENT* clnt
     if (k.hidden) {
         // A half-made op sink is nobody's.
         VO_TR(vo_sinkvol, vo_audit,
-              "opid=%lld call deleteOpSink (vfsid=%u) due to the presence of a hidden volume\n", opid,
-              opSink->vid());
+              "opid=%lld call deleteOpSink (vfsid=%u) due to the presence of a hidden volume\n",
+              opid, opSink->vid());
         VoErr e = dbladeDeleteVfs(clntSinkDbladeVol, opSink->vid(), lid);
         if (e != 0 && !(e.func() == voErrDbladeVolDelete && unsigned(e) == TARN_ERR_LPMMISMATCH)) {
             VO_TR(vo_sinkvol, vo_warn, "opid=%lld got error from dbladeDeleteVfs()\n", opid);
@@ -1558,9 +1575,10 @@ unsigned VoMirrorState::determineRecoveryStrategy(CLIENT* clntVldb, CLIENT* clnt
         // the id if it is complete, else the old mirror comes back.
         *isFirstMirror = 0;
         if (k.there && k.dv == D) {
-            VO_TR(vo_vod, vo_audit,
-                  "opid=%lld no mirror! Must have failed in the middle of VolSwapID! Roll forward\n",
-                  opid);
+            VO_TR(
+                vo_vod, vo_audit,
+                "opid=%lld no mirror! Must have failed in the middle of VolSwapID! Roll forward\n",
+                opid);
             *crashSubState = 3;
         } else {
             *crashSubState = 8;  // put the old mirror back, then roll back
@@ -1617,8 +1635,8 @@ unsigned VoMirrorState::recoverOneMirrorFromCrash(CLIENT* clntVldb, CLIENT* clnt
                                            &isFirst, &sub);
     if (e != 0) {
         VO_TR(vo_vod, vo_warn,
-              "opid=%lld Cannot determine recovery strategy vfsid=%d LP=" VO_LP_FMT " err=%d\n", opid,
-              opSink->vid(), VO_LP_ARGS(opSink->lid()), e);
+              "opid=%lld Cannot determine recovery strategy vfsid=%d LP=" VO_LP_FMT " err=%d\n",
+              opid, opSink->vid(), VO_LP_ARGS(opSink->lid()), e);
         return e;
     }
     VO_TR(vo_vod, vo_audit, "opid=%lld isFirstMirror=%d crashSubState=%d\n", opid, isFirst, sub);
@@ -1647,7 +1665,8 @@ unsigned VoMirrorState::recoverOneMirrorFromCrash(CLIENT* clntVldb, CLIENT* clnt
             // Whatever the op sink's id still holds is the old mirror or a
             // copy nobody needs; then its record goes.
             VoErr d = dbladeDeleteVfs(clntSinkDbladeVol, opSink->vid(), opSink->lid());
-            if (d != 0 && !(d.func() == voErrDbladeVolDelete && unsigned(d) == TARN_ERR_LPMMISMATCH)) {
+            if (d != 0 &&
+                !(d.func() == voErrDbladeVolDelete && unsigned(d) == TARN_ERR_LPMMISMATCH)) {
                 setAllErr(d);
                 return d;
             }
@@ -1675,7 +1694,8 @@ unsigned VoMirrorState::recoverOneMirrorFromCrash(CLIENT* clntVldb, CLIENT* clnt
                   _tempRec.vid(), _sinkRec.vid());
             unsigned rc = setAttrs(clntSinkDbladeVol, _tempRec.vid(), opSink->lid(), in, &status);
             if (rc != 0 || status != 0) {
-                VoErr d = VoRpcCalls::foldErr(voErrDbladeVolSetAttr, static_cast<clnt_stat>(rc), status);
+                VoErr d =
+                    VoRpcCalls::foldErr(voErrDbladeVolSetAttr, static_cast<clnt_stat>(rc), status);
                 setAllErr(d);
                 return d;
             }
@@ -1756,7 +1776,8 @@ unsigned VoMirrorState::joinGroup(CLIENT* clntVldb, VoLidVnameIn* in, VoVidOut* 
         for (const VoRec* r : cache) {
             if (r->vid() != mirror) continue;
             VO_TR(vo_vod, vo_warn,
-                  "another instant of this mirror is moving to LP=" VO_LP_FMT "by opid=%lld optype%d\n",
+                  "another instant of this mirror is moving to LP=" VO_LP_FMT
+                  "by opid=%lld optype%d\n",
                   VO_LP_ARGS(r->lid()), r->opid(), static_cast<int>(r->opType()));
             return refuse(out, voErrValidate, voErrVodValidate, getErrorCodeForOpType(r->opType()));
         }
@@ -1871,7 +1892,8 @@ unsigned VoMirrorState::leaveGroup(CLIENT* clntVldb, CLIENT*, VoVnameIn* in, VoV
             else
                 VO_TR(vo_srcvol, vo_warn, "dbladeVfsSetAttrs err=%#X\n", status);
             VO_TR(vo_srcvol, vo_warn, "fail to change attributes\n");
-            VoErr e = VoRpcCalls::foldErr(voErrDbladeVolSetAttr, static_cast<clnt_stat>(rc), status);
+            VoErr e =
+                VoRpcCalls::foldErr(voErrDbladeVolSetAttr, static_cast<clnt_stat>(rc), status);
             return refuse(out, VoErrDblade, e.func(), e.funcrc());
         }
     }

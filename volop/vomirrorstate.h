@@ -117,8 +117,7 @@ class VoMirrorState : public VoState {
     // Gives the op sink the mirror id on its LP, from step startAt: 2 the
     // whole swap through the temp id, 3 op sink -> mirror id, 4 temp -> op
     // sink id. A first mirror is renumbered in one step.
-    unsigned adjustVid(CLIENT* clntSinkDbladeVol, VoRec* opSink, bool isFirstMirror,
-                       int startAt);
+    unsigned adjustVid(CLIENT* clntSinkDbladeVol, VoRec* opSink, bool isFirstMirror, int startAt);
     // The new mirror's attributes (read-only, its name) and its VLDB record
     // (data version). redo 0: only what a crash may have left undone.
     unsigned adjustAttrVLDB(CLIENT* clntVldb, CLIENT* clntSinkDbladeVol, VoRec* opSink,
@@ -127,11 +126,11 @@ class VoMirrorState : public VoState {
     unsigned deleteOpSrc(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
     void setCompletionCodeForSink(const VoRec* opSink, unsigned code);
 
-    unsigned recoverOneMirrorFromCrash(CLIENT* clntVldb, CLIENT* clntSinkDbladeVol,
-                                       VoRec* opSink, unsigned long long opSrcDataVersion);
-    unsigned determineRecoveryStrategy(CLIENT* clntVldb, CLIENT* clntSinkDbladeVol,
-                                       VoRec* opSink, unsigned long long opSrcDataVersion,
-                                       int* isFirstMirror, unsigned* crashSubState);
+    unsigned recoverOneMirrorFromCrash(CLIENT* clntVldb, CLIENT* clntSinkDbladeVol, VoRec* opSink,
+                                       unsigned long long opSrcDataVersion);
+    unsigned determineRecoveryStrategy(CLIENT* clntVldb, CLIENT* clntSinkDbladeVol, VoRec* opSink,
+                                       unsigned long long opSrcDataVersion, int* isFirstMirror,
+                                       unsigned* crashSubState);
 
     // The stream list: move stream i to the back (keeps the eligible first).
     void moveToBack(size_t i);

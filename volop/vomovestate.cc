@@ -94,7 +94,8 @@ bool VoMoveState::isUsing(unsigned vid, const unsigned char* lid, VoRec::VoType 
     if (_tempRec.vid() != 0) decide(_tempRec);
     for (size_t i = 0; i < _opSrcRecs.size(); i++) {
         const VoRec& r = *_opSrcRecs[i];
-        if (!decided && r.vid() == vid && memcmp(r.lid(), lid, 16) == 0 && r.vid() != _srcRec.vid()) {
+        if (!decided && r.vid() == vid && memcmp(r.lid(), lid, 16) == 0 &&
+            r.vid() != _srcRec.vid()) {
             if (i + 1 < _opSrcRecs.size()) {
                 VO_TR(vo_vod, vo_warn,
                       "Someone is looking up an old op src! Is it crash recovery?\n");
@@ -317,9 +318,9 @@ bool VoMoveState::validateFinalMove(CLIENT* clntSrcDbladeVol, bool* isFinal) {
 }
 
 unsigned VoMoveState::CheckIfThereIsEnoughSpaceOnTheSink(unsigned vfsid, const unsigned char* lid,
-                                                        CLIENT* clntDbladeVol,
-                                                        const unsigned char* lidSink,
-                                                        CLIENT* clntVldb) {
+                                                         CLIENT* clntDbladeVol,
+                                                         const unsigned char* lidSink,
+                                                         CLIENT* clntVldb) {
     VoTrace::Depth depth;
     unsigned long long needed = 0;
     {
@@ -689,8 +690,8 @@ unsigned VoMoveState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
         return voErrVldbRecordModifyRpc;
     }
     if (status != 0) {
-        VO_TR(vo_vldb, vo_warn, "opid=%lld vldb_modify_dataver_3 vfsid=%d err %s\n", opid,
-              in.vfsid, statLit(status));
+        VO_TR(vo_vldb, vo_warn, "opid=%lld vldb_modify_dataver_3 vfsid=%d err %s\n", opid, in.vfsid,
+              statLit(status));
         setErr(voErrVldbRecordModify, static_cast<unsigned>(status));
         return voErrVldbRecordModify;
     }
@@ -833,7 +834,8 @@ unsigned VoMoveState::progress(CLIENT* clntSrcDbladeIncrCopy) {
         VO_TR(vo_incrcopy, vo_warn, "opid=%lld no sink VFS?!\n", _opid);
         memset(&_pgrs.sink, 0, sizeof _pgrs.sink);
     } else {
-        if (sinks > 1) VO_TR(vo_incrcopy, vo_warn, "opid=%lld moving to %d sink VFSes?!\n", _opid, sinks);
+        if (sinks > 1)
+            VO_TR(vo_incrcopy, vo_warn, "opid=%lld moving to %d sink VFSes?!\n", _opid, sinks);
         const IncrCopyDestProgress& d = p.dstProgress.dstProgress_val[0];
         _pgrs.sink.isDone = d.isDone;
         _pgrs.sink.completionCode = d.completionCode;
@@ -934,8 +936,8 @@ unsigned VoMoveState::conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
     releaseLock();
     // A cancelled pass, or one whose start failed (its progress is still
     // the cleared one startStream left), fails here.
-    const bool ok = traceFailedStreamTest(VO_SITE, p.rc, p.src, p.sink) == 0 && !_setCancel &&
-                    _rollForward;
+    const bool ok =
+        traceFailedStreamTest(VO_SITE, p.rc, p.src, p.sink) == 0 && !_setCancel && _rollForward;
     if (!ok) _rollForward = false;
     VO_TR(vo_vod, vo_audit, "opid=%lld _rollForward=%d  _isLocalMove=%d  _isFinal=%d\n", opid,
           int(_rollForward), int(_isLocalMove), int(_isFinal));
@@ -1049,8 +1051,9 @@ unsigned VoMoveState::concludeFinalMove(CLIENT* clntVldb, CLIENT* clntSrcDbladeV
         // So the op sink's record is the stale one.
         VoErr err = vldbDeleteRecord(clntVldb, _sinkRec.vid(), _sinkRec.lid());
         if (err != 0) {
-            VO_TR(vo_vldb, vo_warn, "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n",
-                  opid, _sinkRec.vid(), err.func(), err.funcrc());
+            VO_TR(vo_vldb, vo_warn,
+                  "opid=%lld vldbDeleteRecord vfsid=%d err.func=%d err.funcrc=%d\n", opid,
+                  _sinkRec.vid(), err.func(), err.funcrc());
             setAllErr(err);
             if (failed == 0) failed = err;
         }
@@ -1105,7 +1108,8 @@ unsigned VoMoveState::deleteSink(CLIENT* clntVldb) {
     if (volumeAbsent(err)) return 0;
     VO_TR(vo_sinkvol, vo_audit, "opid=%lld delete swapped sink vfs=%d\n", opid, _srcRec.vid());
     err = dbladeDeleteVfs(sinkVol, _srcRec.vid(), _sinkRec.lid());
-    if (err != 0 && !(err.func() == voErrDbladeVolDelete && unsigned(err) == TARN_ERR_LPMMISMATCH)) {
+    if (err != 0 &&
+        !(err.func() == voErrDbladeVolDelete && unsigned(err) == TARN_ERR_LPMMISMATCH)) {
         setAllErr(err);
         return err;
     }
@@ -1245,8 +1249,8 @@ unsigned VoMoveState::recoverRegularMoveFromCrash(CLIENT* clntVldb, CLIENT* clnt
     if (_rollForward) {
         VoRec* last = currentOpSrc();
         unsigned long long dver = 0;
-        if (last == nullptr || getDataVerFromDblade(clntSrcDbladeVol, last->vid(), last->lid(),
-                                                    &dver) != 0) {
+        if (last == nullptr ||
+            getDataVerFromDblade(clntSrcDbladeVol, last->vid(), last->lid(), &dver) != 0) {
             _rollForward = false;
         } else {
             getLock();
@@ -1282,8 +1286,9 @@ unsigned VoMoveState::determineFinalMoveRecoveryStrategy(CLIENT* clntVldb) {
         err = getDataVerFromDblade(sinkVol, _srcRec.vid(), _sinkRec.lid(), nullptr);
         if (err == 0) {
             _rollForward = true;
-            VO_TR(vo_vod, vo_audit, "opid=%lld determineFinalMoveRecoveryStrategy _rollForward = %d\n",
-                  opid, int(_rollForward));
+            VO_TR(vo_vod, vo_audit,
+                  "opid=%lld determineFinalMoveRecoveryStrategy _rollForward = %d\n", opid,
+                  int(_rollForward));
         } else {
             // The swap has not happened: the source is still itself. Both
             // reads succeeding is the same reading.
@@ -1380,11 +1385,10 @@ unsigned VoMoveState::recoverFinalMoveFromCrash(CLIENT* clntVldb, CLIENT* clntSr
     }
     VO_TR(vo_vod, vo_audit, "opid=%lld recoverFinalMoveFromCrash _rollForward = %d\n", opid,
           int(_rollForward));
-    unsigned r = _rollForward
-                     ? rollForwardFinalMoveAfterRecovery(clntVldb, clntSrcDbladeVol,
-                                                         clntSrcDbladeIncrCopy)
-                     : rollBackFinalMoveAfterRecovery(clntVldb, clntSrcDbladeVol,
-                                                      clntSrcDbladeIncrCopy);
+    unsigned r =
+        _rollForward
+            ? rollForwardFinalMoveAfterRecovery(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy)
+            : rollBackFinalMoveAfterRecovery(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);
     if (r != 0) VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, r);
     return r;
 }

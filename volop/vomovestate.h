@@ -114,8 +114,8 @@ class VoMoveState : public VoState {
     // asked; 401 / 10401 or 204 / 10204 when the volume's attributes or the
     // LP's D-blade cannot be had. The error is recorded.
     unsigned CheckIfThereIsEnoughSpaceOnTheSink(unsigned vfsid, const unsigned char* lid,
-                                               CLIENT* clntDbladeVol,
-                                               const unsigned char* lidSink, CLIENT* clntVldb);
+                                                CLIENT* clntDbladeVol, const unsigned char* lidSink,
+                                                CLIENT* clntVldb);
 
   protected:
     bool validate(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) override;
@@ -154,9 +154,9 @@ class VoMoveState : public VoState {
     // The last op src, or null before the first mkRec.
     VoRec* currentOpSrc() { return _opSrcRecs.empty() ? nullptr : _opSrcRecs.back().get(); }
 
-    VoRec _sinkRec;                               // the op sink
+    VoRec _sinkRec;                                  // the op sink
     std::vector<std::unique_ptr<VoRec>> _opSrcRecs;  // one per pass, in pass order
-    VoRec _tempRec;                               // local final move only
+    VoRec _tempRec;                                  // local final move only
     // Written by the worker between passes, read by handlers: atomics.
     std::atomic<unsigned> _iteration;
     std::atomic<bool> _isFinal;

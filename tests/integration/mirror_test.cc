@@ -171,7 +171,8 @@ TEST_F(MirrorTest, DestinationsUpToDateOffendingOrCancelledLeaveTheOthersToCompl
             VoMirrorPgrsOut out{};
             bool going = vomirrorpgrs_1(&in, &out, vo()) == RPC_SUCCESS && out.rc == 0 &&
                          out.src.vnodesProcessed > 0;
-            xdr_free(reinterpret_cast<xdrproc_t>(xdr_VoMirrorPgrsOut), reinterpret_cast<char*>(&out));
+            xdr_free(reinterpret_cast<xdrproc_t>(xdr_VoMirrorPgrsOut),
+                     reinterpret_cast<char*>(&out));
             return going;
         },
         30));
@@ -364,8 +365,8 @@ namespace {
 class MirrorCrash;
 
 const char* const kMirrorHeldProcs[] = {
-    "volclone",           "incrcopymirror",     "incrcopyconclude", "volswapvolid",
-    "volsetattr",         "vldb_record_modify", "voldelete",        "vodb_delete_by_opid",
+    "volclone",           "incrcopymirror",     "incrcopyconclude",  "volswapvolid",
+    "volsetattr",         "vldb_record_modify", "voldelete",         "vodb_delete_by_opid",
     "volswapvolid.step1", "volswapvolid.step2", "volswapvolid.step3"};
 
 struct MirrorCrashPoint {
@@ -441,8 +442,8 @@ const MirrorCrashPoint kMirrorPoints[] = {
      [](MirrorCrash& t) { t.holdThenStart("vldb_record_modify"); }, false, true},
     {"FirstInTheAttributeAdjustment", false, true,
      [](MirrorCrash& t) { t.holdThenStart("vldb_record_modify"); }, false, true},
-    {"RefreshMidCleanUp", true, true, [](MirrorCrash& t) { t.holdThenStart("vodb_delete_by_opid"); },
-     false, true},
+    {"RefreshMidCleanUp", true, true,
+     [](MirrorCrash& t) { t.holdThenStart("vodb_delete_by_opid"); }, false, true},
     // The D-blade died in the id swap: nothing under the mirror id, the old
     // mirror under the temp id: the op sink, complete, takes the id.
     {"RefreshInTheSwapBeforeItsSecondStep", true, false,
@@ -488,8 +489,8 @@ TEST_P(MirrorCrash, EveryDestinationEndsWithAWholeMirror) {
     if (point.secondCrashAt != nullptr) {
         hold(point.secondCrashAt);
         restartVod();
-        ASSERT_TRUE(waitHeld(point.secondCrashAt, 90)) << "recovery never called "
-                                                        << point.secondCrashAt;
+        ASSERT_TRUE(waitHeld(point.secondCrashAt, 90))
+            << "recovery never called " << point.secondCrashAt;
         killVod();
         release(point.secondCrashAt, /*drop=*/true);
         sim({"fault", "clear"});

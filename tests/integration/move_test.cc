@@ -176,7 +176,8 @@ TEST_F(MoveTest, AWriterMakesMorePassesAndANeverSettlingSourceStopsAtTheLimit) {
     // The passes as vod started them: regular ones from clones, then the final one.
     auto count = [](const std::string& text, const std::string& what) {
         size_t n = 0;
-        for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
+        for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+            n++;
         return n;
     };
     const std::string trace = node.vodOutput();
@@ -211,10 +212,9 @@ TEST_F(MoveTest, VoctlFollowsEveryPassToTheOutcome) {
     const uint32_t vid = filled("mv.tool", "lp1a", 40, 64 * 1024);
     sim({"writer", "start", std::to_string(vid), "lp1a", "100", "--files", "10"});
     speed(8192);
-    RunResult tool = runProgram(voctlBinary(),
-                                {"--json", "move", std::to_string(vid), "lp1a", "lp2b",
-                                 "--interval", "0.02"},
-                                120);
+    RunResult tool = runProgram(
+        voctlBinary(),
+        {"--json", "move", std::to_string(vid), "lp1a", "lp2b", "--interval", "0.02"}, 120);
     sim({"writer", "stop", std::to_string(vid), "lp1a"});
     speed(0);
     ASSERT_EQ(tool.status, 0) << tool.out << tool.err;
@@ -253,15 +253,12 @@ TEST_F(MoveTest, RefusalsNameTheirCauseAndRecordNothing) {
         {"same LP", [] {}, vid, "lp1a", voErrValidate, voErrVodAddStream, kSameLp},
         {"no room on the target", [] {}, big, "tiny", voErrNotEnoughSpaceSinkLP, voErrVodValidate,
          voErrNotEnoughSpaceSinkLP},
-        {"a recorded copy of the volume",
-         [&] { addVodbRecord(0, "copy", vid, "lp1a", "src"); }, vid, "lp2a", voErrValidate,
-         voErrVodValidate, VOD_ERR_BUSY_COPY},
-        {"a recorded mirror of the volume",
-         [&] { addVodbRecord(0, "mirror", vid, "lp1a", "src"); }, vid, "lp2a", voErrValidate,
-         voErrVodValidate, VOD_ERR_BUSY_MIRROR},
-        {"a recorded delete of the volume",
-         [&] { addVodbRecord(0, "del", vid, "lp1a", "src"); }, vid, "lp2a", voErrValidate,
-         voErrVodValidate, VOD_ERR_BUSY_DELETE},
+        {"a recorded copy of the volume", [&] { addVodbRecord(0, "copy", vid, "lp1a", "src"); },
+         vid, "lp2a", voErrValidate, voErrVodValidate, VOD_ERR_BUSY_COPY},
+        {"a recorded mirror of the volume", [&] { addVodbRecord(0, "mirror", vid, "lp1a", "src"); },
+         vid, "lp2a", voErrValidate, voErrVodValidate, VOD_ERR_BUSY_MIRROR},
+        {"a recorded delete of the volume", [&] { addVodbRecord(0, "del", vid, "lp1a", "src"); },
+         vid, "lp2a", voErrValidate, voErrVodValidate, VOD_ERR_BUSY_DELETE},
     };
     const std::set<VolumeKey> before = volumeKeys();
     for (const Case& c : cases) {
@@ -310,9 +307,9 @@ class MoveCrash;
 // Every call a crash point may leave held; dropped unanswered once vod is
 // dead, as if it never arrived, unless the point lets the D-blade go on.
 const char* const kMoveHeldProcs[] = {
-    "volclone",           "vodb_update_optype_by_opid", "vodb_create",        "voldelete",
-    "incrcopymove.stop",  "incrcopymove.stream",        "incrcopymove.swap",  "incrcopymove.vldb",
-    "incrcopymove.notify"};
+    "volclone",          "vodb_update_optype_by_opid", "vodb_create",
+    "voldelete",         "incrcopymove.stop",          "incrcopymove.stream",
+    "incrcopymove.swap", "incrcopymove.vldb",          "incrcopymove.notify"};
 
 struct MoveCrashPoint {
     const char* name;
@@ -368,8 +365,7 @@ const MoveCrashPoint kMovePoints[] = {
      nullptr, false, false},
     // The D-blade finishes the pass while vod is down: the next vod goes on
     // with the next pass and completes the move.
-    {"MidPassWhileTheStreamRunsOn", false, [](MoveCrash& t) { t.midPass(); }, nullptr, false,
-     true},
+    {"MidPassWhileTheStreamRunsOn", false, [](MoveCrash& t) { t.midPass(); }, nullptr, false, true},
     {"MidPassAndTheDbladeForgotTheStream", false, [](MoveCrash& t) { t.midPass(); }, nullptr, true,
      false},
     {"BetweenPasses", false, [](MoveCrash& t) { t.holdThenStart("vodb_update_optype_by_opid"); },
@@ -391,8 +387,7 @@ const MoveCrashPoint kMovePoints[] = {
      [](MoveCrash& t) { t.holdThenStart("incrcopymove.swap"); }, nullptr, false, false},
     {"AfterTheVldbSwitch", false, [](MoveCrash& t) { t.holdThenStart("incrcopymove.notify"); },
      nullptr, false, true},
-    {"MidCleanUp", false, [](MoveCrash& t) { t.holdThenStart("voldelete"); }, nullptr, false,
-     true},
+    {"MidCleanUp", false, [](MoveCrash& t) { t.holdThenStart("voldelete"); }, nullptr, false, true},
     {"LocalMidCleanUp", true, [](MoveCrash& t) { t.holdThenStart("voldelete"); }, nullptr, false,
      true},
 };

@@ -133,8 +133,8 @@ TEST_F(VoMoveStateTest, SpaceNeededIsTheLargerOfQuotaAndUseAgainstTheUnreservedB
             lpStatus = r.lpStatus;
         }
         TestMove op(true);
-        EXPECT_EQ(r.want, op.CheckIfThereIsEnoughSpaceOnTheSink(kSrc, kLidA, clntVol, kLidB,
-                                                                clntVldb))
+        EXPECT_EQ(r.want,
+                  op.CheckIfThereIsEnoughSpaceOnTheSink(kSrc, kLidA, clntVol, kLidB, clntVldb))
             << r.what;
     }
 }
