@@ -1,18 +1,19 @@
 // Read-only mirrors: voctl mirror registers the destination LPs that hold no
 // mirror yet, starts the mirror and follows it to its end with one progress
 // bar per destination; mirror-progress, mirror-pause, mirror-resume and
-// mirror-cancel act on a mirror that runs; mirrors lists a volume's mirrors.
+// mirror-cancel act on a mirror that runs; mirrors lists a volume's mirrors;
+// mirror-join and mirror-leave add an empty member to a mirror group or take
+// one out of it.
 //
 // vod finds a mirror by its source (VFS id, LP), and is told nothing about
 // destinations: it mirrors to every LP on which the VLDB holds a record of
-// the mirror id. A destination therefore joins by getting such a record first,
-// the way an administrator would add it: read-only, data version 0 (nothing
-// mirrored yet), with the source's family and virtual server, named
-// "SOURCE@LP". voctl writes it into the VLDB itself, and takes back the
-// records it wrote when vod refuses the mirror, so that a refused mirror
+// the mirror id. A destination therefore joins the mirror group first: vod
+// registers it read-only at data version 0 (nothing mirrored yet), with the
+// source's family and virtual server; voctl mirror names it "SOURCE@LP".
+// Asking vod rather than writing the record here lets vod refuse an LP that
+// another operation is using. When vod refuses the mirror, voctl mirror takes
+// the members it registered out of the group again, so that a refused mirror
 // leaves the VLDB as it was.
-#include <sys/time.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cinttypes>
@@ -31,7 +32,6 @@
 #include "voctl/number.h"
 #include "voctl/stream_follow.h"
 #include "vorpccalls.h"
-#include "vostate.h"
 
 namespace voctl {
 namespace {
@@ -92,7 +92,7 @@ unsigned lookupRecords(CLIENT* vldb, uint32_t vfsid, const LpId* lp,
         const Rec& r = res->r.r_val[i];
         VolumeRecord v;
         v.vfsid = r.vfsid;
-        std::copy(std::begin(r.lp_uuid), std::end(r.lp_uuid), v.lp.begin());
+        v.lp = lpIdOf(r.lp_uuid);
         v.name = r.vfsname != nullptr ? r.vfsname : "";
         v.family = r.family != nullptr ? r.family : "";
         v.vserver = r.vserver;
@@ -113,9 +113,59 @@ ServiceClient connectVldb(const GlobalOptions& opts, std::string* err) {
     return c;
 }
 
-// A daemon helper's error (func, funcrc) as the composite code voctl reports.
-unsigned vldbCallCode(unsigned proc, const VoErr& e) {
-    return voCompositeCode(proc, decodableFuncrc(e.func(), e.funcrc()));
+// ---- mirror groups: vod's join and leave -------------------------------------------
+
+// vomirrorjoingroup: an empty member of key.vid's mirror group on key.dstLp,
+// named name. False when vod could not be asked.
+bool callJoin(VoClient& c, const MirrorKey& key, const std::string& name, VoVidOut* out) {
+    VoLidVnameIn in{};
+    in.vidSrc = key.vid;
+    std::copy(key.srcLp.begin(), key.srcLp.end(), in.lidSrc);
+    std::copy(key.dstLp.begin(), key.dstLp.end(), in.lidSink);
+    in.vnameSink = const_cast<char*>(name.c_str());
+    *out = VoVidOut{};
+    return c.call(vomirrorjoingroup_1, &in, out) == RPC_SUCCESS;
+}
+
+// vomirrorleavegroup: the member (mirrorVid, lp) leaves as a volume of its
+// own named name; a member never filled only loses its record (out->vid 0).
+bool callLeave(VoClient& c, uint32_t mirrorVid, const LpId& lp, const std::string& name,
+               VoVidOut* out) {
+    VoVnameIn in{};
+    in.vid = mirrorVid;
+    std::copy(lp.begin(), lp.end(), in.lid);
+    in.vname = const_cast<char*>(name.c_str());
+    *out = VoVidOut{};
+    return c.call(vomirrorleavegroup_1, &in, out) == RPC_SUCCESS;
+}
+
+VoOut voOutOf(const VoVidOut& o) { return {o.rc, o.func, o.funcrc}; }
+
+// What a refused join means, in words; "" when the triple says it all.
+std::string joinRefusalWhy(const VoVidOut& o, const MirrorKey& key, const LpNames& names) {
+    if (o.rc == voErrSinkVFSExist)
+        return "LP " + names.label(key.dstLp) + " holds a member of the group already";
+    if (o.rc == voErrSrcVFSNotExist)
+        return "the VLDB does not hold vfs " + std::to_string(key.vid) + " on LP " +
+               names.label(key.srcLp) + " as one volume";
+    if (o.rc == voErrValidate && o.func == voErrVodValidate)
+        return "a recorded operation uses the mirror id (voctl ops shows it)";
+    return "";
+}
+
+std::string leaveRefusalWhy(const VoVidOut& o, const std::string& lpLabel,
+                            const std::string& name) {
+    if (o.rc == voErrSinkVFSNotExist) return "LP " + lpLabel + " holds no member of the group";
+    if (o.rc == voErrSinkVFSExist) return "a volume named '" + name + "' exists already";
+    if (o.rc == voErrValidate && o.func == voErrVodValidate)
+        return "a recorded operation uses the member (voctl ops shows it)";
+    return "";
+}
+
+// The name a member registered by voctl mirror is given when it is taken out
+// again: any name no volume has, as vod renames a member that leaves.
+std::string unjoinedName(const std::string& srcName, const std::string& lpLabel) {
+    return mirrorRecordName(srcName, lpLabel + ".unjoined");
 }
 
 // ---- registering destinations ----------------------------------------------------
@@ -130,11 +180,12 @@ struct Member {
 
 class Registration {
   public:
-    Registration(Context& ctx, CLIENT* vldb, const MirrorKey& key, const LpNames& names)
-        : _ctx(ctx), _vldb(vldb), _key(key), _names(names) {}
+    Registration(Context& ctx, VoClient& vod, CLIENT* vldb, const MirrorKey& key,
+                 const LpNames& names)
+        : _ctx(ctx), _vod(vod), _vldb(vldb), _key(key), _names(names) {}
 
-    // Reads the source and the registered mirrors, and registers each of
-    // named that has none. On failure nothing stays registered.
+    // Reads the source and the registered mirrors, and has vod register each
+    // of named that has none. On failure nothing stays registered.
     int run(const std::vector<LpId>& named) {
         std::vector<VolumeRecord> recs;
         const std::string src = "vfs " + std::to_string(_key.vid);
@@ -156,7 +207,9 @@ class Registration {
             if (it != recs.end()) {
                 m.dataVer = it->dataVer;
             } else if (int rc = add(lp); rc != kExitOk) {
-                rollBack();
+                std::string left = rollBack();
+                if (!left.empty())
+                    _ctx.out.note("could not take the members registered now out again: " + left);
                 return rc;
             } else {
                 m.createdNow = true;
@@ -169,18 +222,28 @@ class Registration {
         return kExitOk;
     }
 
-    // Deletes the records this command made. Returns the LPs it could not
-    // clean up, in words ("" when none).
+    // Takes the members this command registered out of the group again.
+    // Returns the LPs it could not clean up, in words ("" when none).
     std::string rollBack() {
         std::string left;
         for (Member& m : _members) {
             if (!m.createdNow) continue;
-            VoErr e = VoState::vldbDeleteRecord(_vldb, mirrorIdOf(_key.vid), m.lp.data());
-            if (e != 0)
-                left += (left.empty() ? "" : ", ") + _names.label(m.lp) + " (" +
-                        decodedText(nullptr, vldbCallCode(VoProcVldbDeleteRecord, e)) + ")";
-            else
+            const std::string label = _names.label(m.lp);
+            const std::string name = unjoinedName(_src.name, label);
+            VoVidOut out{};
+            std::string why;
+            if (!callLeave(_vod, mirrorIdOf(_key.vid), m.lp, name, &out))
+                why = trimTrailing(_vod.callError());
+            else if (out.rc != voErrRcSuccess)
+                why = tripleText(&_vod, out.rc, out.func, out.funcrc);
+            else if (out.vid != 0)
+                // A volume held the mirror id there after all: it left as one of its own.
+                why = "a volume held the mirror id; it is now vfs " + std::to_string(out.vid) +
+                      " '" + name + "'";
+            if (why.empty())
                 m.createdNow = false;
+            else
+                left += (left.empty() ? "" : ", ") + label + " (" + why + ")";
         }
         return left;
     }
@@ -219,21 +282,21 @@ class Registration {
     }
 
   private:
-    // Registers the mirror on lp, as an empty member of the mirror group.
+    // Has vod register the mirror on lp, as an empty member of the group.
     int add(const LpId& lp) {
-        timeval now{};
-        gettimeofday(&now, nullptr);
-        const std::string name = mirrorRecordName(_src.name, _names.label(lp));
-        VoErr e = VoState::vldbCreateRecord(
-            _vldb, mirrorIdOf(_key.vid), lp.data(), name.c_str(), _src.family.c_str(), RO_VFS, 0,
-            static_cast<unsigned>(now.tv_sec), static_cast<unsigned>(now.tv_usec), _src.vserver, 0,
-            _src.exportRuleset, _src.appId);
-        if (e == 0) return kExitOk;
-        return lookupFailed(_ctx, "registering the mirror on LP " + _names.label(lp),
-                            vldbCallCode(VoProcVldbCreateRecord, e));
+        MirrorKey k = _key;
+        k.dstLp = lp;
+        const std::string what = "registering the mirror on LP " + _names.label(lp);
+        VoVidOut out{};
+        if (!callJoin(_vod, k, mirrorRecordName(_src.name, _names.label(lp)), &out))
+            return _ctx.callFailed(_vod);
+        if (out.rc == voErrRcSuccess) return kExitOk;
+        return reportRefusal(_ctx, &_vod, what + " refused", voOutOf(out),
+                             joinRefusalWhy(out, k, _names));
     }
 
     Context& _ctx;
+    VoClient& _vod;
     CLIENT* _vldb;
     const MirrorKey _key;
     const LpNames& _names;
@@ -295,7 +358,7 @@ class MirrorOp : public StreamOp {
         for (const VoSinkPgrs& s : r.sinks) {
             const DestState st = classifyDest(r, s);
             BarReading b;
-            b.label = _names.label(lpOf(s));
+            b.label = _names.label(lpIdOf(s.uuid));
             b.progress.megs = s.megsProcessed;
             if (st == DestState::Streaming || st == DestState::Paused || st == DestState::Done) {
                 b.progress.vnodesTotal = r.src.vnodesTotal;
@@ -345,12 +408,6 @@ class MirrorOp : public StreamOp {
     }
 
   private:
-    static LpId lpOf(const VoSinkPgrs& s) {
-        LpId id{};
-        std::copy(std::begin(s.uuid), std::end(s.uuid), id.begin());
-        return id;
-    }
-
     std::vector<DestOutcome> outcomes(VoClient* c, const StreamReport& r) const {
         const std::string opError =
             r.rc != voErrRcSuccess ? tripleText(c, r.rc, r.func, r.funcrc) : "";
@@ -423,16 +480,13 @@ int mirrorStart(Context& ctx, const MirrorArgs& a) {
         named.push_back(lp);
     }
 
-    // vod first, so that an unreachable vod leaves nothing registered.
-    std::unique_ptr<VoClient> c;
-    if (!a.registerOnly) {
-        c = ctx.connect();
-        if (!c) return kExitUnreachable;
-    }
+    // vod registers the destinations, --register-only or not.
+    std::unique_ptr<VoClient> c = ctx.connect();
+    if (!c) return kExitUnreachable;
     std::string err;
     ServiceClient vldb = connectVldb(ctx.opts, &err);
     if (!vldb) return ctx.out.failure(kExitUnreachable, err);
-    Registration reg(ctx, vldb.get(), key, names);
+    Registration reg(ctx, *c, vldb.get(), key, names);
     if (int rc = reg.run(named); rc != kExitOk) return rc;
     reg.report();
     if (a.registerOnly) return kExitOk;
@@ -457,8 +511,9 @@ int mirrorStart(Context& ctx, const MirrorArgs& a) {
         if (made > 0) {
             std::string left = reg.rollBack();
             ctx.out.note(left.empty()
-                             ? "the mirror records registered for it were removed again"
-                             : "could not remove the mirror records registered on " + left);
+                             ? "the destinations registered for it left the mirror group again"
+                             : "could not take the destinations registered for it out again: " +
+                                   left);
         }
         return rc;
     }
@@ -574,6 +629,86 @@ int listMirrors(Context& ctx, const std::string& vidText) {
     return kExitOk;
 }
 
+// The volume names the VO records carry: a longer one vod cannot decode.
+int checkMemberName(Context& ctx, const std::string& name) {
+    if (name.empty() || name.size() > kMaxMirrorName)
+        return ctx.out.failure(
+            kExitUsage, "NAME must have 1 to " + std::to_string(kMaxMirrorName) + " characters");
+    return kExitOk;
+}
+
+struct JoinArgs {
+    KeyArgs key;
+    std::string name;
+};
+
+int mirrorJoin(Context& ctx, const JoinArgs& a) {
+    if (int rc = checkMemberName(ctx, a.name); rc != kExitOk) return rc;
+    MirrorKey key;
+    LpNames names;
+    if (int rc = resolveSource(ctx, a.key.vid, a.key.srcLp, &key, &names); rc != kExitOk) return rc;
+    if (key.vid & kMirrorIdBit)
+        return ctx.out.failure(kExitUsage,
+                               "vfs " + a.key.vid + " is a mirror id; give the source's VFS id");
+    if (int rc = resolveLp(ctx, a.key.dstLp, &key.dstLp); rc != kExitOk) return rc;
+    names.add(key.dstLp, a.key.dstLp);
+    auto c = ctx.connect();
+    if (!c) return kExitUnreachable;
+    VoVidOut out{};
+    if (!callJoin(*c, key, a.name, &out)) return ctx.callFailed(*c);
+    const std::string what = "join of LP " + names.label(key.dstLp) +
+                             " to the mirror group of vfs " + std::to_string(key.vid) + " on LP " +
+                             names.label(key.srcLp);
+    if (out.rc != voErrRcSuccess)
+        return reportRefusal(ctx, c.get(), what + " refused", voOutOf(out),
+                             joinRefusalWhy(out, key, names));
+    nlohmann::json obj = voOutJson(voOutOf(out));
+    obj["action"] = "join";
+    obj["mirror"] = mirrorKeyJson(key);
+    obj["name"] = a.name;
+    obj["vfsid"] = out.vid;
+    ctx.out.result(obj, "LP " + names.label(key.dstLp) + " joined the mirror group of vfs " +
+                            std::to_string(key.vid) + ": vfs " + std::to_string(out.vid) + " '" +
+                            a.name + "', read-only and empty until the volume is next mirrored");
+    return kExitOk;
+}
+
+struct LeaveArgs {
+    std::string vid, lp, name;
+};
+
+int mirrorLeave(Context& ctx, const LeaveArgs& a) {
+    if (int rc = checkMemberName(ctx, a.name); rc != kExitOk) return rc;
+    const uint32_t mirrorVid = mirrorIdOf(*parseU32(a.vid));  // checked at parse time
+    LpId lp{};
+    if (int rc = resolveLp(ctx, a.lp, &lp); rc != kExitOk) return rc;
+    LpNames names;
+    names.add(lp, a.lp);
+    auto c = ctx.connect();
+    if (!c) return kExitUnreachable;
+    VoVidOut out{};
+    if (!callLeave(*c, mirrorVid, lp, a.name, &out)) return ctx.callFailed(*c);
+    const std::string member =
+        "mirror vfs " + std::to_string(mirrorVid) + " on LP " + names.label(lp);
+    if (out.rc != voErrRcSuccess)
+        return reportRefusal(ctx, c.get(), "leave of " + member + " refused", voOutOf(out),
+                             leaveRefusalWhy(out, names.label(lp), a.name));
+    nlohmann::json obj = voOutJson(voOutOf(out));
+    obj["action"] = "leave";
+    obj["mirrorVfsid"] = mirrorVid;
+    obj["lp"] = formatLpId(lp);
+    obj["vfsid"] = out.vid;
+    obj["dropped"] = out.vid == 0;
+    if (out.vid != 0) obj["name"] = a.name;
+    ctx.out.result(obj, out.vid == 0
+                            ? member +
+                                  " had never been filled: its VLDB record is gone and no "
+                                  "volume is left"
+                            : member + " left its mirror group: now vfs " +
+                                  std::to_string(out.vid) + " '" + a.name + "', read-only");
+    return kExitOk;
+}
+
 void addSourceArgs(CLI::App& sub, KeyArgs& a) {
     sub.add_option("VFS", a.vid, "VFS id of the mirrored volume")->required()->check(u32Check());
     sub.add_option("SRC-LP", a.srcLp, "its LP: name or 32 hex digits")->required();
@@ -599,15 +734,15 @@ const CommandRegistrar mirrorReg(
         sub.add_option("DST-LP", a->dstLps, "LPs to mirror it to: names or 32 hex digits")
             ->required();
         sub.add_flag("--register-only", a->registerOnly,
-                     "register the LPs as mirrors in the VLDB and start nothing");
+                     "have vod register the LPs as mirrors and start nothing");
         addFollowOptions(sub, "start the mirror and return", &a->noWait, &a->intervalSec);
         sub.footer(
             "vod mirrors to every LP the VLDB lists for the volume's mirror id (VFS | "
             "0x40000000).\n"
-            "A DST-LP that has no mirror yet is registered first: a read-only VLDB record of the\n"
-            "mirror id with data version 0, named SOURCE@LP. LPs registered earlier are\n"
-            "refreshed too, named or not. When vod refuses the mirror, the records registered\n"
-            "by this command are removed again.\n"
+            "A DST-LP that has no mirror yet joins the mirror group first (as mirror-join does):\n"
+            "vod registers a read-only VLDB record of the mirror id with data version 0, named\n"
+            "SOURCE@LP. LPs registered earlier are refreshed too, named or not. When vod refuses\n"
+            "the mirror, the LPs this command registered leave the group again.\n"
             "One progress bar per destination shows its megabytes and state (streaming, up to\n"
             "date, offending, done, failed); at the end a table gives each destination's\n"
             "outcome and why. Interrupting voctl does not stop the mirror: use mirror-cancel.\n"
@@ -654,6 +789,43 @@ const CommandRegistrar listReg(
             "source's data version minus the mirror's (0: up to date; a mirror registered\n"
             "but never filled is at 0).");
         return [vid](Context& ctx) { return listMirrors(ctx, *vid); };
+    });
+
+const CommandRegistrar joinReg(
+    "mirror-join", "Have vod register an empty mirror of a volume on an LP, to be filled later",
+    [](CLI::App& sub) -> Action {
+        auto a = std::make_shared<JoinArgs>();
+        addSourceArgs(sub, a->key);
+        sub.add_option("DST-LP", a->key.dstLp, "the LP to join: name or 32 hex digits")->required();
+        sub.add_option("NAME", a->name, "the member's volume name (at most 128 characters)")
+            ->required();
+        sub.footer(
+            "vod registers the mirror id (VFS | 0x40000000) on DST-LP: a read-only VLDB record\n"
+            "with data version 0 and the source's family and virtual server. Nothing is copied\n"
+            "until the volume is next mirrored (voctl mirror). vod refuses an LP that holds a\n"
+            "member already and a mirror id that a recorded operation uses.\n"
+            "Exit status 1 when vod refuses, with its error decoded.");
+        return [a](Context& ctx) { return mirrorJoin(ctx, *a); };
+    });
+
+const CommandRegistrar leaveReg(
+    "mirror-leave", "Take a mirror out of its group: it becomes a volume of its own",
+    [](CLI::App& sub) -> Action {
+        auto a = std::make_shared<LeaveArgs>();
+        sub.add_option("MIRROR-VFS", a->vid,
+                       "the mirror id, or the source's VFS id (0x40000000 is added)")
+            ->required()
+            ->check(u32Check());
+        sub.add_option("LP", a->lp, "the member's LP: name or 32 hex digits")->required();
+        sub.add_option("NEWNAME", a->name, "its new volume name (at most 128 characters)")
+            ->required();
+        sub.footer(
+            "The member gets a VFS id and the name NEWNAME of its own and stays read-only\n"
+            "(make it writable with set-rw); the other mirrors stay in the group. A member that\n"
+            "was never filled has no volume: vod only drops its VLDB record, and vfsid 0 is\n"
+            "reported. vod refuses while a recorded operation uses the member.\n"
+            "Exit status 1 when vod refuses, with its error decoded.");
+        return [a](Context& ctx) { return mirrorLeave(ctx, *a); };
     });
 
 }  // namespace

@@ -149,7 +149,7 @@ class MoveDryRun {
         c.opid = recs[i].opid;
         c.opType = recs[i].optype;
         c.vfsid = recs[i].vfsid;
-        std::copy(std::begin(recs[i].lp_uuid), std::end(recs[i].lp_uuid), c.lp.begin());
+        c.lp = lpIdOf(recs[i].lp_uuid);
         c.role = recs[i].vfsrole;
         c.busyCode = VoState::getErrorCodeForOpType(c.opType);
         _f.conflict = c;

@@ -1,16 +1,22 @@
 // Recorded operations: voctl ops lists the VODB as the VLDB holds it (what is
-// in flight, whether or not vod runs); voctl purge drops one operation's
-// records through vod.
+// in flight, whether or not vod runs), and names each destination of a
+// recorded mirror; voctl purge drops one operation's records through vod.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "dblade_lpm.h"
+#include "dldb_server.h"
 #include "vldb_server.h"
 #include "voctl/admin_common.h"
 #include "voctl/command.h"
 #include "voctl/lpid.h"
+#include "voctl/mirror_report.h"
 #include "voctl/number.h"
+#include "voctl/output.h"
 #include "voerrors.h"
 #include "vorec.h"
 
@@ -19,6 +25,141 @@ namespace {
 
 // The VODB answers this for an empty table.
 constexpr int kVodbEmpty = 135;
+
+// ---- LP names ---------------------------------------------------------------
+
+// The LPs' names as their D-blades list them: the node's DLDB gives each
+// D-blade's host, and each D-blade lists its own LPs. A D-blade that cannot
+// be asked leaves its LPs unnamed, and *why says so.
+std::map<LpId, std::string> lpNames(const std::string& host, unsigned timeoutSec,
+                                    std::string* why) {
+    std::map<LpId, std::string> names;
+    std::string err;
+    ServiceClient dldb = connectService(host, DLDB_PROG, DLDB_VERS, timeoutSec, &err);
+    if (!dldb) {
+        *why = "DLDB: " + trimTrailing(err);
+        return names;
+    }
+    XdrResult<DldbIterateRes> dblades(xdr_DldbIterateRes);
+    if (iterate_1(nullptr, dblades.get(), dldb.get()) != RPC_SUCCESS) {
+        *why = "DLDB: " + trimTrailing(clnt_sperror(dldb.get(), host.c_str()));
+        return names;
+    }
+    if (dblades->status != DLDB_STATUS_OK) {
+        *why = "DLDB: status " + std::to_string(dblades->status) + " listing the D-blades";
+        return names;
+    }
+    for (u_int i = 0; i < dblades->rec.rec_len; ++i) {
+        const DldbRec& d = dblades->rec.rec_val[i];
+        if (d.host.name == nullptr) continue;
+        const std::string where = "D-blade " + std::to_string(d.did);
+        ServiceClient lpm =
+            connectService(d.host.name, DBLADE_LPM_PROG, DBLADE_LPM_VERS, timeoutSec, &err);
+        XdrResult<LPGetAllOut> lps(xdr_LPGetAllOut);
+        u_int all = 0;
+        if (!lpm) {
+            *why = where + ": " + trimTrailing(err);
+        } else if (lp_list_all_1(&all, lps.get(), lpm.get()) != RPC_SUCCESS) {
+            *why = where + ": " + trimTrailing(clnt_sperror(lpm.get(), d.host.name));
+        } else if (lps->status != 0) {
+            *why = where + ": LP management answered status " + std::to_string(lps->status);
+        } else {
+            for (u_int j = 0; j < lps->entries.entries_len; ++j) {
+                const LPGetAllEntry& e = lps->entries.entries_val[j];
+                if (e.name != nullptr) names[lpIdOf(e.uuid)] = e.name;
+            }
+        }
+    }
+    return names;
+}
+
+// ---- recorded mirrors ---------------------------------------------------------
+
+// One destination of a recorded mirror: an op sink record.
+struct MirrorDest {
+    LpId lp{};
+    uint32_t opSink = 0;
+    // The local mirror: the frozen op src itself becomes the mirror on the
+    // source's LP, so its op sink is the op src.
+    bool local = false;
+};
+
+// A mirror's records, grouped: its source, op src and destinations. A role
+// not recorded (a half-written or half-removed operation) stays 0.
+struct RecordedMirror {
+    uint64_t opid = 0;
+    uint32_t src = 0, opSrc = 0;
+    LpId srcLp{};
+    std::vector<MirrorDest> dests;
+};
+
+std::vector<RecordedMirror> recordedMirrors(const vodbRec* recs, u_int n) {
+    std::map<uint64_t, RecordedMirror> byOpid;
+    for (u_int i = 0; i < n; ++i) {
+        const vodbRec& r = recs[i];
+        if (r.optype != VoRec::VODB_VOLOP_MIRROR) continue;
+        RecordedMirror& m = byOpid[r.opid];
+        m.opid = r.opid;
+        if (r.vfsrole == VoRec::VODB_ROLE_SRC) {
+            m.src = r.vfsid;
+            m.srcLp = lpIdOf(r.lp_uuid);
+        } else if (r.vfsrole == VoRec::VODB_ROLE_OPSRC) {
+            m.opSrc = r.vfsid;
+            if (m.src == 0) m.srcLp = lpIdOf(r.lp_uuid);  // the op src is on the source's LP
+        } else if (r.vfsrole == VoRec::VODB_ROLE_OPSINK) {
+            m.dests.push_back({lpIdOf(r.lp_uuid), r.vfsid, false});
+        }
+    }
+    std::vector<RecordedMirror> out;
+    for (auto& [opid, m] : byOpid) {
+        for (MirrorDest& d : m.dests)
+            d.local = m.opSrc != 0 && d.opSink == m.opSrc && d.lp == m.srcLp;
+        out.push_back(std::move(m));
+    }
+    return out;
+}
+
+// The mirrors as JSON and as one block of text each.
+void describeMirrors(const std::vector<RecordedMirror>& mirrors,
+                     const std::map<LpId, std::string>& names, nlohmann::json* list,
+                     std::string* text) {
+    auto nameOf = [&](const LpId& lp) {
+        auto it = names.find(lp);
+        return it != names.end() ? nlohmann::json(it->second) : nlohmann::json(nullptr);
+    };
+    auto labelOf = [&](const LpId& lp) {
+        auto it = names.find(lp);
+        return it != names.end() ? it->second : formatLpId(lp);
+    };
+    for (const RecordedMirror& m : mirrors) {
+        nlohmann::json dests = nlohmann::json::array();
+        std::vector<std::vector<std::string>> rows = {
+            {"destination", "LP", "op sink", "local mirror"}};
+        for (const MirrorDest& d : m.dests) {
+            dests.push_back({{"lp", formatLpId(d.lp)},
+                             {"lpName", nameOf(d.lp)},
+                             {"opSinkVfsid", d.opSink},
+                             {"local", d.local}});
+            rows.push_back({labelOf(d.lp), formatLpId(d.lp), std::to_string(d.opSink),
+                            d.local ? "yes" : "no"});
+        }
+        list->push_back({{"opid", m.opid},
+                         {"vfsid", m.src},
+                         {"lp", formatLpId(m.srcLp)},
+                         {"lpName", nameOf(m.srcLp)},
+                         {"opSrcVfsid", m.opSrc},
+                         {"mirrorVfsid",
+                          m.src != 0 ? nlohmann::json(mirrorIdOf(m.src)) : nlohmann::json(nullptr)},
+                         {"destinations", dests}});
+        *text += "\nmirror opid " + std::to_string(m.opid) + ": vfs " + std::to_string(m.src) +
+                 " on LP " + labelOf(m.srcLp) + ", op src vfs " + std::to_string(m.opSrc) + ", " +
+                 std::to_string(m.dests.size()) + " destination" +
+                 (m.dests.size() == 1 ? "" : "s") + "\n";
+        if (!m.dests.empty()) *text += formatColumns(rows, "  ");
+    }
+}
+
+// ---- the subcommands ----------------------------------------------------------
 
 int ops(Context& ctx, const std::string& vldbHost) {
     std::string err;
@@ -41,8 +182,7 @@ int ops(Context& ctx, const std::string& vldbHost) {
     const u_int n = res->result == 0 ? res->rec.rec_len : 0;
     for (u_int i = 0; i < n; ++i) {
         const vodbRec& r = res->rec.rec_val[i];
-        LpId lp;
-        std::copy(std::begin(r.lp_uuid), std::end(r.lp_uuid), lp.begin());
+        const LpId lp = lpIdOf(r.lp_uuid);
         std::string type = VoRec::opType2str(static_cast<unsigned>(r.optype));
         std::string role = VoRec::role2str(static_cast<unsigned>(r.vfsrole));
         std::snprintf(line, sizeof line, "%-10llu %-10s %-10u %-34s %s\n",
@@ -58,10 +198,21 @@ int ops(Context& ctx, const std::string& vldbHost) {
                         {"roleName", role}});
     }
     if (n == 0) text = "no operations recorded in the VODB";
+
+    // The node that holds the VLDB knows the LPs' names too.
+    const std::vector<RecordedMirror> mirrors = recordedMirrors(res->rec.rec_val, n);
+    nlohmann::json mirrorList = nlohmann::json::array();
+    if (!mirrors.empty()) {
+        std::string why;
+        const auto names = lpNames(vldbHost, ctx.opts.timeoutSec, &why);
+        if (!why.empty()) ctx.out.note("some LPs are shown without their names: " + why);
+        describeMirrors(mirrors, names, &mirrorList, &text);
+    }
     ctx.out.result({{"vldbHost", vldbHost},
                     {"lastCreatedOpid", res->last_create_opid},
                     {"lastDeletedOpid", res->last_delete_opid},
-                    {"ops", list}},
+                    {"ops", list},
+                    {"mirrors", mirrorList}},
                    text);
     return kExitOk;
 }
@@ -80,10 +231,19 @@ int purge(Context& ctx, const std::string& opidText) {
 }
 
 const CommandRegistrar opsReg(
-    "ops", "List the operations recorded in the VODB: opid, type, vfsid, LP, role",
+    "ops",
+    "List the operations recorded in the VODB: opid, type, vfsid, LP, role; and each "
+    "recorded mirror's destinations",
     [](CLI::App& sub) -> Action {
         auto host = std::make_shared<std::string>("localhost");
         sub.add_option("--vldb-host", *host, "node whose VLDB to read")->capture_default_str();
+        sub.footer(
+            "Under the records, each recorded mirror: its source and op src, and each\n"
+            "destination (an op sink record) with its LP's name, the op sink's VFS id and whether\n"
+            "it is the local mirror (on the source's LP, where the op src itself becomes the\n"
+            "mirror). LP names come from the D-blades of the --vldb-host node. With --json:\n"
+            "\"ops\" (one object per record) and \"mirrors\" (opid, vfsid, lp, lpName,\n"
+            "opSrcVfsid, mirrorVfsid, destinations: lp, lpName, opSinkVfsid, local).");
         return [=](Context& ctx) { return ops(ctx, *host); };
     });
 

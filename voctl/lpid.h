@@ -5,6 +5,7 @@
 #ifndef VOCTL_LPID_H
 #define VOCTL_LPID_H
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -37,6 +38,13 @@ inline std::optional<LpId> parseLpId(std::string_view text) {
         if (hi < 0 || lo < 0) return std::nullopt;
         id[i] = static_cast<uint8_t>(hi << 4 | lo);
     }
+    return id;
+}
+
+// The LP id in a protocol record's 16-byte field.
+inline LpId lpIdOf(const uint8_t* bytes) {
+    LpId id;
+    std::copy(bytes, bytes + id.size(), id.begin());
     return id;
 }
 

@@ -100,12 +100,6 @@ std::string whyOf(const DestOutcome& d, const VoSinkPgrs& s, const CodeDecoder& 
     }
 }
 
-LpId lpOf(const u_char* bytes) {
-    LpId id{};
-    std::copy(bytes, bytes + id.size(), id.begin());
-    return id;
-}
-
 }  // namespace
 
 std::vector<DestOutcome> destOutcomes(const StreamReport& r, const LpLabeler& label,
@@ -113,7 +107,7 @@ std::vector<DestOutcome> destOutcomes(const StreamReport& r, const LpLabeler& la
     std::vector<DestOutcome> out;
     for (const VoSinkPgrs& s : r.sinks) {
         DestOutcome d;
-        d.lp = lpOf(s.uuid);
+        d.lp = lpIdOf(s.uuid);
         d.label = label(d.lp);
         d.vfsid = s.vfsId;
         d.state = classifyDest(r, s);

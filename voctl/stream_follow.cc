@@ -35,12 +35,6 @@ std::string funcText(VoClient* c, unsigned func, unsigned funcrc) {
     return s;
 }
 
-LpId lpOf(const u_char* bytes) {
-    LpId id{};
-    std::copy(bytes, bytes + id.size(), id.begin());
-    return id;
-}
-
 // Lines between progress-bar redraws: on a terminal the bar's line is erased
 // first so the note does not end up glued to it.
 class Notes {
@@ -338,7 +332,7 @@ nlohmann::json reportJson(const StreamReport& r, CopyPhase phase) {
                           {"funcrc", r.funcrc},
                           {"src",
                            {{"vfsid", r.src.vfsId},
-                            {"lp", formatLpId(lpOf(r.src.uuid))},
+                            {"lp", formatLpId(lpIdOf(r.src.uuid))},
                             {"status", r.src.status},
                             {"completionCode", r.src.completionCode},
                             {"vnodesTotal", r.src.vnodesTotal},
@@ -348,7 +342,7 @@ nlohmann::json reportJson(const StreamReport& r, CopyPhase phase) {
                            {{"isDone", r.sink.isDone != 0},
                             {"completionCode", r.sink.completionCode},
                             {"vfsid", r.sink.vfsId},
-                            {"lp", formatLpId(lpOf(r.sink.uuid))},
+                            {"lp", formatLpId(lpIdOf(r.sink.uuid))},
                             {"megs", r.sink.megsProcessed}}}};
     if (r.pass >= 0) {
         obj["pass"] = r.pass;
@@ -361,7 +355,7 @@ nlohmann::json reportJson(const StreamReport& r, CopyPhase phase) {
             sinks.push_back({{"isDone", s.isDone != 0},
                              {"completionCode", s.completionCode},
                              {"vfsid", s.vfsId},
-                             {"lp", formatLpId(lpOf(s.uuid))},
+                             {"lp", formatLpId(lpIdOf(s.uuid))},
                              {"megs", s.megsProcessed},
                              {"state", destStateName(classifyDest(r, s))}});
         obj["sinks"] = sinks;
@@ -369,11 +363,16 @@ nlohmann::json reportJson(const StreamReport& r, CopyPhase phase) {
     return obj;
 }
 
-int reportRefusal(Context& ctx, VoClient* c, const std::string& what, const VoOut& out) {
-    std::string msg = what + ": " + tripleText(c, out.rc, out.func, out.funcrc);
+int reportRefusal(Context& ctx, VoClient* c, const std::string& what, const VoOut& out,
+                  const std::string& reason) {
+    const std::string triple = tripleText(c, out.rc, out.func, out.funcrc);
+    std::string msg = what + ": " + (reason.empty() ? triple : reason + " (" + triple + ")");
     if (ctx.out.json()) {
         nlohmann::json obj = voOutJson(out);
         obj["event"] = "refused";
+        if (!reason.empty()) obj["reason"] = reason;
+        if (unsigned code = decodableFuncrc(out.func, out.funcrc))
+            obj["decoded"] = decodedText(c, code);
         obj["error"] = msg;
         obj["status"] = kExitVodFailure;
         ctx.out.result(obj, "");

@@ -46,9 +46,11 @@ std::string failureReasons(VoClient* c, const StreamReport& r);
 nlohmann::json reportJson(const StreamReport& r, CopyPhase phase);
 
 // A request vod refused (its VoOut triple): "voctl: WHAT: TRIPLE" on standard
-// error and, with --json, the triple with event "refused". Returns
-// kExitVodFailure.
-int reportRefusal(Context& ctx, VoClient* c, const std::string& what, const VoOut& out);
+// error, or "voctl: WHAT: REASON (TRIPLE)" when the caller can say what the
+// refusal means, and, with --json, the triple with event "refused", the
+// reason and the decoded funcrc when there are any. Returns kExitVodFailure.
+int reportRefusal(Context& ctx, VoClient* c, const std::string& what, const VoOut& out,
+                  const std::string& reason = "");
 
 // The pause, resume and cancel subcommands: their words and how they report
 // vod's answer.
