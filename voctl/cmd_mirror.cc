@@ -24,8 +24,10 @@
 #include <utility>
 #include <vector>
 
+#include "dblade_vol.h"
 #include "vldb_server.h"
 #include "voctl/admin_common.h"
+#include "voctl/client.h"
 #include "voctl/command.h"
 #include "voctl/lpid.h"
 #include "voctl/mirror_report.h"
@@ -595,7 +597,19 @@ int listMirrors(Context& ctx, const std::string& vidText) {
     // read-write one is the source.
     auto s = std::find_if(srcs.begin(), srcs.end(),
                           [](const VolumeRecord& r) { return r.vfstype == RW_VFS; });
-    const VolumeRecord& source = s != srcs.end() ? *s : srcs[0];
+    VolumeRecord source = s != srcs.end() ? *s : srcs[0];
+    // The VLDB learns a read-write volume's data version only now and then;
+    // its D-blade, the node's own, knows it now. Data versions only rise, so
+    // the larger of the two is the current one; without an answer the
+    // record's stands.
+    {
+        std::string why;
+        ServiceClient vol = connectService(ctx.opts.host, DBLADE_VOL_PROG, DBLADE_VOL_VERS,
+                                           ctx.opts.timeoutSec, &why);
+        XdrResult<VolGetattrOut_t> attrs(xdr_VolGetattrOut_t);
+        if (vol && VoRpcCalls::dbladeGetAttrs(vol.get(), source.vfsid, source.lp.data(), *attrs) == 0)
+            source.dataVer = std::max<uint64_t>(source.dataVer, attrs->return_volattrs.dataVersion);
+    }
 
     nlohmann::json list = nlohmann::json::array();
     std::vector<std::vector<std::string>> rows = {{"LP", "D-blade", "data version", "lag", "name"}};

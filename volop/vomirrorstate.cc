@@ -282,7 +282,8 @@ bool VoMirrorState::validate(CLIENT*, CLIENT*) {
     for (size_t i = 0; i < _opSinkRecs.size();) {
         VoRec& r = *_opSinkRecs[i];
         if (r.getErrCode() != 0) break;
-        if (r.dver() == srcDver) {
+        // A member at version 0 was never filled: it is never up to date.
+        if (r.dver() != 0 && r.dver() == srcDver) {
             VO_TR(vo_vod, vo_audit, "skip up-to-date mirror at LP=" VO_LP_FMT "\n",
                   VO_LP_ARGS(r.lid()));
             r.setErrCode(VOD_ERR_UP_TO_DATE);
