@@ -607,7 +607,8 @@ int listMirrors(Context& ctx, const std::string& vidText) {
         ServiceClient vol = connectService(ctx.opts.host, DBLADE_VOL_PROG, DBLADE_VOL_VERS,
                                            ctx.opts.timeoutSec, &why);
         XdrResult<VolGetattrOut_t> attrs(xdr_VolGetattrOut_t);
-        if (vol && VoRpcCalls::dbladeGetAttrs(vol.get(), source.vfsid, source.lp.data(), *attrs) == 0)
+        if (vol &&
+            VoRpcCalls::dbladeGetAttrs(vol.get(), source.vfsid, source.lp.data(), *attrs) == 0)
             source.dataVer = std::max<uint64_t>(source.dataVer, attrs->return_volattrs.dataVersion);
     }
 

@@ -28,8 +28,6 @@ const unsigned kAttrTimeoutSec = 60;
 // Streams of a copy, as incrcopymirror_1 numbers operation types.
 const unsigned kIncrCopyOpTypeCopy = 1;
 
-const unsigned kBlocksPerMeg = (1u << 20) / VoCopyState::STREAM_BLOCK_SIZE;
-
 }  // namespace
 
 VoCopyState::VoCopyState() : _sinkRec(), _opSrcRec() { memset(&_pgrs, 0, sizeof _pgrs); }
@@ -248,8 +246,8 @@ unsigned VoCopyState::mkOpSrcSink(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     }
 
     // The sink heads a family of its own, under the name asked for.
-    return makeSink(VO_SITE, clntVldb, clntSrcDbladeVol, _opSrcRec, _sinkRec, _sinkName,
-                    _sinkName, nullptr);
+    return makeSink(VO_SITE, clntVldb, clntSrcDbladeVol, _opSrcRec, _sinkRec, _sinkName, _sinkName,
+                    nullptr);
 }
 
 unsigned VoCopyState::startStream(CLIENT* clntSrcDbladeIncrCopy, CLIENT*) {
@@ -308,51 +306,9 @@ int VoCopyState::failedSuccessTest(const VoCopyPgrsOut& p) {
 
 unsigned VoCopyState::progress(CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
-    if (clntSrcDbladeIncrCopy == nullptr) {
-        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
-        setAllErr(voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
-    if (!_dbladeIncrCopyRunning)
-        VO_TR(vo_incrcopy, vo_warn,
-              "ask for progress when opid=%lld believes !_dbladeIncrCopyRunning\n", _opid);
-    VO_TR(vo_incrcopy, vo_debug, "opid=%lld call getProgress\n", _opid);
     VoXdrResult<IncrCopyProgressOut> res(xdr_IncrCopyProgressOut);
-    // getProgress records (voErrRpcFailure, voErrDbladeIncrCopyProgressRpc, clnt_stat).
-    if (getProgress(clntSrcDbladeIncrCopy, res.get()) != 0) return voErrRpcFailure;
-
-    const unsigned status = res->rc;
-    if (status != 0) {
-        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopyprogress_1 err=%#X\n", _opid, status);
-        if (status == VIC_EOPNOTFOUND) {
-            // The D-blade has forgotten the stream: it will report nothing
-            // more, so it counts as ended, and as failed.
-            VO_TR(vo_incrcopy, vo_warn, "opid=%lld the dblade no longer knows the stream\n", _opid);
-            _dbladeIncrCopyRunning = false;
-            _rollForward = false;
-        }
-        // Any other refusal may pass: the stream stays marked running and
-        // the next poll asks again.
-        _pgrs.rc = VoErrDblade;
-        _pgrs.func = voErrDbladeIncrCopyProgress;
-        _pgrs.funcrc = status;
-        setErr(voErrDbladeIncrCopyProgress, status);
-        return voErrDbladeIncrCopyProgress;
-    }
-
+    if (unsigned r = pollStream(clntSrcDbladeIncrCopy, _pgrs, res)) return r;
     const IncrCopyPgrsOut& p = res->IncrCopyProgressOut_u.out;
-    _pgrs.voOpid = _opid;
-    _pgrs.rc = voErrRcSuccess;
-    _pgrs.func = voErrFuncSuccess;
-    _pgrs.funcrc = 0;
-    _pgrs.src.vfsId = p.srcVfsId;
-    memcpy(_pgrs.src.uuid, p.srcLpUuid, sizeof _pgrs.src.uuid);
-    _pgrs.src.status = static_cast<VoStatusCode>(p.status);
-    _pgrs.src.completionCode = p.completionCode;
-    _pgrs.src.vnodesTotal = p.vnodesTotal;
-    _pgrs.src.vnodesProcessed = p.vnodesProcessed;
-    _pgrs.src.megsProcessed = p.blksRead / kBlocksPerMeg;
-
     const unsigned sinks = p.dstProgress.dstProgress_len;
     if (sinks == 0) {
         VO_TR(vo_incrcopy, vo_warn, "opid=%lld no sink VFS?!\n", _opid);
@@ -367,11 +323,8 @@ unsigned VoCopyState::progress(CLIENT* clntSrcDbladeIncrCopy) {
         _pgrs.sink.completionCode = d.completionCode;
         _pgrs.sink.vfsId = d.vfsId;
         memcpy(_pgrs.sink.uuid, d.uuid, sizeof _pgrs.sink.uuid);
-        _pgrs.sink.megsProcessed = d.blksSent / kBlocksPerMeg;
+        _pgrs.sink.megsProcessed = d.blksSent / STREAM_BLOCKS_PER_MEG;
     }
-
-    // A poll failure that this answer outlived is no part of the copy's outcome.
-    clearErrIfFunc(voErrDbladeIncrCopyProgressRpc, voErrDbladeIncrCopyProgress);
 
     if (_pgrs.src.status == VoDone) {
         _dbladeIncrCopyRunning = false;
@@ -382,74 +335,11 @@ unsigned VoCopyState::progress(CLIENT* clntSrcDbladeIncrCopy) {
 }
 
 unsigned VoCopyState::progress(CLIENT* clntSrcDbladeIncrCopy, VoCopyPgrsOut* out) {
-    VoTrace::Depth depth;
-    const long long opid = static_cast<long long>(_opid);
-    if (getDbladeIncrCopyStatus()) {
-        unsigned r = progress(clntSrcDbladeIncrCopy);
-        *out = _pgrs;
-        out->voOpid = _opid;
-        if (r == voErrRpcFailure) {
-            setHiLvlErr(voErrRpcFailure);
-            getErr(&out->rc, &out->func, &out->funcrc);
-            return r;
-        }
-        if (r == voErrDbladeIncrCopyProgress || !getDbladeIncrCopyStatus()) {
-            out->rc = voErrEndStream;
-            out->func = voErrFuncSuccess;
-            out->funcrc = 0;
-            VO_TR(vo_vod, vo_audit, "opid=%lld vod is concluding this op\n", opid);
-            return r == voErrDbladeIncrCopyProgress ? r : 0;
-        }
-        return 0;
-    }
-
-    *out = _pgrs;
-    out->voOpid = _opid;
-    if (!retiredFromVodb() && !forceRetireFromVodb()) {
-        out->rc = _rollForward ? voErrRollForwardOp : voErrRollBackOp;
-        out->func = voErrFuncSuccess;
-        out->funcrc = 0;
-        VO_TR(vo_vod, vo_audit, "opid=%lld vod is concluding this op\n", opid);
-        return 0;
-    }
-    getErr(&out->rc, &out->func, &out->funcrc);
-    setMgmtGotLastProgress();
-    // Kept for another poll of the same answer until a new operation on the
-    // source starts (VoServer::retireMatchingOps).
-    setRetainOpAfterLastProgress();
-    VO_TR(vo_vod, vo_audit, "opid=%lld report last progress to mgmt\n", opid);
-    return 0;
+    return answerProgress(clntSrcDbladeIncrCopy, _pgrs, out);
 }
 
 void VoCopyState::cancel(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
-    VoTrace::Depth depth;
-    if (clntSrcDbladeIncrCopy == nullptr) {
-        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
-        *out = VoOut{voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT};
-        return;
-    }
-    IncrCopyCancelIn in;
-    memset(&in, 0, sizeof in);
-    in.opId = _opid;
-    in.dstVfsId = _sinkRec.vid();
-    memcpy(in.dstLpUuid, _sinkRec.lid(), sizeof in.dstLpUuid);
-    VO_TR(vo_incrcopy, vo_entry, "incrcopycancel_1 opid=%lld\n", _opid);
-    u_int status = 0;
-    clnt_stat st = incrcopycancel_1(&in, &status, clntSrcDbladeIncrCopy);
-    if (st != RPC_SUCCESS) {
-        VO_TR(vo_incrcopy, vo_warn, "incrcopycancel_1 opid=%lld failed: %s\n", _opid,
-              clnt_sperrno(st));
-        *out = VoOut{voErrRpcFailure, voErrDbladeIncrCopyCancelRpc, static_cast<u_int>(st)};
-        return;
-    }
-    if (status != 0) {
-        VO_TR(vo_incrcopy, vo_warn, "incrcopycancel_1 opid=%lld err=%#X\n", _opid, status);
-        *out = VoOut{VoErrDblade, voErrDbladeIncrCopyCancel, status};
-        return;
-    }
-    _setCancel = true;
-    VO_TR(vo_incrcopy, vo_audit, "opid=%lld cancelled\n", _opid);
-    *out = VoOut{voErrRcSuccess, voErrFuncSuccess, 0};
+    cancelStreamTo(clntSrcDbladeIncrCopy, _sinkRec, out);
 }
 
 // ---- Conclusion. ----
@@ -540,22 +430,9 @@ unsigned VoCopyState::concludeCopy(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, C
         }
     }
 
-    if (failed != 0 && forceRetireFromVodb()) {
-        VO_TR(vo_vod, vo_warn, "opid=%lld forced to retire\n", opid);
-        dbgDump();
-    }
     // With a step unfinished the records stay, so that crash recovery
     // repeats the clean-up later.
-    if (failed != 0 && !forceRetireFromVodb()) return failed;
-
-    VO_TR(vo_vod, vo_audit, "opid=%lld call deleteVodbRec\n", opid);
-    VoErr err = deleteVodbRec(clntVldb);
-    if (err != 0) {
-        VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, unsigned(err));
-        setAllErr(err);
-        return failed != 0 ? failed : unsigned(err);
-    }
-    return failed;
+    return finishRecords(failed, clntVldb);
 }
 
 unsigned VoCopyState::deleteSink(CLIENT* clntVldb) {
@@ -628,8 +505,8 @@ unsigned VoCopyState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
 unsigned VoCopyState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
                                        CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
-    if (unsigned r = missingClient(VO_SITE, voErrVodCrashRecovery, clntVldb,
-                                   clntSrcDbladeVol, clntSrcDbladeIncrCopy))
+    if (unsigned r = missingClient(VO_SITE, voErrVodCrashRecovery, clntVldb, clntSrcDbladeVol,
+                                   clntSrcDbladeIncrCopy))
         return r;
     if (retiredFromVodb()) {
         VO_TR(vo_vod, vo_audit, "retiredFromVodb()=1 already\n");

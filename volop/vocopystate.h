@@ -35,8 +35,7 @@
 
 class VoCopyState : public VoState {
   public:
-    // The D-blades count stream progress in blocks of this size.
-    static constexpr unsigned STREAM_BLOCK_SIZE = 4096;
+    static constexpr unsigned STREAM_BLOCK_SIZE = STREAM_BLOCK_BYTES;
 
     VoCopyState();
     ~VoCopyState() override;

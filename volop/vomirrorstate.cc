@@ -34,7 +34,6 @@ const unsigned kSwapTimeoutSec = 120;
 
 // Streams of a mirror, as the D-blade numbers operation types.
 const unsigned kIncrCopyOpTypeMirror = 2;
-const unsigned kBlocksPerMeg = (1u << 20) / 4096;
 
 // D-blade answers about a volume: none at all, not on that LP, and a hidden
 // volume under that id.
@@ -739,43 +738,13 @@ unsigned VoMirrorState::startStream(CLIENT* clntSrcDbladeIncrCopy, CLIENT*) {
 unsigned VoMirrorState::progress(CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
     const long long opid = static_cast<long long>(_opid);
-    if (clntSrcDbladeIncrCopy == nullptr) {
-        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
-        setAllErr(voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
-    if (!_dbladeIncrCopyRunning)
-        VO_TR(vo_incrcopy, vo_warn,
-              "ask for progress when opid=%lld believes !_dbladeIncrCopyRunning\n", opid);
-    VO_TR(vo_incrcopy, vo_debug, "opid=%lld call getProgress\n", opid);
     VoXdrResult<IncrCopyProgressOut> res(xdr_IncrCopyProgressOut);
-    if (getProgress(clntSrcDbladeIncrCopy, res.get()) != 0) return voErrRpcFailure;
-    const unsigned status = res->rc;
-    if (status != 0) {
-        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopyprogress_1 err=%#X\n", opid, status);
-        if (status == VIC_EOPNOTFOUND) {
+    if (unsigned r = pollStream(clntSrcDbladeIncrCopy, _pgrs, res)) {
+        if (r == voErrDbladeIncrCopyProgress && res->rc == VIC_EOPNOTFOUND)
             opNotFoundWithDblade = true;
-            _dbladeIncrCopyRunning = false;
-            _rollForward = false;
-        }
-        _pgrs.rc = VoErrDblade;
-        _pgrs.func = voErrDbladeIncrCopyProgress;
-        _pgrs.funcrc = status;
-        setErr(voErrDbladeIncrCopyProgress, status);
-        return voErrDbladeIncrCopyProgress;
+        return r;
     }
     const IncrCopyPgrsOut& p = res->IncrCopyProgressOut_u.out;
-    _pgrs.voOpid = _opid;
-    _pgrs.rc = voErrRcSuccess;
-    _pgrs.func = voErrFuncSuccess;
-    _pgrs.funcrc = 0;
-    _pgrs.src.vfsId = p.srcVfsId;
-    memcpy(_pgrs.src.uuid, p.srcLpUuid, sizeof _pgrs.src.uuid);
-    _pgrs.src.status = static_cast<VoStatusCode>(p.status);
-    _pgrs.src.completionCode = p.completionCode;
-    _pgrs.src.vnodesTotal = p.vnodesTotal;
-    _pgrs.src.vnodesProcessed = p.vnodesProcessed;
-    _pgrs.src.megsProcessed = p.blksRead / kBlocksPerMeg;
     if (_pgrs.sinks.sinks_val == nullptr) {
         VO_TR(vo_incrcopy, vo_warn, "opid=%lld _pgrs.sinks.sinks_val=0\n", opid);
     } else {
@@ -798,10 +767,9 @@ unsigned VoMirrorState::progress(CLIENT* clntSrcDbladeIncrCopy) {
             s.completionCode = d.completionCode;
             s.vfsId = d.vfsId;
             memcpy(s.uuid, d.uuid, sizeof s.uuid);
-            s.megsProcessed = d.blksSent / kBlocksPerMeg;
+            s.megsProcessed = d.blksSent / STREAM_BLOCKS_PER_MEG;
         }
     }
-    clearErrIfFunc(voErrDbladeIncrCopyProgressRpc, voErrDbladeIncrCopyProgress);
     if (_pgrs.src.status == VoDone) {
         _dbladeIncrCopyRunning = false;
         if (_pgrs.src.completionCode != 0) _rollForward = false;
@@ -969,23 +937,9 @@ unsigned VoMirrorState::conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
     // an operation that had finished.
     if (failed == 0) failed = settleOpSrc(clntVldb, clntSrcDbladeVol);
 
-    if (failed != 0 && forceRetireFromVodb()) {
-        VO_TR(vo_vod, vo_warn, "opid=%lld forced to retire\n", opid);
-        dbgDump();
-    }
     // With a step unfinished the records stay, so that recovery repeats it.
-    if (failed != 0 && !forceRetireFromVodb()) {
-        setHiLvlErr(voErrRollBackOp);
-        return failed;
-    }
-    VO_TR(vo_vod, vo_audit, "opid=%lld call deleteVodbRec\n", opid);
-    VoErr err = deleteVodbRec(clntVldb);
-    if (err != 0) {
-        VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, unsigned(err));
-        setAllErr(err);
-        return failed != 0 ? failed : unsigned(err);
-    }
-    return failed;
+    if (failed != 0 && !forceRetireFromVodb()) setHiLvlErr(voErrRollBackOp);
+    return finishRecords(failed, clntVldb);
 }
 
 unsigned VoMirrorState::settleOpSrc(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {

@@ -33,8 +33,6 @@ const unsigned kAttrTimeoutSec = 60;
 const unsigned kIncrCopyOpTypeMove = 3;
 const unsigned kIncrCopyOpTypeFinalMove = 4;
 
-const unsigned kBlocksPerMeg = (1u << 20) / 4096;
-
 // D-blade answers for a volume it does not hold: on no LP at all, or not on
 // the LP asked about.
 const unsigned kTarnErrVolNotFound = 16;
@@ -794,41 +792,9 @@ unsigned VoMoveState::startStream(CLIENT* clntSrcDbladeIncrCopy, CLIENT*) {
 
 unsigned VoMoveState::progress(CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
-    if (clntSrcDbladeIncrCopy == nullptr) {
-        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
-        setAllErr(voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
-        return VOD_ERR_NO_DBLADE_CLIENT;
-    }
     VoXdrResult<IncrCopyProgressOut> res(xdr_IncrCopyProgressOut);
-    if (getProgress(clntSrcDbladeIncrCopy, res.get()) != 0) return voErrRpcFailure;
-
-    const unsigned status = res->rc;
-    if (status != 0) {
-        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopyprogress_1 err=%#X\n", _opid, status);
-        if (status == VIC_EOPNOTFOUND) {
-            // The D-blade has forgotten the stream: it ended, and failed.
-            _dbladeIncrCopyRunning = false;
-            _rollForward = false;
-        }
-        _pgrs.rc = VoErrDblade;
-        _pgrs.func = voErrDbladeIncrCopyProgress;
-        _pgrs.funcrc = status;
-        setErr(voErrDbladeIncrCopyProgress, status);
-        return voErrDbladeIncrCopyProgress;
-    }
-
+    if (unsigned r = pollStream(clntSrcDbladeIncrCopy, _pgrs, res)) return r;
     const IncrCopyPgrsOut& p = res->IncrCopyProgressOut_u.out;
-    _pgrs.voOpid = _opid;
-    _pgrs.rc = voErrRcSuccess;
-    _pgrs.func = voErrFuncSuccess;
-    _pgrs.funcrc = 0;
-    _pgrs.src.vfsId = p.srcVfsId;
-    memcpy(_pgrs.src.uuid, p.srcLpUuid, sizeof _pgrs.src.uuid);
-    _pgrs.src.status = static_cast<VoStatusCode>(p.status);
-    _pgrs.src.completionCode = p.completionCode;
-    _pgrs.src.vnodesTotal = p.vnodesTotal;
-    _pgrs.src.vnodesProcessed = p.vnodesProcessed;
-    _pgrs.src.megsProcessed = p.blksRead / kBlocksPerMeg;
     const unsigned sinks = p.dstProgress.dstProgress_len;
     if (sinks == 0) {
         VO_TR(vo_incrcopy, vo_warn, "opid=%lld no sink VFS?!\n", _opid);
@@ -841,11 +807,10 @@ unsigned VoMoveState::progress(CLIENT* clntSrcDbladeIncrCopy) {
         _pgrs.sink.completionCode = d.completionCode;
         _pgrs.sink.vfsId = d.vfsId;
         memcpy(_pgrs.sink.uuid, d.uuid, sizeof _pgrs.sink.uuid);
-        _pgrs.sink.megsProcessed = d.blksSent / kBlocksPerMeg;
+        _pgrs.sink.megsProcessed = d.blksSent / STREAM_BLOCKS_PER_MEG;
     }
     _pgrs.isFinalLoop = _isFinal;
     _pgrs.loopNum = static_cast<int>(_isFinal ? _iteration.load() : _iteration.load() - 1);
-    clearErrIfFunc(voErrDbladeIncrCopyProgressRpc, voErrDbladeIncrCopyProgress);
     if (_pgrs.src.status == VoDone) {
         _dbladeIncrCopyRunning = false;
         if (failedStreamTest(_pgrs.rc, _pgrs.src, _pgrs.sink) != 0) _rollForward = false;
@@ -854,72 +819,13 @@ unsigned VoMoveState::progress(CLIENT* clntSrcDbladeIncrCopy) {
 }
 
 unsigned VoMoveState::progress(CLIENT* clntSrcDbladeIncrCopy, VoMovePgrsOut* out) {
-    VoTrace::Depth depth;
-    const long long opid = static_cast<long long>(_opid);
-    if (getDbladeIncrCopyStatus()) {
-        unsigned r = progress(clntSrcDbladeIncrCopy);
-        *out = _pgrs;
-        out->voOpid = _opid;
-        if (r == voErrRpcFailure) {
-            setHiLvlErr(voErrRpcFailure);
-            getErr(&out->rc, &out->func, &out->funcrc);
-            return r;
-        }
-        if (r == voErrDbladeIncrCopyProgress || !getDbladeIncrCopyStatus()) {
-            out->rc = voErrEndStream;
-            out->func = voErrFuncSuccess;
-            out->funcrc = 0;
-            VO_TR(vo_vod, vo_audit, "opid=%lld vod is concluding this op\n", opid);
-            return r == voErrDbladeIncrCopyProgress ? r : 0;
-        }
-        return 0;
-    }
-    *out = _pgrs;
-    out->voOpid = _opid;
+    unsigned r = answerProgress(clntSrcDbladeIncrCopy, _pgrs, out);
     out->isFinalLoop = _isFinal;
-    if (!retiredFromVodb() && !forceRetireFromVodb()) {
-        out->rc = _rollForward ? voErrRollForwardOp : voErrRollBackOp;
-        out->func = voErrFuncSuccess;
-        out->funcrc = 0;
-        VO_TR(vo_vod, vo_audit, "opid=%lld vod is concluding this op\n", opid);
-        return 0;
-    }
-    getErr(&out->rc, &out->func, &out->funcrc);
-    setMgmtGotLastProgress();
-    setRetainOpAfterLastProgress();
-    VO_TR(vo_vod, vo_audit, "opid=%lld report last progress to mgmt\n", opid);
-    return 0;
+    return r;
 }
 
 void VoMoveState::cancel(CLIENT* clntSrcDbladeIncrCopy, VoOut* out) {
-    VoTrace::Depth depth;
-    if (clntSrcDbladeIncrCopy == nullptr) {
-        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
-        *out = VoOut{voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT};
-        return;
-    }
-    IncrCopyCancelIn in;
-    memset(&in, 0, sizeof in);
-    in.opId = _opid;
-    in.dstVfsId = _sinkRec.vid();
-    memcpy(in.dstLpUuid, _sinkRec.lid(), sizeof in.dstLpUuid);
-    VO_TR(vo_incrcopy, vo_entry, "incrcopycancel_1 opid=%lld\n", _opid);
-    u_int status = 0;
-    clnt_stat st = incrcopycancel_1(&in, &status, clntSrcDbladeIncrCopy);
-    if (st != RPC_SUCCESS) {
-        VO_TR(vo_incrcopy, vo_warn, "incrcopycancel_1 opid=%lld failed: %s\n", _opid,
-              clnt_sperrno(st));
-        *out = VoOut{voErrRpcFailure, voErrDbladeIncrCopyCancelRpc, static_cast<u_int>(st)};
-        return;
-    }
-    if (status != 0) {
-        VO_TR(vo_incrcopy, vo_warn, "incrcopycancel_1 opid=%lld err=%#X\n", _opid, status);
-        *out = VoOut{VoErrDblade, voErrDbladeIncrCopyCancel, status};
-        return;
-    }
-    _setCancel = true;
-    VO_TR(vo_incrcopy, vo_audit, "opid=%lld cancelled\n", _opid);
-    *out = VoOut{voErrRcSuccess, voErrFuncSuccess, 0};
+    cancelStreamTo(clntSrcDbladeIncrCopy, _sinkRec, out);
 }
 
 // ---- Conclusion. ----
@@ -1001,14 +907,7 @@ unsigned VoMoveState::concludeRegularMove(CLIENT* clntVldb, CLIENT* clntSrcDblad
         VO_TR(vo_vod, vo_warn, "opid=%lld deleteOpSrc err=%d\n", opid, r);
         if (failed == 0) failed = r;
     }
-    if (failed != 0 && !forceRetireFromVodb()) return failed;
-    VoErr err = deleteVodbRec(clntVldb);
-    if (err != 0) {
-        VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, unsigned(err));
-        setAllErr(err);
-        return failed != 0 ? failed : unsigned(err);
-    }
-    return failed;
+    return finishRecords(failed, clntVldb);
 }
 
 unsigned VoMoveState::concludeFinalMove(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
@@ -1066,19 +965,8 @@ unsigned VoMoveState::concludeFinalMove(CLIENT* clntVldb, CLIENT* clntSrcDbladeV
         VO_TR(vo_vod, vo_warn, "opid=%lld deleteOpSrc err=%d\n", opid, r);
         if (failed == 0) failed = r;
     }
-    if (failed != 0 && forceRetireFromVodb()) {
-        VO_TR(vo_vod, vo_warn, "opid=%lld forced to retire\n", opid);
-        dbgDump();
-    }
-    if (failed != 0 && !forceRetireFromVodb()) return failed;
-    VoErr err = deleteVodbRec(clntVldb);
-    if (err != 0) {
-        VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, unsigned(err));
-        setAllErr(err);
-        return failed != 0 ? failed : unsigned(err);
-    }
     (void)clntSrcDbladeIncrCopy;
-    return failed;
+    return finishRecords(failed, clntVldb);
 }
 
 unsigned VoMoveState::deleteSink(CLIENT* clntVldb) {

@@ -872,8 +872,8 @@ VoErr VoState::dbladeOutcome(VoTraceSite at, VoTrace::Module mod, const char* ca
                              unsigned long long opid, unsigned vfsid, unsigned rc,
                              unsigned status) {
     if (rc != 0) {
-        VO_TR_AT(at, mod, VoTrace::vo_warn, "opid=%lld %s vfsid=%d failed: %s\n", opid, call,
-                 vfsid, rpcErrText(rc));
+        VO_TR_AT(at, mod, VoTrace::vo_warn, "opid=%lld %s vfsid=%d failed: %s\n", opid, call, vfsid,
+                 rpcErrText(rc));
         return VoRpcCalls::foldErr(func, static_cast<clnt_stat>(rc), 0);
     }
     if (status != 0) {
@@ -930,8 +930,9 @@ unsigned VoState::deleteVolume(VoTraceSite site, VoTrace::Module mod, CLIENT* cl
                      " err.func=%d err.funcrc=%d\n",
                      opid, vid, VO_LP_ARGS(lid), err.func(), err.funcrc());
         else
-            VO_TR_AT(site, mod, warn, "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n",
-                     opid, vid, err.func(), err.funcrc());
+            VO_TR_AT(site, mod, warn,
+                     "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n", opid, vid,
+                     err.func(), err.funcrc());
         setAllErr(err);
         return err;
     }
@@ -1047,8 +1048,8 @@ unsigned VoState::cloneOpSrc(VoTraceSite site, CLIENT* clntVldb, CLIENT* clntSrc
     const unsigned opSrcVid = opSrc.vid();
     const unsigned char* srcLid = _srcRec.lid();
     // Streaming from a clone leaves the source free to change meanwhile.
-    VO_TR_AT(site, VoTrace::vo_srcvol, VoTrace::vo_audit, "opid=%lld dbladeCloneVfs src %d clone %d\n",
-             opid, srcVid, opSrcVid);
+    VO_TR_AT(site, VoTrace::vo_srcvol, VoTrace::vo_audit,
+             "opid=%lld dbladeCloneVfs src %d clone %d\n", opid, srcVid, opSrcVid);
     VolCloneIn in;
     memset(&in, 0, sizeof in);
     in.srcVfsID = srcVid;
@@ -1096,9 +1097,9 @@ unsigned VoState::makeSink(VoTraceSite site, CLIENT* clntVldb, CLIENT* clntSrcDb
         memcpy(in.lpUUID, srcLid, sizeof in.lpUUID);
         unsigned rc =
             VoRpcCalls::dbladeVfsGetAttrs(&in, attrs.get(), clntSrcDbladeVol, kDbladeTimeoutSec);
-        VoErr err = dbladeOutcome(site, VoTrace::vo_srcvol, "dbladeVfsGetAttrs",
-                                  voErrDbladeVolGetAttr, opid, opSrcVid, rc,
-                                  rc == 0 ? attrs->returnCode : 0);
+        VoErr err =
+            dbladeOutcome(site, VoTrace::vo_srcvol, "dbladeVfsGetAttrs", voErrDbladeVolGetAttr,
+                          opid, opSrcVid, rc, rc == 0 ? attrs->returnCode : 0);
         if (err != 0) {
             setAllErr(err);
             return err;
@@ -1137,8 +1138,8 @@ unsigned VoState::makeSink(VoTraceSite site, CLIENT* clntVldb, CLIENT* clntSrcDb
         in.vfsID = sinkVid;
         tarn_volsetattrx_t& set = in.set_attrs;
         set.how = VOLSET_MINQUOTA | VOLSET_MAXQUOTA | VOLSET_VOLNAME | VOLSET_MOUNTEDATVOLNAME |
-                  VOLSET_MOUNTEDATDIRVNODE | VOLSET_MOUNTEDATDIRUNIQUE | VOLSET_MOUNTEDATPARENTVNODE |
-                  VOLSET_MOUNTEDATPARENTUNIQUE | VOLSET_VIRTUALSERVER;
+                  VOLSET_MOUNTEDATDIRVNODE | VOLSET_MOUNTEDATDIRUNIQUE |
+                  VOLSET_MOUNTEDATPARENTVNODE | VOLSET_MOUNTEDATPARENTUNIQUE | VOLSET_VIRTUALSERVER;
         set.attrs.minQuota = src.minQuota;
         set.attrs.maxQuota = src.maxQuota;
         set.attrs.volname = &volName[0];
@@ -1148,8 +1149,8 @@ unsigned VoState::makeSink(VoTraceSite site, CLIENT* clntVldb, CLIENT* clntSrcDb
         set.attrs.virtualServer = src.virtualServer;
         VoXdrResult<VolCreateOut_t> out(xdr_VolCreateOut_t);
         unsigned rc = VoRpcCalls::dbladeVfsCreate(&in, out.get(), sinkVol, kCreateTimeoutSec);
-        err = dbladeOutcome(site, VoTrace::vo_sinkvol, "dbladeVfsCreate", voErrDbladeVolCreate, opid,
-                            sinkVid, rc, rc == 0 ? out->returnCode : 0);
+        err = dbladeOutcome(site, VoTrace::vo_sinkvol, "dbladeVfsCreate", voErrDbladeVolCreate,
+                            opid, sinkVid, rc, rc == 0 ? out->returnCode : 0);
         if (err != 0) {
             setAllErr(err);
             return err;
@@ -1167,8 +1168,8 @@ unsigned VoState::makeSink(VoTraceSite site, CLIENT* clntVldb, CLIENT* clntSrcDb
     // is nobody's root), of the source's kind (read-write only when the
     // source is), expected at the data version the stream brings, with the
     // source's virtual server, export rules and owner.
-    VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_audit, "opid=%lld call vldbCreateRecord for sink %d\n",
-             opid, sinkVid);
+    VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_audit,
+             "opid=%lld call vldbCreateRecord for sink %d\n", opid, sinkVid);
     timeval t = now();
     err = vldbCreateRecord(clntVldb, sinkVid, sink.lid(), vldbName.c_str(), vldbName.c_str(),
                            isSrcRW() ? RW_VFS : RO_VFS, 0, t.tv_sec, t.tv_usec, srcVldb.vserver,
@@ -1248,3 +1249,50 @@ unsigned VoState::determineRecoveryStrategy(CLIENT* clntVldb, VoRec& sink) {
     return 0;
 }
 
+void VoState::cancelStreamTo(CLIENT* clntSrcDbladeIncrCopy, const VoRec& sink, VoOut* out) {
+    VoTrace::Depth depth;
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        *out = VoOut{voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT};
+        return;
+    }
+    IncrCopyCancelIn in;
+    memset(&in, 0, sizeof in);
+    in.opId = _opid;
+    in.dstVfsId = sink.vid();
+    memcpy(in.dstLpUuid, sink.lid(), sizeof in.dstLpUuid);
+    VO_TR(vo_incrcopy, vo_entry, "incrcopycancel_1 opid=%lld\n", _opid);
+    u_int status = 0;
+    clnt_stat st = incrcopycancel_1(&in, &status, clntSrcDbladeIncrCopy);
+    if (st != RPC_SUCCESS) {
+        VO_TR(vo_incrcopy, vo_warn, "incrcopycancel_1 opid=%lld failed: %s\n", _opid,
+              clnt_sperrno(st));
+        *out = VoOut{voErrRpcFailure, voErrDbladeIncrCopyCancelRpc, static_cast<u_int>(st)};
+        return;
+    }
+    if (status != 0) {
+        VO_TR(vo_incrcopy, vo_warn, "incrcopycancel_1 opid=%lld err=%#X\n", _opid, status);
+        *out = VoOut{VoErrDblade, voErrDbladeIncrCopyCancel, status};
+        return;
+    }
+    _setCancel = true;
+    VO_TR(vo_incrcopy, vo_audit, "opid=%lld cancelled\n", _opid);
+    *out = VoOut{voErrRcSuccess, voErrFuncSuccess, 0};
+}
+
+unsigned VoState::finishRecords(unsigned failed, CLIENT* clntVldb) {
+    const long long opid = static_cast<long long>(_opid);
+    if (failed != 0 && forceRetireFromVodb()) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld forced to retire\n", opid);
+        dbgDump();
+    }
+    if (failed != 0 && !forceRetireFromVodb()) return failed;
+    VO_TR(vo_vod, vo_audit, "opid=%lld call deleteVodbRec\n", opid);
+    VoErr err = deleteVodbRec(clntVldb);
+    if (err != 0) {
+        VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, unsigned(err));
+        setAllErr(err);
+        return failed != 0 ? failed : unsigned(err);
+    }
+    return failed;
+}

@@ -25,6 +25,7 @@
 
 #include <pthread.h>
 #include <rpc/rpc.h>
+#include <string.h>
 
 #include <atomic>
 #include <mutex>
@@ -85,6 +86,11 @@ struct VoErrTriple {
 };
 
 class VoState {
+  public:
+    // The D-blades count stream progress in blocks of this size.
+    static constexpr unsigned STREAM_BLOCK_BYTES = 4096;
+    static constexpr unsigned STREAM_BLOCKS_PER_MEG = (1u << 20) / STREAM_BLOCK_BYTES;
+
     // The registry, the pool and the server drive the lifecycle fields
     // directly, as the operation's own code does.
     friend class VoStateList;
@@ -300,9 +306,8 @@ class VoState {
     // VODB cache, validate, mkRec, then mark the records stored. Traces from
     // site, its step lines at stepLvl. A failed refresh records refreshHiLvl
     // as the high-level code unless it is voErrRcSuccess. Returns as prepare.
-    unsigned refreshValidateRecord(VoTraceSite site, VoTrace::Level stepLvl,
-                                   voErrRc refreshHiLvl, CLIENT* clntVldb,
-                                   CLIENT* clntSrcDbladeVol);
+    unsigned refreshValidateRecord(VoTraceSite site, VoTrace::Level stepLvl, voErrRc refreshHiLvl,
+                                   CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
     // ---- Steps the operations with a stream share. ----
 
     // Opens a client to the D-blade serving LP lid (learning its id into
@@ -357,8 +362,35 @@ class VoState {
     // helper's transport answer; status: the D-blade's) into a VoErr, tracing
     // a failure as "opid=%lld <call> vfsid=%d failed: %s" or "... err=%#X".
     static VoErr dbladeOutcome(VoTraceSite at, VoTrace::Module mod, const char* call,
-                               voErrFunc func, unsigned long long opid, unsigned vfsid,
-                               unsigned rc, unsigned status);
+                               voErrFunc func, unsigned long long opid, unsigned vfsid, unsigned rc,
+                               unsigned status);
+
+    // One poll of the stream for a progress record pgrs (any of the
+    // operations' records: rc, func, funcrc, voOpid, src): the answer goes
+    // into res and the source's counters into pgrs. 0 when the D-blade
+    // answered with progress; voErrRpcFailure on a transport failure (the
+    // error recorded); voErrDbladeIncrCopyProgress when it refused the poll,
+    // recorded in pgrs and the error (VIC_EOPNOTFOUND: it has forgotten the
+    // stream, which then counts as ended and failed); 5004 without client.
+    template <class Pgrs>
+    unsigned pollStream(CLIENT* clntSrcDbladeIncrCopy, Pgrs& pgrs,
+                        VoXdrResult<IncrCopyProgressOut>& res);
+    // Asks the D-blade to cancel the stream into sink; the answer goes into
+    // out (zero on success). Called by a handler holding the operation lock.
+    void cancelStreamTo(CLIENT* clntSrcDbladeIncrCopy, const VoRec& sink, VoOut* out);
+    // A management progress request answered from the operation's last
+    // progress pgrs: while the stream runs it polls first (progress());
+    // voErrEndStream once the stream is over, voErrRollForwardOp or
+    // voErrRollBackOp while the operation concludes, and once it is retired
+    // from the VODB its final error triple, which marks the last progress as
+    // delivered. Returns 0, 6 or 505 as the poll did. Lock held by the caller.
+    template <class Out>
+    unsigned answerProgress(CLIENT* clntSrcDbladeIncrCopy, const Out& pgrs, Out* out);
+    // The end of a conclusion: with every step done (failed 0), or when the
+    // operation is forced to retire, its VODB records go; otherwise they
+    // stay so that recovery repeats what is unfinished. Returns failed, or
+    // the record removal's code when only that failed.
+    unsigned finishRecords(unsigned failed, CLIENT* clntVldb);
 
     // vldb_record_lookup_3 of (vfsid, lid), both name strings empty. Judging
     // the transport answer and the status is the caller's; out is the
@@ -402,5 +434,94 @@ class VoState {
     std::mutex _errLock;
     VoErrTriple _err;
 };
+
+template <class Pgrs>
+unsigned VoState::pollStream(CLIENT* clntSrcDbladeIncrCopy, Pgrs& pgrs,
+                             VoXdrResult<IncrCopyProgressOut>& res) {
+    if (clntSrcDbladeIncrCopy == nullptr) {
+        VO_TR(vo_incrcopy, vo_warn, "clntSrcDbladeIncrCopy=0\n");
+        setAllErr(voErrNoResource, voErrVodSanityCheck, VOD_ERR_NO_DBLADE_CLIENT);
+        return VOD_ERR_NO_DBLADE_CLIENT;
+    }
+    if (!_dbladeIncrCopyRunning)
+        VO_TR(vo_incrcopy, vo_warn,
+              "ask for progress when opid=%lld believes !_dbladeIncrCopyRunning\n", _opid);
+    VO_TR(vo_incrcopy, vo_debug, "opid=%lld call getProgress\n", _opid);
+    // getProgress records (voErrRpcFailure, voErrDbladeIncrCopyProgressRpc, clnt_stat).
+    if (getProgress(clntSrcDbladeIncrCopy, res.get()) != 0) return voErrRpcFailure;
+    const unsigned status = res->rc;
+    if (status != 0) {
+        VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopyprogress_1 err=%#X\n", _opid, status);
+        if (status == VIC_EOPNOTFOUND) {
+            // The D-blade has forgotten the stream: it will report nothing
+            // more, so it counts as ended, and as failed.
+            VO_TR(vo_incrcopy, vo_warn, "opid=%lld the dblade no longer knows the stream\n", _opid);
+            _dbladeIncrCopyRunning = false;
+            _rollForward = false;
+        }
+        // Any other refusal may pass: the stream stays marked running and
+        // the next poll asks again.
+        pgrs.rc = VoErrDblade;
+        pgrs.func = voErrDbladeIncrCopyProgress;
+        pgrs.funcrc = status;
+        setErr(voErrDbladeIncrCopyProgress, status);
+        return voErrDbladeIncrCopyProgress;
+    }
+    const IncrCopyPgrsOut& p = res->IncrCopyProgressOut_u.out;
+    pgrs.voOpid = _opid;
+    pgrs.rc = voErrRcSuccess;
+    pgrs.func = voErrFuncSuccess;
+    pgrs.funcrc = 0;
+    pgrs.src.vfsId = p.srcVfsId;
+    memcpy(pgrs.src.uuid, p.srcLpUuid, sizeof pgrs.src.uuid);
+    pgrs.src.status = static_cast<VoStatusCode>(p.status);
+    pgrs.src.completionCode = p.completionCode;
+    pgrs.src.vnodesTotal = p.vnodesTotal;
+    pgrs.src.vnodesProcessed = p.vnodesProcessed;
+    pgrs.src.megsProcessed = p.blksRead / STREAM_BLOCKS_PER_MEG;
+    // A poll failure that this answer outlived is no part of the outcome.
+    clearErrIfFunc(voErrDbladeIncrCopyProgressRpc, voErrDbladeIncrCopyProgress);
+    return 0;
+}
+
+template <class Out>
+unsigned VoState::answerProgress(CLIENT* clntSrcDbladeIncrCopy, const Out& pgrs, Out* out) {
+    VoTrace::Depth depth;
+    const long long opid = static_cast<long long>(_opid);
+    if (getDbladeIncrCopyStatus()) {
+        unsigned r = progress(clntSrcDbladeIncrCopy);
+        *out = pgrs;
+        out->voOpid = _opid;
+        if (r == voErrRpcFailure) {
+            setHiLvlErr(voErrRpcFailure);
+            getErr(&out->rc, &out->func, &out->funcrc);
+            return r;
+        }
+        if (r == voErrDbladeIncrCopyProgress || !getDbladeIncrCopyStatus()) {
+            out->rc = voErrEndStream;
+            out->func = voErrFuncSuccess;
+            out->funcrc = 0;
+            VO_TR(vo_vod, vo_audit, "opid=%lld vod is concluding this op\n", opid);
+            return r == voErrDbladeIncrCopyProgress ? r : 0;
+        }
+        return 0;
+    }
+    *out = pgrs;
+    out->voOpid = _opid;
+    if (!retiredFromVodb() && !forceRetireFromVodb()) {
+        out->rc = _rollForward ? voErrRollForwardOp : voErrRollBackOp;
+        out->func = voErrFuncSuccess;
+        out->funcrc = 0;
+        VO_TR(vo_vod, vo_audit, "opid=%lld vod is concluding this op\n", opid);
+        return 0;
+    }
+    getErr(&out->rc, &out->func, &out->funcrc);
+    setMgmtGotLastProgress();
+    // Kept for another poll of the same answer until a new operation on the
+    // source starts (VoServer::retireMatchingOps).
+    setRetainOpAfterLastProgress();
+    VO_TR(vo_vod, vo_audit, "opid=%lld report last progress to mgmt\n", opid);
+    return 0;
+}
 
 #endif  // VOLOP_VOSTATE_H
