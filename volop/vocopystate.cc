@@ -505,30 +505,10 @@ unsigned VoCopyState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
 unsigned VoCopyState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
                                        CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
-    if (unsigned r = missingClient(VO_SITE, voErrVodCrashRecovery, clntVldb, clntSrcDbladeVol,
-                                   clntSrcDbladeIncrCopy))
-        return r;
-    if (retiredFromVodb()) {
-        VO_TR(vo_vod, vo_audit, "retiredFromVodb()=1 already\n");
-        return 0;
-    }
+    unsigned over = 0;
+    if (recoveryIsOver(VO_SITE, "Copy", clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy, &over))
+        return over;
     const long long opid = static_cast<long long>(_opid);
-
-    if (forceRetireFromVodb()) {
-        VO_TR(vo_vod, vo_warn, "opid=%lld fail to recover Copy\n", opid);
-        VO_TR(vo_vod, vo_warn, "opid=%lld leaves everything intact. Just purge the op\n", opid);
-        {
-            // The records go to the trace whatever the mask says, on this thread only.
-            VoTrace::ThreadMask dumpAll(0x1000 | 2);
-            dbgDump();
-        }
-        VoErr err = deleteVodbRec(clntVldb);
-        if (err != 0) {
-            VO_TR(vo_vod, vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid, unsigned(err));
-            setAllErr(err);
-        }
-        return err;
-    }
 
     VO_TR(vo_vod, vo_audit, "opid=%lld call determineRecoveryStrategy\n", opid);
     if (determineRecoveryStrategy(clntVldb, _sinkRec) != 0) {

@@ -1323,21 +1323,10 @@ unsigned VoMirrorState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
 unsigned VoMirrorState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
                                          CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
-    if (unsigned r = missingClient(VO_SITE, voErrVodCrashRecovery, clntVldb, clntSrcDbladeVol,
-                                   clntSrcDbladeIncrCopy))
-        return r;
-    if (retiredFromVodb()) {
-        VO_TR(vo_vod, vo_audit, "retiredFromVodb()=1 already\n");
-        return 0;
-    }
+    unsigned over = 0;
+    if (recoveryIsOver(VO_SITE, "Mirror", clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy, &over))
+        return over;
     const long long opid = static_cast<long long>(_opid);
-    if (forceRetireFromVodb()) {
-        VO_TR(vo_vod, vo_warn, "opid=%lld fail to recover Mirror\n", opid);
-        VO_TR(vo_vod, vo_warn, "opid=%lld leaves everything intact. Just purge the op\n", opid);
-        VoErr err = deleteVodbRec(clntVldb);
-        if (err != 0) setAllErr(err);
-        return err;
-    }
 
     // The version every stream was to reach: the op src's, as the D-blade
     // holds it, else as its VLDB record says (a local mirror may already

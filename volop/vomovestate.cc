@@ -1087,35 +1087,18 @@ unsigned VoMoveState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
 unsigned VoMoveState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
                                        CLIENT* clntSrcDbladeIncrCopy) {
     VoTrace::Depth depth;
-    if (unsigned r = missingClient(VO_SITE, voErrVodCrashRecovery, clntVldb, clntSrcDbladeVol,
-                                   clntSrcDbladeIncrCopy))
-        return r;
-    if (retiredFromVodb()) {
-        VO_TR(vo_vod, vo_audit, "retiredFromVodb()=1 already\n");
-        return 0;
-    }
-    const long long opid = static_cast<long long>(_opid);
-    if (forceRetireFromVodb()) {
-        VO_TR(vo_vod, vo_warn, "opid=%lld fail to recover Move\n", opid);
-        VO_TR(vo_vod, vo_warn, "opid=%lld leaves everything intact. Just purge the op\n", opid);
-        {
-            VoTrace::ThreadMask dumpAll(0x1000 | 2);
-            dbgDump();
-        }
-        VoErr err = deleteVodbRec(clntVldb);
-        if (err != 0) setAllErr(err);
-        return err;
-    }
+    unsigned over = 0;
+    if (recoveryIsOver(VO_SITE, "Move", clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy, &over))
+        return over;
     // Whether a volume is read-write decides how the passes go; a rebuilt
     // move has not seen its source yet.
-    {
+    for (const VoRec* where : {&_srcRec, &_sinkRec}) {
         VoXdrResult<vldb_record_lookup_result> found(xdr_vldb_record_lookup_result);
-        if (lookupVfs(clntVldb, _srcRec.vid(), _srcRec.lid(), found.get()) == RPC_SUCCESS &&
-            found->result == 0 && found->r.r_len == 1)
+        if (lookupVfs(clntVldb, _srcRec.vid(), where->lid(), found.get()) == RPC_SUCCESS &&
+            found->result == 0 && found->r.r_len == 1) {
             setSrcVfsType(found->r.r_val[0].vfstype);
-        else if (lookupVfs(clntVldb, _srcRec.vid(), _sinkRec.lid(), found.get()) == RPC_SUCCESS &&
-                 found->result == 0 && found->r.r_len == 1)
-            setSrcVfsType(found->r.r_val[0].vfstype);
+            break;
+        }
     }
     if (!_isFinal)
         return recoverRegularMoveFromCrash(clntVldb, clntSrcDbladeVol, clntSrcDbladeIncrCopy);

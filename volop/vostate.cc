@@ -1296,3 +1296,33 @@ unsigned VoState::finishRecords(unsigned failed, CLIENT* clntVldb) {
     }
     return failed;
 }
+
+bool VoState::recoveryIsOver(VoTraceSite site, const char* kind, CLIENT* clntVldb,
+                             CLIENT* clntSrcDbladeVol, CLIENT* clntSrcDbladeIncrCopy,
+                             unsigned* rc) {
+    *rc = missingClient(site, voErrVodCrashRecovery, clntVldb, clntSrcDbladeVol,
+                        clntSrcDbladeIncrCopy);
+    if (*rc != 0) return true;
+    if (retiredFromVodb()) {
+        VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_audit, "retiredFromVodb()=1 already\n");
+        return true;
+    }
+    if (!forceRetireFromVodb()) return false;
+    const long long opid = static_cast<long long>(_opid);
+    VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_warn, "opid=%lld fail to recover %s\n", opid, kind);
+    VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_warn,
+             "opid=%lld leaves everything intact. Just purge the op\n", opid);
+    {
+        // The records go to the trace whatever the mask says, on this thread only.
+        VoTrace::ThreadMask dumpAll(0x1000 | 2);
+        dbgDump();
+    }
+    VoErr err = deleteVodbRec(clntVldb);
+    if (err != 0) {
+        VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_warn, "opid=%lld deleteVodbRec err=%d\n", opid,
+                 unsigned(err));
+        setAllErr(err);
+    }
+    *rc = err;
+    return true;
+}

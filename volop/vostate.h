@@ -386,6 +386,14 @@ class VoState {
     // delivered. Returns 0, 6 or 505 as the poll did. Lock held by the caller.
     template <class Out>
     unsigned answerProgress(CLIENT* clntSrcDbladeIncrCopy, const Out& pgrs, Out* out);
+    // The start every recoverFromCrash shares: the clients are checked
+    // (traced from site), an operation already retired from the VODB needs
+    // nothing, and after too many attempts only its VODB records go, the
+    // volumes staying as they are (the records traced first; kind names the
+    // operation in "fail to recover <kind>"). True when the caller is done,
+    // with its result in *rc.
+    bool recoveryIsOver(VoTraceSite site, const char* kind, CLIENT* clntVldb,
+                        CLIENT* clntSrcDbladeVol, CLIENT* clntSrcDbladeIncrCopy, unsigned* rc);
     // The end of a conclusion: with every step done (failed 0), or when the
     // operation is forced to retire, its VODB records go; otherwise they
     // stay so that recovery repeats what is unfinished. Returns failed, or
