@@ -14,6 +14,7 @@
 # built there (Release). Needs root: everything runs in a private network,
 # mount and PID namespace with its own rpcbind.
 set -euo pipefail
+. "$(dirname "$(realpath "$0")")/lib.sh"
 
 sizes="1 16 64"
 rounds=3
@@ -59,25 +60,11 @@ work=$(mktemp -d /tmp/copy_bench.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 sock=$work/sim/control.sock
 
-wait_for() {
-    local deadline=$((SECONDS + $1))
-    shift
-    until "$@" >/dev/null 2>&1; do
-        ((SECONDS < deadline)) || return 1
-        sleep 0.05
-    done
-}
 
 ms_between() {
     awk -v a="$1" -v b="$2" 'BEGIN { printf "%.1f", (b - a) / 1e6 }'
 }
 
-# Median of the numbers given.
-median() {
-    printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END {
-        if (NR == 0) print "n/a"; else if (NR % 2) print v[(NR + 1) / 2];
-        else printf "%.1f\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 
 "$sim" --dir "$work/sim" --quiet >"$work/sim.log" 2>&1 &
 wait_for 20 "$simctl" --control "$sock" ping ||

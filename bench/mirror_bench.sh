@@ -13,6 +13,7 @@
 # built there (Release). Needs root: everything runs in a private network,
 # mount and PID namespace with its own rpcbind.
 set -euo pipefail
+. "$(dirname "$(realpath "$0")")/lib.sh"
 
 size=64
 rounds=3
@@ -29,15 +30,7 @@ if [[ "${1:-}" != --in-sandbox ]]; then
     (($# <= 1)) || { sed -n '9,14p' "$0" >&2; exit 2; }
     repo=$(cd "$(dirname "$0")/.." && pwd)
     dir=${1:-$repo/build-bench}
-    for b in "$dir/volop/vod" "$dir/voctl/voctl" "$dir/sim/vodsim" "$dir/sim/vodsimctl"; do
-        if [[ ! -x $b ]]; then
-            if [[ ! -f $dir/CMakeCache.txt ]]; then
-                cmake -S "$repo" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVOD_TESTS=OFF
-            fi
-            cmake --build "$dir" -j2 --target vod voctl vodsim vodsimctl
-            break
-        fi
-    done
+    bench_build "$repo" "$dir" vod voctl vodsim vodsimctl
     exec bash "$repo/scripts/node-sandbox.sh" \
         bash "$(realpath "$0")" --in-sandbox "$(realpath "$dir")" "$size" "$rounds"
 fi
@@ -50,27 +43,9 @@ trap 'rm -rf "$work"' EXIT
 sock=$work/sim/control.sock
 simctl() { "$simctl" --control "$sock" "$@"; }
 
-wait_for() {
-    local deadline=$((SECONDS + $1))
-    shift
-    until "$@" >/dev/null 2>&1; do
-        ((SECONDS < deadline)) || return 1
-        sleep 0.05
-    done
-}
-median() {
-    printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END {
-        if (NR == 0) print "n/a"; else if (NR % 2) print v[(NR + 1) / 2];
-        else printf "%.1f\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 ms_since() { awk -v a="$1" -v b="$(date +%s%N)" 'BEGIN { printf "%.1f", (b - a) / 1e6 }'; }
 
-"$sim" --dir "$work/sim" --quiet >"$work/sim.log" 2>&1 &
-wait_for 20 simctl ping ||
-    { echo "mirror_bench: the simulator did not start" >&2; tail -n 20 "$work/sim.log" >&2; exit 1; }
-"$vod" -d0 >"$work/vod.log" 2>&1 &
-wait_for 20 "$voctl" ping ||
-    { echo "mirror_bench: vod did not answer" >&2; tail -n 20 "$work/vod.log" >&2; exit 1; }
+bench_node mirror_bench "$dir" "$work" 0
 
 files=$((size * 4))
 # A fresh source volume of the size, on lp1a; its VFS id.

@@ -15,6 +15,7 @@
 # built there (Release). Needs root: everything runs in a private network,
 # mount and PID namespace with its own rpcbind.
 set -euo pipefail
+. "$(dirname "$(realpath "$0")")/lib.sh"
 
 size=64
 rate=10
@@ -33,15 +34,7 @@ if [[ "${1:-}" != --in-sandbox ]]; then
     (($# <= 1)) || { sed -n '9,16p' "$0" >&2; exit 2; }
     repo=$(cd "$(dirname "$0")/.." && pwd)
     dir=${1:-$repo/build-bench}
-    for b in "$dir/volop/vod" "$dir/voctl/voctl" "$dir/sim/vodsim" "$dir/sim/vodsimctl"; do
-        if [[ ! -x $b ]]; then
-            if [[ ! -f $dir/CMakeCache.txt ]]; then
-                cmake -S "$repo" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVOD_TESTS=OFF
-            fi
-            cmake --build "$dir" -j2 --target vod voctl vodsim vodsimctl
-            break
-        fi
-    done
+    bench_build "$repo" "$dir" vod voctl vodsim vodsimctl
     exec bash "$repo/scripts/node-sandbox.sh" \
         bash "$(realpath "$0")" --in-sandbox "$(realpath "$dir")" "$size" "$rate" "$rounds"
 fi
@@ -54,23 +47,8 @@ trap 'rm -rf "$work"' EXIT
 sock=$work/sim/control.sock
 simctl() { "$simctl" --control "$sock" "$@"; }
 
-wait_for() {
-    local deadline=$((SECONDS + $1))
-    shift
-    until "$@" >/dev/null 2>&1; do
-        ((SECONDS < deadline)) || return 1
-        sleep 0.05
-    done
-}
 
-"$sim" --dir "$work/sim" --quiet >"$work/sim.log" 2>&1 &
-wait_for 20 simctl ping ||
-    { echo "move_bench: the simulator did not start" >&2; tail -n 20 "$work/sim.log" >&2; exit 1; }
-# Preset 2: one audit line per step, with the milliseconds the pass timings
-# are read from.
-"$vod" -d2 >"$work/vod.log" 2>&1 &
-wait_for 20 "$voctl" ping ||
-    { echo "move_bench: vod did not answer" >&2; tail -n 20 "$work/vod.log" >&2; exit 1; }
+bench_node move_bench "$dir" "$work" 2
 
 # Seconds since midnight of a trace line's time.
 trace_secs() { awk '{ split($4, t, ":"); printf "%.3f\n", t[1] * 3600 + t[2] * 60 + t[3] }'; }
