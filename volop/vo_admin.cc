@@ -8,8 +8,8 @@
 // fails after an earlier one created something, the handler undoes that one
 // step and does not retry.
 //
-// Dump and restore cookies are not handed out yet: those two procedures
-// answer "Not supported".
+// Dump and restore only hand out the cookie here; the stream itself arrives
+// on the dump/restore socket (VoServer::tcpVfsOp).
 #include <stdlib.h>
 #include <string.h>
 #include <sys/time.h>
@@ -21,6 +21,7 @@
 #include "dldb_server.h"
 #include "vldb_server.h"
 #include "vodelstate.h"
+#include "vodumplabel.h"
 #include "voerrors.h"
 #include "vorpccalls.h"
 #include "vorpcclient.h"
@@ -28,6 +29,7 @@
 #include "vostate.h"
 #include "vostatelist.h"
 #include "votrace.h"
+#include "util/tcpdump_frame.h"
 
 namespace {
 
@@ -419,14 +421,91 @@ void VoServer::vfsClone(unsigned vfsId, CloneVfsOut* out) {
 
 // --- dump, restore, cancel --------------------------------------------------
 
-void VoServer::vfsDump(DumpVfsIn*, DumpVfsOut* out) {
+// Clients swap the port's low 16 bits back; the value goes out in host
+// order on purpose, and names 909 whatever port the socket really has.
+static const unsigned kDumpPortField = htons(909);
+
+void VoServer::vfsDump(DumpVfsIn* in, DumpVfsOut* out) {
+    VoTrace::Depth depth;
+    VO_TR(vo_vod, vo_audit, "vfsId=%u\n", in->fromVfsId);
     memset(out, 0, sizeof *out);
-    out->code = kNotSupported;
+    unsigned char lid[16];
+    {
+        VoRPCClient vldb;
+        if (!connectLocal(vldb, VLDB_PROG, VLDB_VERS)) {
+            out->code = kNoVldbClient;
+            return;
+        }
+        unsigned kind = 0;
+        if (unsigned r = VoRpcCalls::findLpByVfsId(vldb, in->fromVfsId, lid, kind)) {
+            out->code = r;
+            return;
+        }
+    }
+    // The field need not be terminated.
+    char prior[sizeof in->priorDumpLabel + 1];
+    memcpy(prior, in->priorDumpLabel, sizeof in->priorDumpLabel);
+    prior[sizeof in->priorDumpLabel] = '\0';
+    DumpLabel label;
+    if (unsigned r = label.initialize(prior)) {
+        out->code = voCompositeCode(VoProcVodVfsDumpOldLabel, r + VOD_ERR_BASE);
+        return;
+    }
+    TcpVfsOpCookie* c = static_cast<TcpVfsOpCookie*>(calloc(1, TCP_DUMP_COOKIE_LEN));
+    if (c == nullptr) {
+        out->code = voCompositeCode(VoProcVodVfsDump, VOD_ERR_BASE + VOD_ERR_NO_MEMORY);
+        return;
+    }
+    c->requestType = TCP_REQ_DUMP;
+    c->u.dump.fromVfsId = in->fromVfsId;
+    memcpy(c->u.dump.lpId, lid, sizeof c->u.dump.lpId);
+    c->u.dump.dumpFromDV = label.getToDV() + 1;
+    c->u.dump.skipClone = in->skipClone;
+    const size_t n = strnlen(in->dumpName, sizeof in->dumpName);
+    c->u.dump.dumpNameLength = static_cast<uint32_t>(n);
+    memcpy(c->u.dump.dumpName, in->dumpName, n);
+    out->code = 0;
+    out->port = kDumpPortField;
+    // The RPC layer frees the cookie after the reply.
+    out->cookie.cookie_len = TCP_DUMP_COOKIE_LEN;
+    out->cookie.cookie_val = reinterpret_cast<char*>(c);
 }
 
-void VoServer::vfsRestore(RestoreVfsIn*, RestoreVfsOut* out) {
+void VoServer::vfsRestore(RestoreVfsIn* in, RestoreVfsOut* out) {
+    VoTrace::Depth depth;
+    VO_TR(vo_vod, vo_audit, "vfsId=%u\n", in->vfsId);
     memset(out, 0, sizeof *out);
-    out->code = kNotSupported;
+    if (in->vfsId == 0) {
+        out->code = voCompositeCode(VoProcVodVfsRestore, VOD_ERR_BASE + VOD_ERR_INVALID_VFSID);
+        return;
+    }
+    unsigned char lid[16];
+    {
+        VoRPCClient vldb;
+        if (!connectLocal(vldb, VLDB_PROG, VLDB_VERS)) {
+            out->code = kNoVldbClient;
+            return;
+        }
+        unsigned kind = 0;
+        if (unsigned r = VoRpcCalls::findLpByVfsId(vldb, in->vfsId, lid, kind)) {
+            out->code = r;
+            return;
+        }
+    }
+    TcpVfsOpCookie* c = static_cast<TcpVfsOpCookie*>(calloc(1, TCP_RESTORE_COOKIE_LEN));
+    if (c == nullptr) {
+        // The dump's code: the two share it.
+        out->code = voCompositeCode(VoProcVodVfsDump, VOD_ERR_BASE + VOD_ERR_NO_MEMORY);
+        return;
+    }
+    c->requestType = TCP_REQ_RESTORE;
+    c->u.restore.force = in->force;
+    c->u.restore.toVfsId = in->vfsId;
+    memcpy(c->u.restore.lpId, lid, sizeof c->u.restore.lpId);
+    out->code = 0;
+    out->port = kDumpPortField;
+    out->cookie.cookie_len = TCP_RESTORE_COOKIE_LEN;
+    out->cookie.cookie_val = reinterpret_cast<char*>(c);
 }
 
 void VoServer::vfsOpCancel(unsigned long long opid, unsigned* code) {

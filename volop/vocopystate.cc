@@ -182,35 +182,10 @@ unsigned VoCopyState::mkRec(CLIENT* clntVldb) {
     _opSrcRec.setRole(VoRec::VODB_ROLE_OPSRC);
 
     // Source, sink, op src: the records a crash recovery rebuilds the copy from.
-    vodbRec recs[3];
-    memset(recs, 0, sizeof recs);
-    _srcRec.toVodbRec(&recs[0]);
-    _sinkRec.toVodbRec(&recs[1]);
-    _opSrcRec.toVodbRec(&recs[2]);
-    vodb_create2_input in;
-    memset(&in, 0, sizeof in);
-    in.new_create_opid = 0;  // the VODB hands out the id
-    in.rec.rec_len = 3;
-    in.rec.rec_val = recs;
-
-    VoXdrResult<vodb_create2_result> res(xdr_vodb_create2_result);
-    VO_TR(vo_vldb, vo_entry, "vodb_create2_3 opid=%lld\n", _opid);
-    clnt_stat st = vodb_create2_3(&in, res.get(), clntVldb);
-    if (st != RPC_SUCCESS) {
-        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld failed: %s\n", _opid, clnt_sperrno(st));
-        setErr(voErrVodbCreateRpc, st);
-        return voErrVodbCreateRpc;
-    }
-    if (res->result != 0) {
-        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld err %s \n", _opid, statLit(res->result));
-        setErr(voErrVodbCreate, static_cast<unsigned>(res->result));
-        return voErrVodbCreate;
-    }
-    _opid = res->out_create_opid;
-    _srcRec.setOpid(_opid);
-    _sinkRec.setOpid(_opid);
-    _opSrcRec.setOpid(_opid);
-    VO_TR(vo_vldb, vo_audit, "vodb_create2_3 opid=%lld succeed\n", _opid);
+    VoRec* const recs[] = {&_srcRec, &_sinkRec, &_opSrcRec};
+    unsigned long long opid = 0;
+    if (unsigned r = createVodbRecords(VO_SITE, clntVldb, recs, 3, &opid)) return r;
+    _opid = opid;
     return 0;
 }
 

@@ -164,36 +164,10 @@ unsigned VoDelState::mkRec(CLIENT* clntVldb) {
     }
 
     // One record: the volume as the source of a delete, data version 0.
-    vodbRec rec;
-    memset(&rec, 0, sizeof rec);
-    _srcRec.toVodbRec(&rec);
-    rec.opid = 0;
-    vodb_create2_input in;
-    memset(&in, 0, sizeof in);
-    in.new_create_opid = 0;  // the VODB hands out the id
-    in.rec.rec_len = 1;
-    in.rec.rec_val = &rec;
-
-    VoXdrResult<vodb_create2_result> res(xdr_vodb_create2_result);
-    VO_TR(vo_vldb, vo_entry, "vodb_create2_3 opid=%lld\n", static_cast<long long>(_opid));
-    clnt_stat cs = vodb_create2_3(&in, res.get(), clntVldb);
-    if (cs != RPC_SUCCESS) {
-        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld failed: %s\n",
-              static_cast<long long>(_opid), clnt_sperrno(cs));
-        setErr(voErrVodbCreateRpc, cs);
-        return voErrVodbCreateRpc;
-    }
-    int status = res->result;
-    unsigned long long opid = res->out_create_opid;
-    if (status != 0) {
-        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld err %s \n", static_cast<long long>(_opid),
-              statLit(status));
-        setErr(voErrVodbCreate, status);
-        return voErrVodbCreate;
-    }
+    VoRec* const recs[] = {&_srcRec};
+    unsigned long long opid = 0;
+    if (unsigned r = createVodbRecords(VO_SITE, clntVldb, recs, 1, &opid)) return r;
     _opid = opid;
-    _srcRec.setOpid(opid);
-    VO_TR(vo_vldb, vo_audit, "vodb_create2_3 opid=%lld succeed\n", static_cast<long long>(_opid));
     return 0;
 }
 

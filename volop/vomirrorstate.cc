@@ -424,48 +424,27 @@ unsigned VoMirrorState::mkRec(CLIENT* clntVldb) {
         i++;
     }
 
-    std::vector<vodbRec> recs(4);
-    memset(recs.data(), 0, recs.size() * sizeof(vodbRec));
-    _srcRec.toVodbRec(&recs[0]);
-    _opSrcRec.toVodbRec(&recs[1]);
-    _tempRec.toVodbRec(&recs[2]);
-    _sinkRec.toVodbRec(&recs[3]);
+    // Copies: the VODB's opid goes into the operation's own records below,
+    // under the lock.
+    std::vector<VoRec> recs = {_srcRec, _opSrcRec, _tempRec, _sinkRec};
     for (const auto& r : _opSinkRecs) {
         if (r->getErrCode() != 0 && r->getErrCode() != VOD_ERR_LOCAL_MIRROR) continue;
-        vodbRec a, b;
-        memset(&a, 0, sizeof a);
-        memset(&b, 0, sizeof b);
-        r->toVodbRec(&a);
         VoRec atTarget(_sinkRec);
         atTarget.setLid(r->lid());
-        atTarget.toVodbRec(&b);
-        recs.push_back(a);
-        recs.push_back(b);
+        recs.push_back(*r);
+        recs.push_back(atTarget);
     }
     if (recs.size() == 4) {
         VO_TR(vo_vod, vo_warn, "no mirror stream is eligible to start\n");
         setErr(voErrVodMkVodbRec, VOD_ERR_NOTHING_ELIGIBLE);
         return VOD_ERR_NOTHING_ELIGIBLE;
     }
-    vodb_create2_input in;
-    memset(&in, 0, sizeof in);
-    in.rec.rec_len = static_cast<u_int>(recs.size());
-    in.rec.rec_val = recs.data();
-    VoXdrResult<vodb_create2_result> res(xdr_vodb_create2_result);
-    VO_TR(vo_vldb, vo_entry, "vodb_create2_3 opid=%lld\n", _opid);
-    clnt_stat st = vodb_create2_3(&in, res.get(), clntVldb);
-    if (st != RPC_SUCCESS) {
-        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld failed: %s\n", _opid, clnt_sperrno(st));
-        setErr(voErrVodbCreateRpc, st);
-        return voErrVodbCreateRpc;
-    }
-    if (res->result != 0) {
-        VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld err %s \n", _opid, statLit(res->result));
-        setErr(voErrVodbCreate, static_cast<unsigned>(res->result));
-        return voErrVodbCreate;
-    }
-    const unsigned long long opid = res->out_create_opid;
-    VO_TR(vo_vldb, vo_audit, "vodb_create2_3 opid=%lld succeed\n", opid);
+    std::vector<VoRec*> ptrs;
+    for (VoRec& r : recs) ptrs.push_back(&r);
+    unsigned long long opid = 0;
+    if (unsigned r = createVodbRecords(VO_SITE, clntVldb, ptrs.data(),
+                                       static_cast<unsigned>(ptrs.size()), &opid))
+        return r;
     getLock();
     _opid = opid;
     for (VoRec* r : {&_srcRec, &_sinkRec, &_opSrcRec, &_tempRec}) r->setOpid(opid);

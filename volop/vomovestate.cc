@@ -517,39 +517,9 @@ unsigned VoMoveState::mkRec(CLIENT* clntVldb) {
     finalSink.setRole(VoRec::VODB_ROLE_SINK);
 
     if (first) {
-        vodbRec recs[5];
-        memset(recs, 0, sizeof recs);
-        src.toVodbRec(&recs[0]);
-        sink.toVodbRec(&recs[1]);
-        finalSink.toVodbRec(&recs[2]);
-        opSrc->toVodbRec(&recs[3]);
-        u_int n = 4;
-        if (local) temp.toVodbRec(&recs[n++]);
-        vodb_create2_input in;
-        memset(&in, 0, sizeof in);
-        in.new_create_opid = 0;  // the VODB hands out the id
-        in.rec.rec_len = n;
-        in.rec.rec_val = recs;
-        VoXdrResult<vodb_create2_result> res(xdr_vodb_create2_result);
-        VO_TR(vo_vldb, vo_entry, "vodb_create2_3 opid=%lld\n", _opid);
-        clnt_stat st = vodb_create2_3(&in, res.get(), clntVldb);
-        if (st != RPC_SUCCESS) {
-            VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld failed: %s\n", _opid,
-                  clnt_sperrno(st));
-            setErr(voErrVodbCreateRpc, st);
-            return voErrVodbCreateRpc;
-        }
-        if (res->result != 0) {
-            VO_TR(vo_vldb, vo_warn, "vodb_create2_3 opid=%lld err %s \n", _opid,
-                  statLit(res->result));
-            setErr(voErrVodbCreate, static_cast<unsigned>(res->result));
-            return voErrVodbCreate;
-        }
-        const unsigned long long opid = res->out_create_opid;
-        VO_TR(vo_vldb, vo_audit, "vodb_create2_3 opid=%lld succeed\n", opid);
-        src.setOpid(opid);
-        sink.setOpid(opid);
-        opSrc->setOpid(opid);
+        VoRec* recs[5] = {&src, &sink, &finalSink, opSrc.get(), &temp};
+        unsigned long long opid = 0;
+        if (unsigned r = createVodbRecords(VO_SITE, clntVldb, recs, local ? 5 : 4, &opid)) return r;
         temp.setOpid(opid);
         getLock();
         _opid = opid;

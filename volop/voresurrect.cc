@@ -21,6 +21,7 @@
 #include "voserver.h"
 #include "vostate.h"
 #include "vostatelist.h"
+#include "votcpvfsop.h"
 #include "votrace.h"
 
 namespace {
@@ -39,6 +40,9 @@ VoState* allocOpOfType(int opType, bool* built) {
             return new (std::nothrow) VoMoveState();
         case VoRec::VODB_VOLOP_MIRROR:
             return new (std::nothrow) VoMirrorState();
+        case VoRec::VODB_VOLOP_DUMP:
+        case VoRec::VODB_VOLOP_RESTORE:
+            return new (std::nothrow) VoTcpVfsOp();
         default:
             *built = false;
             return nullptr;

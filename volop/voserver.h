@@ -4,6 +4,10 @@
 #define VOLOP_VOSERVER_H
 
 #include <rpc/rpc.h>
+#include <time.h>
+
+#include <memory>
+#include <vector>
 
 #include "dblade_lpm.h"
 #include "vo.h"
@@ -11,10 +15,12 @@
 
 class VoState;
 class VoRPCClient;
+class VoTcpSocket;
 
 class VoServer {
   public:
-    VoServer() : _isFirstCall(1) {}
+    VoServer();
+    ~VoServer();
 
     // The daemon's only event loop: RPC requests, dump/restore connections and
     // registry housekeeping.  Returns only on a fatal socket error or after
@@ -70,8 +76,18 @@ class VoServer {
     // Stamps an operation as checked now.
     static void resetStatusCheckedAtTimes(void*, VoState* each);
 
-    // Takes ownership of a connection accepted on the dump/restore socket.
+    // Takes ownership of a connection accepted on the dump/restore socket:
+    // reads its cookie request, records the operation and queues it, or
+    // refuses the connection. The int form reads the request straight from
+    // the connection, waiting for it; the loop hands over a socket whose
+    // request it has already gathered.
     void tcpVfsOp(int sd);
+    void tcpVfsOp(VoTcpSocket&& sock);
+
+    // How long the loop waits for a new connection's cookie request before
+    // it refuses the connection, and how many it waits for at once.
+    static constexpr int COOKIE_WAIT_SEC = 5;
+    static constexpr size_t MAX_PENDING_CONNECTIONS = 64;
 
     // Operation requests: start, progress, cancel, pause, resume.
     void vfsCopy(VoLidVnameIn* in, VoVidOut* out);
@@ -132,7 +148,23 @@ class VoServer {
     void keepFailedStart(VoState* op, unsigned code, voErrRc rc, voErrFunc func, unsigned funcrc,
                          VoTrace::Level level);
 
+    // A connection whose cookie request is still arriving. The loop reads
+    // it as it comes, so that a slow or silent client holds nobody else up.
+    struct PendingConnection {
+        std::unique_ptr<VoTcpSocket> sock;
+        timespec deadline;  // CLOCK_MONOTONIC
+    };
+    // Takes a new connection: handed over at once when its request is here
+    // (or it cannot be waited for), else kept pending.
+    void acceptConnection(int sd);
+    // Hands over the pending connections whose request has arrived, whose
+    // client went away, or whose time is up. ready: select's read set.
+    void servePendingConnections(const fd_set& ready);
+    // Seconds until the first pending connection's time is up (at most cap).
+    long pendingWaitSec(long cap) const;
+
     unsigned _isFirstCall : 1;
+    std::vector<PendingConnection> _pending;
 
     // ---- Volume administration additions (owned by the delete work). ----
 };

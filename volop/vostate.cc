@@ -5,6 +5,7 @@
 #include <sys/time.h>
 
 #include <cstdlib>
+#include <vector>
 
 #include "util/xdrproc.h"
 #include "vldb_lit.h"
@@ -419,6 +420,40 @@ void VoState::concludeDbladeIncrCopy(CLIENT* clntSrcDbladeIncrCopy) {
     } else {
         VO_TR(vo_incrcopy, vo_warn, "opid=%lld incrcopyconclude_1 err=%#X\n", _opid, status);
     }
+}
+
+unsigned VoState::createVodbRecords(VoTraceSite site, CLIENT* clntVldb, VoRec* const* recs,
+                                     unsigned count, unsigned long long* opid) {
+    std::vector<vodbRec> wire(count);
+    memset(wire.data(), 0, count * sizeof(vodbRec));
+    for (unsigned i = 0; i < count; i++) {
+        recs[i]->toVodbRec(&wire[i]);
+        wire[i].opid = 0;
+    }
+    vodb_create2_input in;
+    memset(&in, 0, sizeof in);
+    in.new_create_opid = 0;  // the VODB hands out the id
+    in.rec.rec_len = count;
+    in.rec.rec_val = wire.data();
+    VoXdrResult<vodb_create2_result> res(xdr_vodb_create2_result);
+    VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_entry, "vodb_create2_3 opid=%lld\n", _opid);
+    clnt_stat st = vodb_create2_3(&in, res.get(), clntVldb);
+    if (st != RPC_SUCCESS) {
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn, "vodb_create2_3 opid=%lld failed: %s\n", _opid,
+                 clnt_sperrno(st));
+        setErr(voErrVodbCreateRpc, st);
+        return voErrVodbCreateRpc;
+    }
+    if (res->result != 0) {
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn, "vodb_create2_3 opid=%lld err %s \n", _opid,
+                 statLit(res->result));
+        setErr(voErrVodbCreate, static_cast<unsigned>(res->result));
+        return voErrVodbCreate;
+    }
+    *opid = res->out_create_opid;
+    for (unsigned i = 0; i < count; i++) recs[i]->setOpid(*opid);
+    VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_audit, "vodb_create2_3 opid=%lld succeed\n", *opid);
+    return 0;
 }
 
 unsigned VoState::getProgress(CLIENT* clntSrcDbladeIncrCopy, IncrCopyProgressOut* out) {

@@ -267,6 +267,12 @@ class VoState {
     // it, out->rc the D-blade's status; free it with xdr_free); else 5004 (no
     // client) or 10505 (transport failure), with the error set.
     unsigned getProgress(CLIENT* clntSrcDbladeIncrCopy, IncrCopyProgressOut* out);
+    // vodb_create2_3 of recs, in their order, under an operation id the VODB
+    // hands out: *opid, also set in every record. 0, voErrVodbCreateRpc or
+    // voErrVodbCreate, with the error set and traced from site. _opid is the
+    // caller's to set (under its lock when a handler may be reading it).
+    unsigned createVodbRecords(VoTraceSite site, CLIENT* clntVldb, VoRec* const* recs,
+                               unsigned count, unsigned long long* opid);
     // vodb_delete_by_opid_3 of _opid; on success the operation is retired
     // from the VODB.
     VoErr deleteVodbRec(CLIENT* clntVldb);
