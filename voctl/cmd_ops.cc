@@ -82,6 +82,9 @@ struct MirrorDest {
     // The local mirror: the frozen op src itself becomes the mirror on the
     // source's LP, so its op sink is the op src.
     bool local = false;
+    // What vod's recovery made of it, after a restart ("" when vod was not
+    // asked or runs the mirror as usual): see recoveryOf.
+    std::string recovery;
 };
 
 // A mirror's records, grouped: its source, op src and destinations. A role
@@ -107,7 +110,7 @@ std::vector<RecordedMirror> recordedMirrors(const vodbRec* recs, u_int n) {
             m.opSrc = r.vfsid;
             if (m.src == 0) m.srcLp = lpIdOf(r.lp_uuid);  // the op src is on the source's LP
         } else if (r.vfsrole == VoRec::VODB_ROLE_OPSINK) {
-            m.dests.push_back({lpIdOf(r.lp_uuid), r.vfsid, false});
+            m.dests.push_back({lpIdOf(r.lp_uuid), r.vfsid, false, ""});
         }
     }
     std::vector<RecordedMirror> out;
@@ -117,6 +120,40 @@ std::vector<RecordedMirror> recordedMirrors(const vodbRec* recs, u_int n) {
         out.push_back(std::move(m));
     }
     return out;
+}
+
+// How vod's crash recovery left each destination of m, as its mirror
+// progress answer says: after a restart vod answers that it is concluding
+// (voErrRollForwardOp / voErrRollBackOp, or the final triple once recovered)
+// and marks each destination it has settled done, with 0 or 5005 (the
+// local mirror) for rolled forward and anything else for rolled back.
+// Destinations of a mirror that streams as usual are left blank.
+void recoveryOf(VoClient* c, RecordedMirror* m) {
+    if (c == nullptr || m->src == 0) return;
+    VoIn in{};
+    in.vidSrc = m->src;
+    std::copy(m->srcLp.begin(), m->srcLp.end(), in.lidSrc);
+    XdrResult<VoMirrorPgrsOut> res(xdr_VoMirrorPgrsOut);
+    if (c->call(vomirrorpgrs_1, &in, res.get()) != RPC_SUCCESS) return;
+    if (res->voOpid != m->opid) {
+        // Recorded but unknown to vod: it has not rebuilt the mirror yet.
+        if (res->rc == voErrNoSuchOp)
+            for (MirrorDest& d : m->dests) d.recovery = "not rebuilt yet";
+        return;
+    }
+    if (res->rc != voErrRollForwardOp && res->rc != voErrRollBackOp && res->rc != voErrRcSuccess &&
+        res->rc != voErrCrashRecovery)
+        return;
+    if (res->rc == voErrRcSuccess && res->src.status != VoDone) return;  // still streaming
+    for (MirrorDest& d : m->dests) {
+        d.recovery = "not settled yet";
+        for (u_int i = 0; i < res->sinks.sinks_len; ++i) {
+            const VoSinkPgrs& p = res->sinks.sinks_val[i];
+            if (lpIdOf(p.uuid) != d.lp || !p.isDone) continue;
+            const bool forward = p.completionCode == 0 || p.completionCode == VOD_ERR_LOCAL_MIRROR;
+            d.recovery = forward ? "rolled forward" : "rolled back";
+        }
+    }
 }
 
 // The mirrors as JSON and as one block of text each.
@@ -134,14 +171,16 @@ void describeMirrors(const std::vector<RecordedMirror>& mirrors,
     for (const RecordedMirror& m : mirrors) {
         nlohmann::json dests = nlohmann::json::array();
         std::vector<std::vector<std::string>> rows = {
-            {"destination", "LP", "op sink", "local mirror"}};
+            {"destination", "LP", "op sink", "local mirror", "recovery"}};
         for (const MirrorDest& d : m.dests) {
             dests.push_back({{"lp", formatLpId(d.lp)},
                              {"lpName", nameOf(d.lp)},
                              {"opSinkVfsid", d.opSink},
-                             {"local", d.local}});
+                             {"local", d.local},
+                             {"recovery", d.recovery.empty() ? nlohmann::json(nullptr)
+                                                             : nlohmann::json(d.recovery)}});
             rows.push_back({labelOf(d.lp), formatLpId(d.lp), std::to_string(d.opSink),
-                            d.local ? "yes" : "no"});
+                            d.local ? "yes" : "no", d.recovery.empty() ? "-" : d.recovery});
         }
         list->push_back({{"opid", m.opid},
                          {"vfsid", m.src},
@@ -200,9 +239,12 @@ int ops(Context& ctx, const std::string& vldbHost) {
     if (n == 0) text = "no operations recorded in the VODB";
 
     // The node that holds the VLDB knows the LPs' names too.
-    const std::vector<RecordedMirror> mirrors = recordedMirrors(res->rec.rec_val, n);
+    std::vector<RecordedMirror> mirrors = recordedMirrors(res->rec.rec_val, n);
     nlohmann::json mirrorList = nlohmann::json::array();
     if (!mirrors.empty()) {
+        // vod, when it answers, tells what its recovery made of each.
+        auto c = std::make_unique<VoClient>(ctx.opts.host, ctx.opts.timeoutSec);
+        for (RecordedMirror& m : mirrors) recoveryOf(c->connected() ? c.get() : nullptr, &m);
         std::string why;
         const auto names = lpNames(vldbHost, ctx.opts.timeoutSec, &why);
         if (!why.empty()) ctx.out.note("some LPs are shown without their names: " + why);
@@ -241,9 +283,12 @@ const CommandRegistrar opsReg(
             "Under the records, each recorded mirror: its source and op src, and each\n"
             "destination (an op sink record) with its LP's name, the op sink's VFS id and whether\n"
             "it is the local mirror (on the source's LP, where the op src itself becomes the\n"
-            "mirror). LP names come from the D-blades of the --vldb-host node. With --json:\n"
-            "\"ops\" (one object per record) and \"mirrors\" (opid, vfsid, lp, lpName,\n"
-            "opSrcVfsid, mirrorVfsid, destinations: lp, lpName, opSinkVfsid, local).");
+            "mirror). LP names come from the D-blades of the --vldb-host node. After a restart,\n"
+            "vod (-H) says what its crash recovery made of each destination: rolled forward,\n"
+            "rolled back, not settled yet (a step failed; it tries again), or not rebuilt yet.\n"
+            "With --json: \"ops\" (one object per record) and \"mirrors\" (opid, vfsid, lp,\n"
+            "lpName, opSrcVfsid, mirrorVfsid, destinations: lp, lpName, opSinkVfsid, local,\n"
+            "recovery).");
         return [=](Context& ctx) { return ops(ctx, *host); };
     });
 

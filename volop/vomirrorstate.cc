@@ -142,6 +142,18 @@ bool VoMirrorState::sizeProgress() {
     return true;
 }
 
+void VoMirrorState::markRecovered(const VoRec* opSink) {
+    // A handler may be copying _pgrs for a progress answer.
+    getLock();
+    for (u_int i = 0; i < _pgrs.sinks.sinks_len; i++) {
+        VoSinkPgrs& s = _pgrs.sinks.sinks_val[i];
+        if (memcmp(s.uuid, opSink->lid(), 16) != 0) continue;
+        s.isDone = 1;
+        s.completionCode = opSink->getErrCode();
+    }
+    releaseLock();
+}
+
 void VoMirrorState::setCompletionCodeForSink(const VoRec* opSink, unsigned code) {
     VO_TR_RAW(vo_vod, vo_debug, "setCompletionCodeForSink: code = %d, Sink = %d\n", code,
               opSink->vid());
@@ -1295,6 +1307,8 @@ unsigned VoMirrorState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
     std::stable_partition(_opSinkRecs.begin(), _opSinkRecs.end(),
                           [](const std::unique_ptr<VoRec>& r) { return r->getErrCode() == 0; });
     sizeProgress();
+    // Nothing is settled until recovery says so (markRecovered).
+    for (u_int i = 0; i < _pgrs.sinks.sinks_len; i++) _pgrs.sinks.sinks_val[i].isDone = 0;
     _vodbRecordStored = true;
     return 0;
 }
@@ -1364,8 +1378,9 @@ unsigned VoMirrorState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDblade
                   "opid=%lld recoverOneMirrorFromCrash() vfsid=%d at LP=" VO_LP_FMT " err=%d\n",
                   opid, r->vid(), VO_LP_ARGS(r->lid()), e);
             if (failed == 0) failed = e;
-        } else if (r->getErrCode() == 0) {
-            anyRemoteForward = true;
+        } else {
+            markRecovered(r);
+            if (r->getErrCode() == 0) anyRemoteForward = true;
         }
     }
 
@@ -1378,7 +1393,10 @@ unsigned VoMirrorState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDblade
                   int(anyRemoteForward));
         if (keepLocal) {
             unsigned e = recoverOneMirrorFromCrash(clntVldb, clntSrcDbladeVol, local, target);
-            if (e != 0) failed = e;
+            if (e != 0)
+                failed = e;
+            else
+                markRecovered(local);
         } else {
             if (local != nullptr) {
                 VO_TR(vo_vod, vo_audit, "opid=%lld failing the local mirror deleting op src\n",
@@ -1391,6 +1409,8 @@ unsigned VoMirrorState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDblade
             if (unsigned e = deleteOpSrc(clntVldb, clntSrcDbladeVol)) {
                 VO_TR(vo_vod, vo_warn, "opid=%lld deleteOpSrc err=%d\n", opid, e);
                 failed = e;
+            } else if (local != nullptr) {
+                markRecovered(local);
             }
         }
     }

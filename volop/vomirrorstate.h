@@ -125,6 +125,13 @@ class VoMirrorState : public VoState {
     unsigned deleteOpSink(CLIENT* clntVldb, CLIENT* clntSinkDbladeVol, VoRec* opSink);
     unsigned deleteOpSrc(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
     void setCompletionCodeForSink(const VoRec* opSink, unsigned code);
+    // After a crash, recovery has settled the destination opSink: its
+    // progress entry says so (isDone) and how (completionCode: 0 or 5005
+    // rolled forward, 5001 rolled back, 5032 a local mirror given up), which
+    // is what a progress request shows for it until the operation is gone.
+    // Entries of destinations not settled yet keep isDone 0. Takes the
+    // operation lock.
+    void markRecovered(const VoRec* opSink);
 
     unsigned recoverOneMirrorFromCrash(CLIENT* clntVldb, CLIENT* clntSinkDbladeVol, VoRec* opSink,
                                        unsigned long long opSrcDataVersion);

@@ -524,6 +524,47 @@ TEST_P(MirrorCrash, EveryDestinationEndsWithAWholeMirror) {
     expectSettled(want_);
 }
 
+// After a restart voctl ops says, per destination, what recovery made of
+// it: here one destination settles at once and the other, whose D-blade
+// cannot be reached, waits for the next attempt.
+TEST_F(MirrorTest, OpsShowsWhatRecoveryDecidedForEachDestination) {
+    const uint32_t src = source("mir.ops");
+    for (const char* lp : {"lp1b", "lp2a"}) addDestination(src, lp);
+    hold("incrcopyconclude");
+    expectTriple(mirror(src), 0, 0, 0, "start");
+    ASSERT_TRUE(waitHeld("incrcopyconclude", 60));
+    killVod();
+    release("incrcopyconclude", /*drop=*/true);
+    sim({"fault", "clear"});
+    fault({"refuse", "dblade_vol", "always", "--dblade", "2"});
+    restartVod();
+
+    std::map<std::string, std::string> seen;
+    ASSERT_TRUE(pollUntil(
+        [&] {
+            Node::Result r = node.voctl({"--json", "ops"});
+            json j = json::parse(r.out, nullptr, false);
+            if (!j.is_object() || j["mirrors"].size() != 1) return false;
+            for (const json& d : j["mirrors"][0]["destinations"])
+                seen[d["lpName"].is_string() ? d["lpName"].get<std::string>() : "?"] =
+                    d["recovery"].is_string() ? d["recovery"].get<std::string>() : "-";
+            return seen["lp1b"] == "rolled forward";
+        },
+        60, 0.5))
+        << "lp1b: " << seen["lp1b"] << ", lp2a: " << seen["lp2a"];
+    EXPECT_EQ(seen["lp2a"], "not settled yet");
+    Node::Result text = node.voctl({"ops"});
+    EXPECT_NE(text.out.find("rolled forward"), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("not settled yet"), std::string::npos) << text.out;
+
+    sim({"fault", "clear"});
+    EXPECT_TRUE(waitVodbEmpty(90)) << sim({"vodb"});
+    std::set<VolumeKey> others;
+    for (const VolumeKey& k : volumeKeys())
+        if (k.second != (src | kMirrorBit) && k.second != src) others.insert(k);
+    expectMirrored(src, {"lp1b", "lp2a"}, others);
+}
+
 INSTANTIATE_TEST_SUITE_P(KilledAt, MirrorCrash, ::testing::ValuesIn(kMirrorPoints),
                          [](const ::testing::TestParamInfo<MirrorCrashPoint>& p) {
                              return std::string(p.param.name);
