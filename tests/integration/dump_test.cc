@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "cluster_fixture.h"
@@ -91,9 +92,9 @@ class DumpTest : public ClusterTest {
     double nullCallSec() {
         auto t0 = std::chrono::steady_clock::now();
         timeval tv = {10, 0};
-        EXPECT_EQ(clnt_call(vo(), NULLPROC, xdrProc(xdr_void), nullptr, xdrProc(xdr_void),
-                            nullptr, tv),
-                  RPC_SUCCESS);
+        EXPECT_EQ(
+            clnt_call(vo(), NULLPROC, xdrProc(xdr_void), nullptr, xdrProc(xdr_void), nullptr, tv),
+            RPC_SUCCESS);
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     }
 };
@@ -236,6 +237,183 @@ TEST_F(DumpTest, BusyVolumesAnswerTheOtherOperationsCode) {
     }
     EXPECT_TRUE(vodbRecords().empty()) << vodbRecords().dump();
 }
+
+// The label of a dump file, as voctl reads it.
+std::string labelOf(Node& node, const std::string& file) {
+    Node::Result r = node.voctl({"--json", "dump-info", file});
+    auto j = nlohmann::json::parse(r.out, nullptr, false);
+    return j.is_object() && j["label"].is_string() ? j["label"].get<std::string>() : "";
+}
+
+TEST_F(DumpTest, AFullDumpAndAnIncrementalOneRestoreInOrder) {
+    const uint32_t src = makeVolume("chain", "lp1a", 10, 20 * 1024);
+    ASSERT_NE(src, 0u);
+    const std::string full = node.dir() + "/chain.full", incr = node.dir() + "/chain.incr";
+    Node::Result r = node.voctl({"dump", std::to_string(src), full, "--name", "weekly"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::string label = labelOf(node, full);
+    ASSERT_EQ(label.rfind("weekly:0:", 0), 0u) << label;
+    const std::string fullSum = checksum(src, "lp1a");
+
+    sim({"vol-write", std::to_string(src), "lp1a", "new.txt", "--text", "after the full dump"});
+    sim({"vol-rm", std::to_string(src), "lp1a", "fill/00002"});
+    r = node.voctl({"dump", std::to_string(src), incr, "--name", "weekly", "--since", label});
+    ASSERT_EQ(r.status, 0) << r.err;
+
+    // Restored in order into a new volume: the source's contents and version.
+    r = node.voctl({"--json", "restore", full, "--create", "chain.copy", "lp1b"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const uint32_t copy = nlohmann::json::parse(r.out)["vfsid"].get<uint32_t>();
+    EXPECT_EQ(checksum(copy, "lp1b"), fullSum);
+    // The incremental one again onto the full restore's version only.
+    Node::Result twice = node.voctl({"restore", incr, std::to_string(copy)});
+    ASSERT_EQ(twice.status, 0) << twice.err;
+    EXPECT_EQ(checksum(copy, "lp1b"), checksum(src, "lp1a"));
+    uint64_t srcDv = 0, copyDv = 0;
+    for (const DbladeVolume& v : volumes()) {
+        if (v.vfsid == src) srcDv = v.dv;
+        if (v.vfsid == copy) copyDv = v.dv;
+    }
+    EXPECT_EQ(copyDv, srcDv);
+
+    // Onto a volume at another version it is refused, and changes nothing.
+    const uint32_t other = makeVolume("other", "lp1b", 2, 1024);
+    const std::string otherSum = checksum(other, "lp1b");
+    r = node.voctl({"restore", incr, std::to_string(other)});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("restore of vfsid"), std::string::npos) << r.err;
+    EXPECT_EQ(checksum(other, "lp1b"), otherSum);
+    EXPECT_TRUE(waitVodbEmpty(30));
+    expectVldbAgreesWithDblades();
+}
+
+// One byte changed anywhere in a dump file: the restore is refused and the
+// target keeps what it had.
+TEST_F(DumpTest, ADamagedDumpIsRefusedAndTheTargetLeftAlone) {
+    const uint32_t src = makeVolume("orig", "lp1a", 6, 20 * 1024);
+    ASSERT_NE(src, 0u);
+    const std::string file = node.dir() + "/orig.dump";
+    ASSERT_EQ(node.voctl({"dump", std::to_string(src), file}).status, 0);
+    std::string bytes;
+    {
+        FILE* f = fopen(file.c_str(), "rb");
+        ASSERT_NE(f, nullptr);
+        char b[65536];
+        size_t n;
+        while ((n = fread(b, 1, sizeof b, f)) > 0) bytes.append(b, n);
+        fclose(f);
+    }
+    const uint32_t target = makeVolume("kept", "lp1b", 3, 1024);
+    const std::string targetSum = checksum(target, "lp1b");
+    const struct {
+        const char* where;
+        size_t offset;
+    } cases[] = {
+        {"a header", 2},
+        {"the Begin body", 100},
+        {"a data record", bytes.size() / 2},
+        {"the End record", bytes.size() - 24},
+        {"the Close record", bytes.size() - 1},
+    };
+    for (const auto& c : cases) {
+        std::string bad = bytes;
+        bad[c.offset] ^= 0x5A;
+        const std::string badFile = node.dir() + "/bad.dump";
+        FILE* f = fopen(badFile.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        fwrite(bad.data(), 1, bad.size(), f);
+        fclose(f);
+        Node::Result info = node.voctl({"dump-info", badFile});
+        EXPECT_NE(info.status, 0) << c.where;
+        Node::Result r = node.voctl({"restore", badFile, std::to_string(target), "--force"});
+        EXPECT_EQ(r.status, 1) << c.where << ": " << r.out;
+        EXPECT_EQ(checksum(target, "lp1b"), targetSum) << c.where;
+    }
+    EXPECT_TRUE(waitVodbEmpty(30));
+    expectVldbAgreesWithDblades();
+}
+
+// vod killed while a dump or a restore streams. The D-blade holds its own
+// hold of the connection and goes on; the next vod winds the operation up
+// from its records, never resuming it: no record, no clone is left, the
+// source is intact, and a restore target is either whole or, when the
+// D-blade died while writing it, hidden: never a partial volume that looks
+// whole.
+struct DumpCrashPoint {
+    const char* name;
+    bool restore;
+    const char* heldAt;  // the simulated D-blade's fault point vod is killed at
+    bool dbladeDies;     // the D-blade dies there too (the stream is dropped)
+};
+
+class DumpCrash : public DumpTest, public ::testing::WithParamInterface<DumpCrashPoint> {};
+
+void PrintTo(const DumpCrashPoint& p, std::ostream* os) { *os << p.name; }
+
+const DumpCrashPoint kDumpPoints[] = {
+    {"DumpMidStream", false, "tcpvfsdump.stream", false},
+    {"RestoreMidStream", true, "tcpvfsrestore.stream", false},
+    {"RestoreWhileWritingTheTarget", true, "tcpvfsrestore.apply", false},
+    {"RestoreWhileWritingTheTargetAndTheDbladeDied", true, "tcpvfsrestore.apply", true},
+};
+
+TEST_P(DumpCrash, TheNextVodWindsItUp) {
+    const DumpCrashPoint& point = GetParam();
+    const uint32_t src = makeVolume("precious", "lp1a", 16, 32 * 1024);
+    ASSERT_NE(src, 0u);
+    const std::string srcSum = checksum(src, "lp1a");
+    const std::string file = node.dir() + "/precious.dump";
+    uint32_t target = 0;
+    std::string targetSum;
+    if (point.restore) {
+        Node::Result d = node.voctl({"dump", std::to_string(src), file});
+        ASSERT_EQ(d.status, 0) << d.err;
+        target = makeVolume("target", "lp1b", 3, 1024);
+        targetSum = checksum(target, "lp1b");
+    }
+    hold(point.heldAt);
+    Node::Result r;
+    std::thread client([&] {
+        r = point.restore ? node.voctl({"restore", file, std::to_string(target), "--force"}, 120)
+                          : node.voctl({"dump", std::to_string(src), file}, 120);
+    });
+    ASSERT_TRUE(waitHeld(point.heldAt, 60)) << "the D-blade never got to " << point.heldAt;
+    ASSERT_FALSE(vodbRecords().empty());
+    killVod();
+    release(point.heldAt, point.dbladeDies);
+    restartVod();
+    client.join();
+
+    EXPECT_TRUE(waitVodbEmpty(90)) << "the operation was not wound up:\n" << sim({"vodb"});
+    EXPECT_EQ(checksum(src, "lp1a"), srcSum);
+    std::set<VolumeKey> want = {{"lp1a", src}};
+    if (point.restore) want.insert({"lp1b", target});
+    EXPECT_EQ(volumeKeys(), want) << "a clone or another volume was left";
+    if (!point.restore) {
+        // voctl kept the dump only if it came whole.
+        Node::Result info = node.voctl({"dump-info", file});
+        EXPECT_EQ(info.status, r.status == 0 ? 0 : 1) << info.out << info.err;
+        EXPECT_EQ(vldbKeys(), want);
+        return;
+    }
+    bool hidden = false;
+    for (const DbladeVolume& v : volumes())
+        if (v.vfsid == target) hidden = v.hidden;
+    if (point.dbladeDies) {
+        EXPECT_NE(r.status, 0) << "a restore the D-blade never finished reported success";
+        EXPECT_TRUE(hidden) << "a partly written target must not look whole";
+        return;
+    }
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_FALSE(hidden);
+    EXPECT_EQ(checksum(target, "lp1b"), srcSum);
+    expectVldbAgreesWithDblades();
+}
+
+INSTANTIATE_TEST_SUITE_P(KilledAt, DumpCrash, ::testing::ValuesIn(kDumpPoints),
+                         [](const ::testing::TestParamInfo<DumpCrashPoint>& p) {
+                             return std::string(p.param.name);
+                         });
 
 }  // namespace
 }  // namespace vodtest
