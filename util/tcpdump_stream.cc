@@ -440,6 +440,30 @@ TcpDumpStatus tcpDumpReadRecord(TcpDumpReader& reader, int sd, std::vector<unsig
         reader, [sd](unsigned char* p, unsigned len) { return recvall(sd, p, len); }, buf, rec);
 }
 
+TcpDumpStatus tcpDumpReadAnswer(const TcpDumpRecv& recv, uint32_t* code) {
+    // A reader takes the header, so the header's checks are the stream's; the body is a
+    // lone Close, which a stream would not allow, so it is read here.
+    TcpDumpReader reader;
+    unsigned char hdr[sizeof(TcpDumpHdr)], body[sizeof(TcpDumpClose)];
+    if (int e = recv(hdr, sizeof hdr)) return reader.transportFailed(e);
+    uint16_t n = 0;
+    TcpDumpStatus st = reader.header(hdr, &n);
+    if (!st.ok()) return st;
+    uint16_t type = get16(hdr);
+    if (type != TCP_REC_CLOSE && type != TCP_REC_REJECTED) {
+        st.error = TcpDumpError::OutOfOrder;
+        st.detail = type;
+        return st;
+    }
+    if (int e = recv(body, sizeof body)) return reader.transportFailed(e);
+    *code = get32(body);
+    if (type == TCP_REC_REJECTED) {
+        st.error = TcpDumpError::Rejected;
+        st.detail = *code;
+    }
+    return st;
+}
+
 TcpDumpStatus tcpDumpParse(const unsigned char* buf, size_t len, TcpDumpSummary* summary,
                            const std::function<bool(const TcpDumpRecord&)>& onRecord) {
     TcpDumpReader r;
