@@ -287,10 +287,10 @@ unsigned sendFile(TcpOp* op, TcpDumpWriter& w, const SimChange& c,
         uint32_t n = static_cast<uint32_t>(std::min<uint64_t>({buf.size(), allowed, c.size - off}));
         lk.unlock();
         // The image holds what the metadata says, or the source failed.
-        bool read = readFull(fd, buf.data(), n);
-        int e = read ? w.filePiece(c.path, c.version, c.size, off, buf.data(), n) : 0;
+        bool got = readFull(fd, buf.data(), n);
+        int e = got ? w.filePiece(c.path, c.version, c.size, off, buf.data(), n) : 0;
         lk.lock();
-        if (!read) code = VIC_EIO;
+        if (!got) code = VIC_EIO;
         if (e) code = vicOfErrno(e, true);
         if (code) break;
         off += n;
