@@ -449,29 +449,19 @@ unsigned simStreamSend(uint64_t opId, std::unique_lock<std::mutex>& lk) {
 }
 
 unsigned simStreamOpenInto(uint64_t opId, unsigned opType, const SimLpId& lp, uint32_t vfsid) {
-    if (unsigned rc = takeOpId(opId)) return rc;
-    SimVolStore& store = SimVolStore::get();
-    SimLp* l = SimNode::get().findLp(lp.data());
-    if (!l) return VIC_ELPNOTFOUND;
-    SimVolume* v = store.find(lp, vfsid);
-    if (!v) return VIC_EVOLNOTFOUND;
-    if (v->hidden || v->writerOpId || v->readers > 0 || v->stoppedByOpId) return VIC_EVOLBUSY;
-    auto st = std::make_shared<Stream>();
-    st->opId = opId;
-    st->opType = opType;
-    st->srcLp = lp;
-    st->srcDid = l->did;
-    st->srcVfsid = vfsid;
-    st->srcBlockSize = store.blockSizeOf(lp);
-    Sink s;
-    s.spec = SimSinkSpec{l->did, vfsid, lp};
-    s.pgrs.vfsid = vfsid;
-    s.pgrs.lp = lp;
+    std::shared_ptr<Stream> st;
+    if (unsigned rc = newStream(opId, opType, lp, vfsid, {SimSinkSpec{0, vfsid, lp}}, &st))
+        return rc;
+    // The volume is the destination here, written as a sink is: nothing may read it either.
+    SimVolume* v = st->src;
+    if (v->readers > 0 || v->stoppedByOpId) return VIC_EVOLBUSY;
+    st->src = nullptr;
+    Sink& s = st->sinks[0];
+    s.spec.did = st->srcDid;
     s.vol = v;
-    s.dir = store.dirOf(*v);
+    s.dir = SimVolStore::get().dirOf(*v);
     s.claimed = true;
     v->writerOpId = opId;
-    st->sinks.push_back(std::move(s));
     gStreams[opId] = st;
     return 0;
 }
