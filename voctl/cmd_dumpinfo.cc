@@ -88,7 +88,8 @@ int dumpInfo(Context& ctx, const std::string& file) {
                 {"to data version", num(i.toDV)},
                 {"kind", i.full() ? "full" : "incremental"}};
     } else {
-        for (const char* k : {"label", "volume", "node", "dumpName", "fromDV", "toDV", "full"})
+        for (const char* k :
+             {"label", "volume", "node", "dumpName", "fromDV", "toDV", "full", "started"})
             obj[k] = nullptr;
         rows.push_back({"label", "(no good Begin record)"});
     }
