@@ -13,6 +13,7 @@
 #include "sim/simfaults.h"
 #include "sim/simnode.h"
 #include "sim/simservice.h"
+#include "sim/tcpvfs.h"
 
 namespace {
 
@@ -26,6 +27,37 @@ bool_t serveStream(const char* proc, u_int* status, uint64_t opId, Fn fn) {
         if (simStreamDblade(opId) != simServingDblade()) return VIC_EOPNOTFOUND;
         return fn();
     });
+}
+
+SimDumpRequest dumpRequest(const TcpVfsDumpIn& in) {
+    SimDumpRequest rq;
+    rq.opId = in.opId;
+    rq.opType = in.opType;
+    rq.vfsid = in.fromVfsId;
+    rq.lp = simLpId(in.fromLpId);
+    rq.nodeName = in.nodeName ? in.nodeName : "";
+    rq.dumpName = in.dumpName ? in.dumpName : "";
+    rq.dests = in.dests.dests_len;
+    if (rq.dests > 0) {
+        const TcpVfsDumpDest& d = in.dests.dests_val[0];
+        rq.pid = d.pid;
+        rq.sd = d.sd;
+        rq.toVfsid = d.toVfsId;
+        rq.toLp = simLpId(d.toLpId);
+        rq.dumpFromDV = d.dumpFromDV;
+    }
+    return rq;
+}
+
+SimRestoreRequest restoreRequest(const TcpVfsRestoreIn& in) {
+    SimRestoreRequest rq;
+    rq.opId = in.opId;
+    rq.pid = in.pid;
+    rq.sd = in.sd;
+    rq.force = in.force != 0;
+    rq.vfsid = in.toVfsId;
+    rq.lp = simLpId(in.toLpId);
+    return rq;
 }
 
 }  // namespace
@@ -62,14 +94,17 @@ bool_t incrcopymove_1_svc(IncrCopyMoveIn* in, u_int* out, struct svc_req*) {
     });
 }
 
-// The TCP dump and restore are not simulated yet.
+// A dump or restore answers its own status form (tcpvfs.h): a refusal is its VIC_ code less
+// 20000, an LP this D-blade does not serve included.
 
-bool_t tcpvfsdump_1_svc(TcpVfsDumpIn*, u_int* out, struct svc_req*) {
-    return simServeStatus("tcpvfsdump", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
+bool_t tcpvfsdump_1_svc(TcpVfsDumpIn* in, u_int* out, struct svc_req*) {
+    return simServeOnLps("tcpvfsdump", out, simTcpProcStatus(VIC_ELPNOTFOUND), {in->fromLpId},
+                         [&] { return simTcpDumpStart(dumpRequest(*in)); });
 }
 
-bool_t tcpvfsrestore_1_svc(TcpVfsRestoreIn*, u_int* out, struct svc_req*) {
-    return simServeStatus("tcpvfsrestore", out, [] { return unsigned{VIC_ENOTSUPPORTED}; });
+bool_t tcpvfsrestore_1_svc(TcpVfsRestoreIn* in, u_int* out, struct svc_req*) {
+    return simServeOnLps("tcpvfsrestore", out, simTcpProcStatus(VIC_ELPNOTFOUND), {in->toLpId},
+                         [&] { return simTcpRestoreStart(restoreRequest(*in)); });
 }
 
 bool_t incrcopyprogress_1_svc(u_quad_t* opId, IncrCopyProgressOut* out, struct svc_req*) {

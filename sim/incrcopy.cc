@@ -54,8 +54,9 @@ struct Stream {
     unsigned status = SIMSTREAM_RUNNING;
     bool paused = false;
     unsigned completionCode = 0;
-    uint32_t vnodesProcessed = 0;
+    uint32_t vnodesTotal = 0, vnodesProcessed = 0;
     uint64_t blksRead = 0;
+    uint64_t bytesMoved = 0;  // by a caller that counts bytes (simStreamCount)
     unsigned speedKiBps = 0;
     std::vector<Sink> sinks;
     std::condition_variable cv;
@@ -340,14 +341,21 @@ void admitSink(Stream* st, Sink* s) {
     v->writerOpId = st->opId;
 }
 
-// The checks every stream makes of its request; nothing is held or registered yet.
-unsigned newStream(uint64_t opId, unsigned opType, const SimLpId& srcLp, uint32_t srcVfsid,
-                   const std::vector<SimSinkSpec>& sinks, std::shared_ptr<Stream>* out) {
-    if (sinks.empty()) return VIC_EINVAL;
+// A new stream may take the id unless a stream with it still runs; a finished one that was
+// never concluded is forgotten.
+unsigned takeOpId(uint64_t opId) {
     if (Stream* old = findStream(opId)) {
         if (old->status != SIMSTREAM_DONE) return VIC_EOPIDINUSE;
         gStreams.erase(opId);
     }
+    return 0;
+}
+
+// The checks every stream makes of its request; nothing is held or registered yet.
+unsigned newStream(uint64_t opId, unsigned opType, const SimLpId& srcLp, uint32_t srcVfsid,
+                   const std::vector<SimSinkSpec>& sinks, std::shared_ptr<Stream>* out) {
+    if (sinks.empty()) return VIC_EINVAL;
+    if (unsigned rc = takeOpId(opId)) return rc;
     SimLp* lp = SimNode::get().findLp(srcLp.data());
     if (!lp) return VIC_ELPNOTFOUND;
     SimVolume* src = SimVolStore::get().find(srcLp, srcVfsid);
@@ -395,6 +403,7 @@ unsigned prepare(Stream* st) {
         if (s.claimed) since = std::min(since, s.since);
     }
     st->work = simChangesSince(st->src->files, since);
+    st->vnodesTotal = static_cast<uint32_t>(st->work.size());
     return 0;
 }
 
@@ -437,6 +446,62 @@ unsigned simStreamSend(uint64_t opId, std::unique_lock<std::mutex>& lk) {
         if (s.pgrs.completionCode && s.pgrs.completionCode != VIC_ESINKUPTODATE)
             return s.pgrs.completionCode;
     return 0;
+}
+
+unsigned simStreamOpenInto(uint64_t opId, unsigned opType, const SimLpId& lp, uint32_t vfsid) {
+    std::shared_ptr<Stream> st;
+    if (unsigned rc = newStream(opId, opType, lp, vfsid, {SimSinkSpec{0, vfsid, lp}}, &st))
+        return rc;
+    // The volume is the destination here, written as a sink is: nothing may read it either.
+    SimVolume* v = st->src;
+    if (v->readers > 0 || v->stoppedByOpId) return VIC_EVOLBUSY;
+    st->src = nullptr;
+    Sink& s = st->sinks[0];
+    s.spec.did = st->srcDid;
+    s.vol = v;
+    s.dir = SimVolStore::get().dirOf(*v);
+    s.claimed = true;
+    v->writerOpId = opId;
+    gStreams[opId] = st;
+    return 0;
+}
+
+size_t simStreamAwaitTurn(uint64_t opId, std::unique_lock<std::mutex>& lk) {
+    while (true) {
+        auto it = gStreams.find(opId);
+        if (it == gStreams.end()) return 0;
+        std::shared_ptr<Stream> st = it->second;  // kept while the lock is let go
+        if (st->status == SIMSTREAM_DONE || st->sinks.empty() || st->sinks[0].pgrs.done) return 0;
+        if (st->paused) {
+            st->cv.wait(lk);
+            continue;
+        }
+        if (size_t n = nextChunk(st.get(), lk)) return n;
+    }
+}
+
+void simStreamCount(uint64_t opId, uint64_t bytes, uint32_t vnodes) {
+    Stream* st = findStream(opId);
+    if (!st) return;
+    uint64_t before = st->bytesMoved;
+    st->bytesMoved += bytes;
+    st->windowBytes += bytes;
+    uint64_t blocks =
+        simBlocks(st->bytesMoved, st->srcBlockSize) - simBlocks(before, st->srcBlockSize);
+    st->blksRead += blocks;
+    for (Sink& s : st->sinks) s.pgrs.blksSent += blocks;
+    st->vnodesProcessed += vnodes;
+}
+
+void simStreamSetVnodesTotal(uint64_t opId, uint32_t total) {
+    if (Stream* st = findStream(opId)) st->vnodesTotal = total;
+}
+
+bool simStreamDestEnded(uint64_t opId, unsigned* code) {
+    Stream* st = findStream(opId);
+    if (!st || st->sinks.empty()) return false;
+    *code = st->sinks[0].pgrs.completionCode;
+    return st->sinks[0].pgrs.done;
 }
 
 void simStreamWaitWhilePaused(uint64_t opId, std::unique_lock<std::mutex>& lk) {
@@ -486,7 +551,7 @@ bool simStreamProgress(uint64_t opId, SimStreamProgress* out) {
                   : st->paused                 ? SIMSTREAM_PAUSED
                                                : SIMSTREAM_RUNNING;
     out->completionCode = st->completionCode;
-    out->vnodesTotal = static_cast<uint32_t>(st->work.size());
+    out->vnodesTotal = st->vnodesTotal;
     out->vnodesProcessed = st->vnodesProcessed;
     out->blksRead = st->blksRead;
     out->dataVersion = st->dataVersion;

@@ -10,6 +10,7 @@
 // themselves.  Statuses are IncrCopyErrorCodes values (VIC_...), 0 on success.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -95,6 +96,27 @@ void simStreamRelease(uint64_t opId);
 void simStreamEnd(uint64_t opId, unsigned code);
 // Forgets the stream at once, as a D-blade that died would: no progress, no notice.
 void simStreamForget(uint64_t opId);
+
+// ---- a stream over a connection (a dump or a restore, tcpvfs.cc) --------------------------
+//
+// Driven by its caller's thread as well, with one destination whose bytes the caller moves
+// and counts.  A dump opens with simStreamOpen: its volume is held as the source and the
+// destination is the client.  A restore opens with simStreamOpenInto: the volume is claimed
+// as the destination's, as a sink's is, and no source is held.  Both end with simStreamEnd
+// or simStreamForget.
+
+// The refusals of simStreamStart, and VIC_EVOLBUSY when the volume is hidden, read or
+// written by a stream, or stopped by a move.
+unsigned simStreamOpenInto(uint64_t opId, unsigned opType, const SimLpId& lp, uint32_t vfsid);
+// Waits while the stream is paused and until its speed limit lets more bytes go; how many
+// may go now.  0 at once when the destination has ended (it was cancelled) or the stream is
+// gone.
+size_t simStreamAwaitTurn(uint64_t opId, std::unique_lock<std::mutex>& lk);
+// Counts bytes moved (blksRead and the destination's blksSent) and vnodes done.
+void simStreamCount(uint64_t opId, uint64_t bytes, uint32_t vnodes);
+void simStreamSetVnodesTotal(uint64_t opId, uint32_t total);
+// True, with the destination's completion code, once the destination has ended.
+bool simStreamDestEnded(uint64_t opId, unsigned* code);
 
 // Tells the local vod that a stream ended (incrcopycomplete).  Called by stream threads
 // without the lock; a vod that is not there loses the notice.

@@ -68,6 +68,10 @@ constexpr ProcName kProcs[] = {
     {"incrcopycancel", "dblade_incrcopy"},
     {"tcpvfsdump", "dblade_incrcopy"},
     {"tcpvfsrestore", "dblade_incrcopy"},
+    // Not procedures: points inside a dump's and a restore's thread, in the order they run.
+    {"tcpvfsdump.stream", "dblade_incrcopy"},
+    {"tcpvfsrestore.stream", "dblade_incrcopy"},
+    {"tcpvfsrestore.apply", "dblade_incrcopy"},
     {"lp_get_attrs_by_uuid", "dblade_lpm"},
     {"lp_list_all", "dblade_lpm"},
     {"iterate", "dldb"},

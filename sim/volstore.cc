@@ -1038,6 +1038,8 @@ SimLpId simLpId(const unsigned char uuid[16]) {
 
 bool simRemoveTree(const std::string& path) { return removeTree(path); }
 
+bool simMakeDirs(const std::string& path) { return mkdirs(path); }
+
 uint64_t simBlocksUsedOnLp(const unsigned char uuid[16]) {
     return SimVolStore::get().blocksUsedOnLp(simLpId(uuid));
 }

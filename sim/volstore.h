@@ -199,3 +199,5 @@ SimLpId simLpId(const unsigned char uuid[16]);
 
 // Removes a file or a whole folder tree; true when nothing is left of it.
 bool simRemoveTree(const std::string& path);
+// Makes a folder and its missing parents; true when it is there.
+bool simMakeDirs(const std::string& path);

@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include <cstdio>
+#include <utility>
 
 namespace {
 
@@ -82,122 +83,71 @@ std::string TcpDumpInfo::label() const {
     return dumpName + ":" + std::to_string(fromDV) + ":" + std::to_string(toDV);
 }
 
-const char* tcpDumpErrorName(TcpDumpError e) {
-    switch (e) {
-        case TcpDumpError::Ok:
-            return "Ok";
-        case TcpDumpError::Truncated:
-            return "Truncated";
-        case TcpDumpError::Io:
-            return "Io";
-        case TcpDumpError::BadMagic:
-            return "BadMagic";
-        case TcpDumpError::BadHeaderChecksum:
-            return "BadHeaderChecksum";
-        case TcpDumpError::BadHeader:
-            return "BadHeader";
-        case TcpDumpError::UnknownType:
-            return "UnknownType";
-        case TcpDumpError::BadLength:
-            return "BadLength";
-        case TcpDumpError::OutOfOrder:
-            return "OutOfOrder";
-        case TcpDumpError::BadVersion:
-            return "BadVersion";
-        case TcpDumpError::BadBegin:
-            return "BadBegin";
-        case TcpDumpError::BadMeta:
-            return "BadMeta";
-        case TcpDumpError::BadMetaCrc:
-            return "BadMetaCrc";
-        case TcpDumpError::BadDataCrc:
-            return "BadDataCrc";
-        case TcpDumpError::BadData:
-            return "BadData";
-        case TcpDumpError::BadCount:
-            return "BadCount";
-        case TcpDumpError::BadTotals:
-            return "BadTotals";
-        case TcpDumpError::StreamFailed:
-            return "StreamFailed";
-        case TcpDumpError::Rejected:
-            return "Rejected";
-        case TcpDumpError::TrailingBytes:
-            return "TrailingBytes";
-    }
-    return "?";
+namespace {
+
+// Each error's name and its text for people: {d} stands for the detail, {x} for it in hex,
+// {errno} for it as an errno text and {why} for the rule broken. In the enum's order.
+struct ErrorText {
+    TcpDumpError error;
+    const char* name;
+    const char* text;
+};
+
+const ErrorText kErrors[] = {
+    {TcpDumpError::Ok, "Ok", "every check holds"},
+    {TcpDumpError::Truncated, "Truncated", "the stream ends before its Close record"},
+    {TcpDumpError::Io, "Io", "reading failed: {errno}"},
+    {TcpDumpError::BadMagic, "BadMagic", "record header without the magic"},
+    {TcpDumpError::BadHeaderChecksum, "BadHeaderChecksum", "record header checksum does not hold"},
+    {TcpDumpError::BadHeader, "BadHeader", "record header with reserved bits set"},
+    {TcpDumpError::UnknownType, "UnknownType", "unknown record type {d}"},
+    {TcpDumpError::BadLength, "BadLength", "record length {d} that its type does not allow"},
+    {TcpDumpError::OutOfOrder, "OutOfOrder", "record of type {d} out of order"},
+    {TcpDumpError::BadVersion, "BadVersion", "unknown protocol version {d}"},
+    {TcpDumpError::BadBegin, "BadBegin", "bad Begin record: {why}"},
+    {TcpDumpError::BadMeta, "BadMeta", "bad Meta record: {why}"},
+    {TcpDumpError::BadMetaCrc, "BadMetaCrc",
+     "the Begin record does not match the CRC in the Meta record"},
+    {TcpDumpError::BadDataCrc, "BadDataCrc", "data record CRC does not hold"},
+    {TcpDumpError::BadData, "BadData", "bad data record: {why}"},
+    {TcpDumpError::BadCount, "BadCount",
+     "the End record counts {d} data records, not as many as came"},
+    {TcpDumpError::BadTotals, "BadTotals", "the {why} differ from what the Meta record announced"},
+    {TcpDumpError::StreamFailed, "StreamFailed", "the writer closed the stream with code {d}"},
+    {TcpDumpError::Rejected, "Rejected", "refused by vod with code {x}"},
+    {TcpDumpError::TrailingBytes, "TrailingBytes", "bytes after the Close record"},
+};
+static_assert(sizeof kErrors / sizeof kErrors[0] == size_t(TcpDumpError::TrailingBytes) + 1,
+              "one text per error");
+
+const ErrorText& errorText(TcpDumpError e) {
+    size_t i = static_cast<size_t>(e);
+    return i < sizeof kErrors / sizeof kErrors[0] ? kErrors[i] : kErrors[0];
 }
 
+}  // namespace
+
+const char* tcpDumpErrorName(TcpDumpError e) { return errorText(e).name; }
+
 std::string TcpDumpStatus::text() const {
-    char buf[160];
-    unsigned long long d = detail;
-    switch (error) {
-        case TcpDumpError::Ok:
-            return "every check holds";
-        case TcpDumpError::Truncated:
-            snprintf(buf, sizeof buf, "the stream ends before its Close record (at offset %llu)",
-                     static_cast<unsigned long long>(offset));
-            return buf;
-        case TcpDumpError::Io:
-            snprintf(buf, sizeof buf, "reading failed at offset %llu: %s",
-                     static_cast<unsigned long long>(offset), strerror(static_cast<int>(detail)));
-            return buf;
-        case TcpDumpError::BadMagic:
-            snprintf(buf, sizeof buf, "record header without the magic");
-            break;
-        case TcpDumpError::BadHeaderChecksum:
-            snprintf(buf, sizeof buf, "record header checksum does not hold");
-            break;
-        case TcpDumpError::BadHeader:
-            snprintf(buf, sizeof buf, "record header with reserved bits set");
-            break;
-        case TcpDumpError::UnknownType:
-            snprintf(buf, sizeof buf, "unknown record type %llu", d);
-            break;
-        case TcpDumpError::BadLength:
-            snprintf(buf, sizeof buf, "record length %llu that its type does not allow", d);
-            break;
-        case TcpDumpError::OutOfOrder:
-            snprintf(buf, sizeof buf, "record of type %llu out of order", d);
-            break;
-        case TcpDumpError::BadVersion:
-            snprintf(buf, sizeof buf, "unknown protocol version %llu", d);
-            break;
-        case TcpDumpError::BadBegin:
-            snprintf(buf, sizeof buf, "bad Begin record: %s", why);
-            break;
-        case TcpDumpError::BadMeta:
-            snprintf(buf, sizeof buf, "bad Meta record: %s", why);
-            break;
-        case TcpDumpError::BadMetaCrc:
-            snprintf(buf, sizeof buf, "the Begin record does not match the CRC in the Meta record");
-            break;
-        case TcpDumpError::BadDataCrc:
-            snprintf(buf, sizeof buf, "data record CRC does not hold");
-            break;
-        case TcpDumpError::BadData:
-            snprintf(buf, sizeof buf, "bad data record: %s", why);
-            break;
-        case TcpDumpError::BadCount:
-            snprintf(buf, sizeof buf,
-                     "the End record counts %llu data records, not as many as came", d);
-            break;
-        case TcpDumpError::BadTotals:
-            snprintf(buf, sizeof buf, "the %s differ from what the Meta record announced", why);
-            break;
-        case TcpDumpError::StreamFailed:
-            snprintf(buf, sizeof buf, "the writer closed the stream with code %llu", d);
-            break;
-        case TcpDumpError::Rejected:
-            snprintf(buf, sizeof buf, "refused by vod with code 0x%08llX", d);
-            break;
-        case TcpDumpError::TrailingBytes:
-            snprintf(buf, sizeof buf, "bytes after the Close record");
-            break;
-    }
-    char at[48];
-    snprintf(at, sizeof at, " (record at offset %llu)", static_cast<unsigned long long>(offset));
-    return std::string(buf) + at;
+    if (ok()) return errorText(error).text;
+    char hex[24];
+    snprintf(hex, sizeof hex, "0x%08llX", static_cast<unsigned long long>(detail));
+    const std::pair<const char*, std::string> fields[] = {
+        {"{d}", std::to_string(detail)},
+        {"{x}", hex},
+        {"{errno}", strerror(static_cast<int>(detail))},
+        {"{why}", why},
+    };
+    std::string t = errorText(error).text;
+    for (const auto& [token, value] : fields)
+        for (size_t at = t.find(token); at != std::string::npos;
+             at = t.find(token, at + value.size()))
+            t.replace(at, strlen(token), value);
+    // Where the bytes ran out is no record's start.
+    bool record = error != TcpDumpError::Truncated && error != TcpDumpError::Io &&
+                  error != TcpDumpError::TrailingBytes;
+    return t + (record ? " (record at offset " : " (at offset ") + std::to_string(offset) + ")";
 }
 
 // ---- the reader --------------------------------------------------------------------------
@@ -438,6 +388,30 @@ TcpDumpStatus tcpDumpReadRecord(TcpDumpReader& reader, int sd, std::vector<unsig
                                 TcpDumpRecord* rec) {
     return tcpDumpReadRecord(
         reader, [sd](unsigned char* p, unsigned len) { return recvall(sd, p, len); }, buf, rec);
+}
+
+TcpDumpStatus tcpDumpReadAnswer(const TcpDumpRecv& recv, uint32_t* code) {
+    // A reader takes the header, so the header's checks are the stream's; the body is a
+    // lone Close, which a stream would not allow, so it is read here.
+    TcpDumpReader reader;
+    unsigned char hdr[sizeof(TcpDumpHdr)], body[sizeof(TcpDumpClose)];
+    if (int e = recv(hdr, sizeof hdr)) return reader.transportFailed(e);
+    uint16_t n = 0;
+    TcpDumpStatus st = reader.header(hdr, &n);
+    if (!st.ok()) return st;
+    uint16_t type = get16(hdr);
+    if (type != TCP_REC_CLOSE && type != TCP_REC_REJECTED) {
+        st.error = TcpDumpError::OutOfOrder;
+        st.detail = type;
+        return st;
+    }
+    if (int e = recv(body, sizeof body)) return reader.transportFailed(e);
+    *code = get32(body);
+    if (type == TCP_REC_REJECTED) {
+        st.error = TcpDumpError::Rejected;
+        st.detail = *code;
+    }
+    return st;
 }
 
 TcpDumpStatus tcpDumpParse(const unsigned char* buf, size_t len, TcpDumpSummary* summary,

@@ -165,6 +165,11 @@ TcpDumpStatus tcpDumpReadRecord(TcpDumpReader& reader, const TcpDumpRecv& recv,
 TcpDumpStatus tcpDumpReadRecord(TcpDumpReader& reader, int sd, std::vector<unsigned char>* buf,
                                 TcpDumpRecord* rec);
 
+// Reads the one record that answers a restore's stream: the D-blade's Close (Ok, *code its
+// code: 0 when the volume was restored, else why not), or vod's Rejected (Rejected, *code
+// and detail its code). Anything else fails as a stream would.
+TcpDumpStatus tcpDumpReadAnswer(const TcpDumpRecv& recv, uint32_t* code);
+
 // Checks a whole stream held in memory, record by record, without reading past len, and
 // refuses bytes after the Close. onRecord, when given, sees every good record; when it
 // answers false the parse stops there with Ok. *summary gets what was taken. This is the
