@@ -241,6 +241,7 @@ int dump(Context& ctx, const DumpArgs& a) {
 
 struct RestoreArgs {
     std::string file, vfs, createName, createLp, vserver = "vs1";
+    std::vector<std::string> create;  // NAME LP, as --create gives them
     bool force = false;
     unsigned port = 0;
     unsigned idleSec = 300;
@@ -383,11 +384,10 @@ const CommandRegistrar restoreReg(
     "restore", "Restore a dump file into a volume (full, or incremental onto its from-version)",
     [](CLI::App& sub) -> Action {
         auto a = std::make_shared<RestoreArgs>();
-        std::vector<std::string> create;
         sub.add_option("FILE", a->file, "the dump; - for standard input")->required();
         auto* vfs =
             sub.add_option("VFSID", a->vfs, "the volume to restore into")->check(u32Check());
-        auto* cr = sub.add_option("--create", create,
+        auto* cr = sub.add_option("--create", a->create,
                                   "NAME LP: create an empty volume and restore into it")
                        ->expected(2)
                        ->excludes(vfs);
@@ -400,10 +400,9 @@ const CommandRegistrar restoreReg(
         return [a, vfs, cr](Context& ctx) {
             if (vfs->count() == 0 && cr->count() == 0)
                 return ctx.out.failure(kExitUsage, "restore: give VFSID or --create NAME LP");
-            std::vector<std::string> v = cr->as<std::vector<std::string>>();
-            if (v.size() == 2) {
-                a->createName = v[0];
-                a->createLp = v[1];
+            if (a->create.size() == 2) {
+                a->createName = a->create[0];
+                a->createLp = a->create[1];
             }
             return restore(ctx, *a);
         };
