@@ -272,8 +272,14 @@ unsigned readAnswers(int sd, std::string* why) {
         uint32_t v;
         memcpy(&v, b + 12, 4);
         v = ntohl(v);
-        if (type == TCP_REC_CLOSE) closed = true;
-        if (code == 0) code = v;
+        // vod's rejection names the procedure too: it wins over the
+        // D-blade's bare completion code.
+        if (type == TCP_REC_CLOSE) {
+            closed = true;
+            if (code == 0) code = v;
+        } else if (v != 0) {
+            code = v;
+        }
     }
     if (!closed && code == 0) *why = "the connection ended without an answer";
     return code;
