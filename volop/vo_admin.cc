@@ -19,6 +19,7 @@
 
 #include "dblade_vol.h"
 #include "dldb_server.h"
+#include "util/tcpdump_frame.h"
 #include "vldb_server.h"
 #include "vodelstate.h"
 #include "vodumplabel.h"
@@ -29,7 +30,6 @@
 #include "vostate.h"
 #include "vostatelist.h"
 #include "votrace.h"
-#include "util/tcpdump_frame.h"
 
 namespace {
 

@@ -293,12 +293,7 @@ unsigned VoCopyState::progress(CLIENT* clntSrcDbladeIncrCopy) {
             VO_TR(vo_incrcopy, vo_warn, "opid=%lld copying to %d sink VFSes?!\n", _opid, sinks);
             VO_TR_RAW(vo_incrcopy, vo_warn, "returns progress of the first stream\n");
         }
-        const IncrCopyDestProgress& d = p.dstProgress.dstProgress_val[0];
-        _pgrs.sink.isDone = d.isDone;
-        _pgrs.sink.completionCode = d.completionCode;
-        _pgrs.sink.vfsId = d.vfsId;
-        memcpy(_pgrs.sink.uuid, d.uuid, sizeof _pgrs.sink.uuid);
-        _pgrs.sink.megsProcessed = d.blksSent / STREAM_BLOCKS_PER_MEG;
+        sinkProgressOf(p.dstProgress.dstProgress_val[0], &_pgrs.sink);
     }
 
     if (_pgrs.src.status == VoDone) {

@@ -752,13 +752,7 @@ unsigned VoMirrorState::progress(CLIENT* clntSrcDbladeIncrCopy) {
         // The D-blade answers in the order of the request: the eligible
         // streams, which stand first in the list and in _pgrs.sinks.
         for (u_int i = 0; i < n; i++) {
-            const IncrCopyDestProgress& d = p.dstProgress.dstProgress_val[i];
-            VoSinkPgrs& s = _pgrs.sinks.sinks_val[i];
-            s.isDone = d.isDone;
-            s.completionCode = d.completionCode;
-            s.vfsId = d.vfsId;
-            memcpy(s.uuid, d.uuid, sizeof s.uuid);
-            s.megsProcessed = d.blksSent / STREAM_BLOCKS_PER_MEG;
+            sinkProgressOf(p.dstProgress.dstProgress_val[i], &_pgrs.sinks.sinks_val[i]);
         }
     }
     if (_pgrs.src.status == VoDone) {

@@ -772,12 +772,7 @@ unsigned VoMoveState::progress(CLIENT* clntSrcDbladeIncrCopy) {
     } else {
         if (sinks > 1)
             VO_TR(vo_incrcopy, vo_warn, "opid=%lld moving to %d sink VFSes?!\n", _opid, sinks);
-        const IncrCopyDestProgress& d = p.dstProgress.dstProgress_val[0];
-        _pgrs.sink.isDone = d.isDone;
-        _pgrs.sink.completionCode = d.completionCode;
-        _pgrs.sink.vfsId = d.vfsId;
-        memcpy(_pgrs.sink.uuid, d.uuid, sizeof _pgrs.sink.uuid);
-        _pgrs.sink.megsProcessed = d.blksSent / STREAM_BLOCKS_PER_MEG;
+        sinkProgressOf(p.dstProgress.dstProgress_val[0], &_pgrs.sink);
     }
     _pgrs.isFinalLoop = _isFinal;
     _pgrs.loopNum = static_cast<int>(_isFinal ? _iteration.load() : _iteration.load() - 1);

@@ -422,8 +422,16 @@ void VoState::concludeDbladeIncrCopy(CLIENT* clntSrcDbladeIncrCopy) {
     }
 }
 
+void VoState::sinkProgressOf(const IncrCopyDestProgress& d, VoSinkPgrs* s) {
+    s->isDone = d.isDone;
+    s->completionCode = d.completionCode;
+    s->vfsId = d.vfsId;
+    memcpy(s->uuid, d.uuid, sizeof s->uuid);
+    s->megsProcessed = d.blksSent / STREAM_BLOCKS_PER_MEG;
+}
+
 unsigned VoState::createVodbRecords(VoTraceSite site, CLIENT* clntVldb, VoRec* const* recs,
-                                     unsigned count, unsigned long long* opid) {
+                                    unsigned count, unsigned long long* opid) {
     std::vector<vodbRec> wire(count);
     memset(wire.data(), 0, count * sizeof(vodbRec));
     for (unsigned i = 0; i < count; i++) {
@@ -439,20 +447,21 @@ unsigned VoState::createVodbRecords(VoTraceSite site, CLIENT* clntVldb, VoRec* c
     VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_entry, "vodb_create2_3 opid=%lld\n", _opid);
     clnt_stat st = vodb_create2_3(&in, res.get(), clntVldb);
     if (st != RPC_SUCCESS) {
-        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn, "vodb_create2_3 opid=%lld failed: %s\n", _opid,
-                 clnt_sperrno(st));
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn, "vodb_create2_3 opid=%lld failed: %s\n",
+                 _opid, clnt_sperrno(st));
         setErr(voErrVodbCreateRpc, st);
         return voErrVodbCreateRpc;
     }
     if (res->result != 0) {
-        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn, "vodb_create2_3 opid=%lld err %s \n", _opid,
-                 statLit(res->result));
+        VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_warn, "vodb_create2_3 opid=%lld err %s \n",
+                 _opid, statLit(res->result));
         setErr(voErrVodbCreate, static_cast<unsigned>(res->result));
         return voErrVodbCreate;
     }
     *opid = res->out_create_opid;
     for (unsigned i = 0; i < count; i++) recs[i]->setOpid(*opid);
-    VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_audit, "vodb_create2_3 opid=%lld succeed\n", *opid);
+    VO_TR_AT(site, VoTrace::vo_vldb, VoTrace::vo_audit, "vodb_create2_3 opid=%lld succeed\n",
+             *opid);
     return 0;
 }
 

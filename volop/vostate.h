@@ -381,6 +381,9 @@ class VoState {
     template <class Pgrs>
     unsigned pollStream(CLIENT* clntSrcDbladeIncrCopy, Pgrs& pgrs,
                         VoXdrResult<IncrCopyProgressOut>& res);
+    // One destination's entry of the D-blade's progress answer, as the
+    // management protocol reports it (megabytes rather than blocks).
+    static void sinkProgressOf(const IncrCopyDestProgress& d, VoSinkPgrs* s);
     // Asks the D-blade to cancel the stream into sink; the answer goes into
     // out (zero on success). Called by a handler holding the operation lock.
     void cancelStreamTo(CLIENT* clntSrcDbladeIncrCopy, const VoRec& sink, VoOut* out);

@@ -497,12 +497,7 @@ unsigned VoTcpVfsOp::progress(CLIENT* clntSrcDbladeIncrCopy) {
     if (p.dstProgress.dstProgress_len == 0) {
         memset(&_pgrs.sink, 0, sizeof _pgrs.sink);
     } else {
-        const IncrCopyDestProgress& d = p.dstProgress.dstProgress_val[0];
-        _pgrs.sink.isDone = d.isDone;
-        _pgrs.sink.completionCode = d.completionCode;
-        _pgrs.sink.vfsId = d.vfsId;
-        memcpy(_pgrs.sink.uuid, d.uuid, sizeof _pgrs.sink.uuid);
-        _pgrs.sink.megsProcessed = d.blksSent / STREAM_BLOCKS_PER_MEG;
+        sinkProgressOf(p.dstProgress.dstProgress_val[0], &_pgrs.sink);
     }
     if (_pgrs.src.status == VoDone) {
         _dbladeIncrCopyRunning = false;
