@@ -19,7 +19,6 @@
 
 #include "dblade_vol.h"
 #include "dldb_server.h"
-#include "util/tcpdump_frame.h"
 #include "vldb_server.h"
 #include "vodelstate.h"
 #include "vodumplabel.h"
@@ -30,6 +29,7 @@
 #include "vostate.h"
 #include "vostatelist.h"
 #include "votrace.h"
+#include "util/tcpdump_frame.h"
 
 namespace {
 

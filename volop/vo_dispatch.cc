@@ -1,14 +1,13 @@
 // The dispatcher of VOPROG: decode a call, run its service function, send the
 // reply, free both records.
-#include "vo_dispatch.h"
-
 #include <rpc/rpc.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include "util/xdrproc.h"
 #include "vo.h"
+#include "vo_dispatch.h"
+#include "util/xdrproc.h"
 
 namespace {
 
@@ -52,7 +51,7 @@ const VoProc* findProc(rpcproc_t proc) {
         ROW(VoIn, xdr_VoIn, VoOut, xdr_VoOut, vosetrw_1_svc),
         ROW(u_quad_t, xdr_u_quad_t, void, xdr_void, incrcopycomplete_1_svc),  // 21
         ROW(LpmChangeIn, xdr_LpmChangeIn, void, xdr_void, vollpmchange_1_svc),
-        ROW(u_int, xdr_u_int, void, xdr_void, vosettracemask_1_svc),  // 25
+        ROW(u_int, xdr_u_int, void, xdr_void, vosettracemask_1_svc),          // 25
         ROW(void, xdr_void, void, xdr_void, vodbgdump_1_svc),
         ROW(u_quad_t, xdr_u_quad_t, void, xdr_void, vopurgeop_1_svc),
         ROW(vo_string, xdr_vo_string, FindVfsByNameOut, xdr_FindVfsByNameOut,
@@ -63,12 +62,11 @@ const VoProc* findProc(rpcproc_t proc) {
         ROW(u_int, xdr_u_int, u_int, xdr_u_int, deletevfsbyid_1_svc),
         ROW(DumpVfsIn, xdr_DumpVfsIn, DumpVfsOut, xdr_DumpVfsOut, dumpvfs_1_svc),
         ROW(RestoreVfsIn, xdr_RestoreVfsIn, RestoreVfsOut, xdr_RestoreVfsOut, restorevfs_1_svc),
-        ROW(u_quad_t, xdr_u_quad_t, u_int, xdr_u_int, cancelop_1_svc),     // 108
-        ROW(u_int, xdr_u_int, VoErrOut, xdr_VoErrOut, decodeerror_1_svc),  // 201
+        ROW(u_quad_t, xdr_u_quad_t, u_int, xdr_u_int, cancelop_1_svc),        // 108
+        ROW(u_int, xdr_u_int, VoErrOut, xdr_VoErrOut, decodeerror_1_svc),     // 201
     };
     if (proc >= VOCOPY && proc <= VOSETRW) return &rows[proc - VOCOPY];
-    if (proc >= INCRCOPYCOMPLETE && proc <= VOLLPMCHANGE)
-        return &rows[20 + proc - INCRCOPYCOMPLETE];
+    if (proc >= INCRCOPYCOMPLETE && proc <= VOLLPMCHANGE) return &rows[20 + proc - INCRCOPYCOMPLETE];
     if (proc >= VOSETTRACEMASK && proc <= VOPURGEOP) return &rows[22 + proc - VOSETTRACEMASK];
     if (proc >= FINDVFSBYNAME && proc <= CANCELOP) return &rows[25 + proc - FINDVFSBYNAME];
     if (proc == DECODEERROR) return &rows[33];

@@ -120,6 +120,7 @@ class VoCopyState : public VoState {
     unsigned deleteSink(CLIENT* clntVldb);
     unsigned deleteOpSrc(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
 
+
     // failedStreamTest of the copy's last progress.
     static int failedSuccessTest(const VoCopyPgrsOut& p);
 

@@ -3,8 +3,8 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <rpc/pmap_clnt.h>
-#include <rpc/rpc.h>
 #include <rpc/rpc_com.h>
+#include <rpc/rpc.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>

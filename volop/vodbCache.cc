@@ -158,8 +158,7 @@ VoErr VodbCacheLock::refreshVodbCache(CLIENT* clntVldb) {
           static_cast<long long>(VoState::_lastDeletedOpid));
 
     for (unsigned i = 0; i < n; i++) {
-        if (recs[i].optype >= VoRec::VODB_VOLOP_NULL &&
-            recs[i].optype <= VoRec::VODB_VOLOP_RESTORE &&
+        if (recs[i].optype >= VoRec::VODB_VOLOP_NULL && recs[i].optype <= VoRec::VODB_VOLOP_RESTORE &&
             recs[i].vfsrole >= VoRec::VODB_ROLE_NULL && recs[i].vfsrole <= VoRec::VODB_ROLE_TEMP)
             continue;
         // Kept in the cache, so that its volumes still count as busy, but no

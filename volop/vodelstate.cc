@@ -173,8 +173,7 @@ unsigned VoDelState::mkRec(CLIENT* clntVldb) {
 
 unsigned VoDelState::del(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     VoTrace::Depth depth;
-    if (unsigned missing =
-            missingClient(CLIENT_CHECK_SITE, voErrVodSanityCheck, clntVldb, clntSrcDbladeVol))
+    if (unsigned missing = missingClient(CLIENT_CHECK_SITE, voErrVodSanityCheck, clntVldb, clntSrcDbladeVol))
         return missing;
     // Nothing to report as progress: nobody will come for a last reading.
     setMgmtGotLastProgress();
@@ -256,8 +255,8 @@ unsigned VoDelState::resurrectFromVoRec(unsigned long long opid, CLIENT*) {
 
 unsigned VoDelState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol, CLIENT*) {
     VoTrace::Depth depth;
-    if (unsigned missing =
-            missingClient(CLIENT_CHECK_SITE, voErrVodCrashRecovery, clntVldb, clntSrcDbladeVol))
+    if (unsigned missing = missingClient(CLIENT_CHECK_SITE, voErrVodCrashRecovery, clntVldb,
+                                         clntSrcDbladeVol))
         return missing;
     if (retiredFromVodb()) {
         VO_TR(vo_vod, vo_warn, "retiredFromVodb()=1 already\n");

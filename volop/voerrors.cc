@@ -108,8 +108,7 @@ namespace {
 // without a snprintf and a string compare per row on every decode.
 using CatalogIndex = std::unordered_map<unsigned, const char*>;
 
-const CatalogIndex& catalogIndex(int catalog, const arrayResourceBundle* rb,
-                                 const char* keyFormat) {
+const CatalogIndex& catalogIndex(int catalog, const arrayResourceBundle* rb, const char* keyFormat) {
     static std::mutex lock;
     static std::map<std::pair<int, std::string>, CatalogIndex> indexes;
     std::lock_guard<std::mutex> g(lock);

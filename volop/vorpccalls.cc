@@ -351,8 +351,8 @@ unsigned VoRpcCalls::dbladeVfsSetAttrs(VolSetattrIn* in, VolSetattrOut_t* out, C
                            });
 }
 
-unsigned VoRpcCalls::dbladeVolDelete(VolDeleteIn* in, CLIENT* clnt, unsigned timeout, bool retried,
-                                     clnt_stat* transport) {
+unsigned VoRpcCalls::dbladeVolDelete(VolDeleteIn* in, CLIENT* clnt, unsigned timeout,
+                                     bool retried, clnt_stat* transport) {
     if (transport != nullptr) *transport = RPC_SUCCESS;
     if (clnt == nullptr) return VOD_ERR_NO_DBLADE_CLIENT;
     if (!setTimeout(clnt, timeout)) return VOD_ERR_CANT_SET_TIMEOUT;

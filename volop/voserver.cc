@@ -69,8 +69,7 @@ void VoServer::svc_run(unsigned int holdOffSec, unsigned int callsToServe, int n
     addr.sin_port = htons(getuid() == 0 ? kDumpPort : 0);
     // The messages name 909 even when the kernel chose the port.
     if (bind(lsd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
-        VO_TR_RAW(vo_vod, vo_fatal, "Failed to bind to port=%d, (%s)\n", kDumpPort,
-                  strerror(errno));
+        VO_TR_RAW(vo_vod, vo_fatal, "Failed to bind to port=%d, (%s)\n", kDumpPort, strerror(errno));
         return;
     }
     if (listen(lsd, 4) < 0) {
@@ -164,8 +163,8 @@ void VoServer::svc_run(unsigned int holdOffSec, unsigned int callsToServe, int n
 void VoServer::acceptConnection(int sd) {
     auto sock = std::unique_ptr<VoTcpSocket>(new (std::nothrow) VoTcpSocket(sd));
     if (sock == nullptr) {
-        VoTcpVfsOp::rejectTcpOp(
-            sd, voCompositeCode(VoProcVodCreateState, VOD_ERR_BASE + VOD_ERR_NO_MEMORY));
+        VoTcpVfsOp::rejectTcpOp(sd, voCompositeCode(VoProcVodCreateState,
+                                                    VOD_ERR_BASE + VOD_ERR_NO_MEMORY));
         close(sd);
         return;
     }
@@ -196,7 +195,8 @@ void VoServer::servePendingConnections(const fd_set& ready) {
         VoTcpSocket& s = *it->sock;
         bool go = FD_ISSET(s.sd(), &ready) && s.prefetch();
         if (!go && reached(now, it->deadline)) {
-            VO_TR(vo_vod, vo_warn, "sd=%d sent no cookie in %d seconds\n", s.sd(), COOKIE_WAIT_SEC);
+            VO_TR(vo_vod, vo_warn, "sd=%d sent no cookie in %d seconds\n", s.sd(),
+                  COOKIE_WAIT_SEC);
             s.endPrefetch(ETIMEDOUT);
             go = true;
         }

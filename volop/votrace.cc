@@ -31,7 +31,7 @@ constexpr int kNumModules = sizeof(kModuleBit) / sizeof(kModuleBit[0]);
 constexpr uint32_t kLevelBit[] = {kLvlBits, 0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80};
 // vo_detail and vo_debug share "D" on purpose.
 constexpr char kLetter[] = " DD><EAWF";
-constexpr int kPriority[] = {LOG_DEBUG, LOG_DEBUG,  LOG_DEBUG,  LOG_INFO,   LOG_INFO,
+constexpr int kPriority[] = {LOG_DEBUG, LOG_DEBUG, LOG_DEBUG,  LOG_INFO,   LOG_INFO,
                              LOG_INFO,  LOG_NOTICE, LOG_NOTICE, LOG_WARNING};
 constexpr int kNumLevels = sizeof(kLevelBit) / sizeof(kLevelBit[0]);
 
@@ -176,15 +176,15 @@ unsigned VoTrace::getMask() { return gMask.load(); }
 
 void VoTrace::setModMask(unsigned long m) {
     uint32_t cur = gMask.load();
-    while (!gMask.compare_exchange_weak(cur,
-                                        (static_cast<uint32_t>(m) & kModBits) | (cur & kLvlBits))) {
+    while (!gMask.compare_exchange_weak(cur, (static_cast<uint32_t>(m) & kModBits) |
+                                                 (cur & kLvlBits))) {
     }
 }
 
 void VoTrace::setLvlMask(unsigned long m) {
     uint32_t cur = gMask.load();
-    while (!gMask.compare_exchange_weak(cur,
-                                        (static_cast<uint32_t>(m) & kLvlBits) | (cur & kModBits))) {
+    while (!gMask.compare_exchange_weak(cur, (static_cast<uint32_t>(m) & kLvlBits) |
+                                                 (cur & kModBits))) {
     }
 }
 

@@ -15,7 +15,7 @@
 extern int isDaemon;
 
 class VoTrace {
-  public:
+public:
     // The value indexes the module tables; bit = 0x1000 << (value - 1), 0 = all module bits.
     enum Module { vo_all_mod = 0, vo_vod, vo_vldb, vo_srcvol, vo_sinkvol, vo_incrcopy, vo_rpc };
     // The value indexes the level tables; bit = 1 << (value - 1), 0 = all level bits.
@@ -61,20 +61,20 @@ class VoTrace {
     // process-wide word, which stays as it is: a worker that must trace a dump in full cannot
     // race vosettracemask, or lose what it set, by rewriting the shared mask.
     class ThreadMask {
-      public:
+    public:
         explicit ThreadMask(unsigned mask);
         ~ThreadMask();
         ThreadMask(const ThreadMask&) = delete;
         ThreadMask& operator=(const ThreadMask&) = delete;
 
-      private:
+    private:
         bool _had;
         unsigned _was;
     };
 
     // Raises the nesting depth shown in every line for the guard's lifetime.
     class Depth {
-      public:
+    public:
         Depth();
         ~Depth();
         Depth(const Depth&) = delete;
@@ -98,11 +98,11 @@ void voApplyTracePreset(int preset);
 
 // The one call-site pattern: the mask is tested first, so the arguments are not evaluated
 // when nothing would be written; the message is prefixed with the function name and line.
-#define VO_TR(mod, lvl, fmt, ...)                                                     \
-    do {                                                                              \
-        if (VoTrace::wants(VoTrace::mod, VoTrace::lvl))                               \
-            VoTrace::tr(VoTrace::mod, VoTrace::lvl, "%s %d " fmt, __func__, __LINE__, \
-                        ##__VA_ARGS__);                                               \
+#define VO_TR(mod, lvl, fmt, ...)                                                        \
+    do {                                                                                 \
+        if (VoTrace::wants(VoTrace::mod, VoTrace::lvl))                                  \
+            VoTrace::tr(VoTrace::mod, VoTrace::lvl, "%s %d " fmt, __func__, __LINE__,    \
+                        ##__VA_ARGS__);                                                  \
     } while (0)
 
 // Where a shared helper writes trace lines from: the calling step's name and line, so that
@@ -114,17 +114,17 @@ struct VoTraceSite {
 #define VO_SITE (VoTraceSite{__func__, __LINE__})
 
 // VO_TR from a helper on behalf of the step at site; mod and lvl are VoTrace values.
-#define VO_TR_AT(site, mod, lvl, fmt, ...)                                              \
-    do {                                                                                \
-        if (VoTrace::wants(mod, lvl))                                                   \
-            VoTrace::tr(mod, lvl, "%s %d " fmt, (site).fn, (site).line, ##__VA_ARGS__); \
+#define VO_TR_AT(site, mod, lvl, fmt, ...)                                               \
+    do {                                                                                 \
+        if (VoTrace::wants(mod, lvl))                                                    \
+            VoTrace::tr(mod, lvl, "%s %d " fmt, (site).fn, (site).line, ##__VA_ARGS__);  \
     } while (0)
 
 // Same guard without the "function line " prefix, for the few fixed start-up messages.
-#define VO_TR_RAW(mod, lvl, fmt, ...)                                    \
-    do {                                                                 \
-        if (VoTrace::wants(VoTrace::mod, VoTrace::lvl))                  \
-            VoTrace::tr(VoTrace::mod, VoTrace::lvl, fmt, ##__VA_ARGS__); \
+#define VO_TR_RAW(mod, lvl, fmt, ...)                                                    \
+    do {                                                                                 \
+        if (VoTrace::wants(VoTrace::mod, VoTrace::lvl))                                  \
+            VoTrace::tr(VoTrace::mod, VoTrace::lvl, fmt, ##__VA_ARGS__);                 \
     } while (0)
 
 #endif  // VOLOP_VOTRACE_H
