@@ -32,12 +32,12 @@ expect() {
     got=$(complete_line "$line")
     local w bad=""
     if [[ $1 == - ]]; then
-        [[ -n $got ]] && bad="offered: $(echo $got)"
+        [[ -n $got ]] && bad="offered: ${got//$'\n'/ }"
     else
         for w in "$@"; do
             grep -qxF -- "$w" <<<"$got" || bad+=" $w"
         done
-        [[ -n $bad ]] && bad="missing:$bad (offered: $(echo $got))"
+        [[ -n $bad ]] && bad="missing:$bad (offered: ${got//$'\n'/ })"
     fi
     if [[ -z $bad ]]; then
         passed=$((passed + 1))
@@ -57,7 +57,7 @@ expect_only() {
         passed=$((passed + 1))
     else
         failed=$((failed + 1))
-        echo "FAIL $name: '$line' offered: $(echo $got); wanted: $*" >&2
+        echo "FAIL $name: '$line' offered: ${got//$'\n'/ }; wanted: $*" >&2
     fi
 }
 

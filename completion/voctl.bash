@@ -1,6 +1,7 @@
 # bash completion for voctl: subcommands, options, and LP names asked of the
 # node's D-blades when they answer. Subcommands and options are read from
 # voctl's own --help, so a new subcommand needs nothing here.
+# shellcheck disable=SC2207 # COMPREPLY=($(compgen ...)): words never hold blanks
 
 # The words of a help section ("Subcommands:", "Positionals:", "Options:"):
 # the first word of each of its lines.
