@@ -1,7 +1,7 @@
 # bash completion for voctl: subcommands, options, and LP names asked of the
 # node's D-blades when they answer. Subcommands and options are read from
 # voctl's own --help, so a new subcommand needs nothing here.
-# shellcheck disable=SC2207 # COMPREPLY=($(compgen ...)): words never hold blanks
+# shellcheck disable=SC2207 # word lists from help texts: words never hold blanks
 
 # The words of a help section ("Subcommands:", "Positionals:", "Options:"):
 # the first word of each of its lines.
@@ -24,6 +24,17 @@ _voctl_options() {
         }'
 }
 
+# Adds the words that begin with cur to COMPREPLY (compgen -W, done here
+# because zsh's emulation of it does not filter).
+_voctl_offer() {
+    local cur=$1 w
+    shift
+    for w in "$@"; do
+        [[ $w == "$cur"* ]] && COMPREPLY+=("$w")
+    done
+    return 0
+}
+
 _voctl_complete() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}
     local voctl=${COMP_WORDS[0]} host="" sub="" i w
@@ -31,9 +42,10 @@ _voctl_complete() {
 
     local top
     top=$("$voctl" --help 2>/dev/null) || return 0
+    # Plain word lists rather than mapfile: zsh runs this too.
     local -a subs globals
-    mapfile -t subs < <(_voctl_section "$top" "Subcommands:")
-    mapfile -t globals < <(_voctl_options "$top")
+    subs=($(_voctl_section "$top" "Subcommands:"))
+    globals=($(_voctl_options "$top"))
 
     # Find the subcommand and -H's value among the words before the cursor.
     for ((i = 1; i < COMP_CWORD; i++)); do
@@ -54,9 +66,9 @@ _voctl_complete() {
             -H | --host | --timeout) return 0 ;;
         esac
         if [[ $cur == -* ]]; then
-            COMPREPLY=($(compgen -W "${globals[*]//:v/}" -- "$cur"))
+            _voctl_offer "$cur" "${globals[@]//:v/}"
         else
-            COMPREPLY=($(compgen -W "${subs[*]}" -- "$cur"))
+            _voctl_offer "$cur" "${subs[@]}"
         fi
         return 0
     fi
@@ -64,8 +76,8 @@ _voctl_complete() {
     local help
     help=$("$voctl" "$sub" --help 2>/dev/null) || return 0
     local -a opts positionals
-    mapfile -t opts < <(_voctl_options "$help")
-    mapfile -t positionals < <(_voctl_section "$help" "Positionals:")
+    opts=($(_voctl_options "$help"))
+    positionals=($(_voctl_section "$help" "Positionals:"))
 
     # The value of an option is not completed (it is a number or a host).
     local o
@@ -73,7 +85,7 @@ _voctl_complete() {
         [[ $o == *:v && $prev == "${o%:v}" ]] && return 0
     done
     if [[ $cur == -* ]]; then
-        COMPREPLY=($(compgen -W "${opts[*]//:v/}" -- "$cur"))
+        _voctl_offer "$cur" "${opts[@]//:v/}"
         return 0
     fi
 
@@ -94,10 +106,10 @@ _voctl_complete() {
     ((${#positionals[@]} == 0)) && return 0
     ((n >= ${#positionals[@]})) && n=$((${#positionals[@]} - 1))
     if [[ ${positionals[n]} == *LP* ]]; then
-        local -a lps
-        mapfile -t lps < <("$voctl" ${host:+-H "$host"} --timeout 2 lps 2>/dev/null |
-            awk 'NR > 1 { print $1 }')
-        COMPREPLY=($(compgen -W "${lps[*]}" -- "$cur"))
+        local -a lps hostopt=()
+        [[ -n $host ]] && hostopt=(-H "$host")
+        lps=($("$voctl" "${hostopt[@]}" --timeout 2 lps 2>/dev/null | awk 'NR > 1 { print $1 }'))
+        _voctl_offer "$cur" "${lps[@]}"
     fi
     return 0
 }
