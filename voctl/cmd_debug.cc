@@ -7,7 +7,7 @@
 
 #include "voctl/command.h"
 #include "voctl/number.h"
-#include "voctl/trace_spec.h"
+#include "voctl/trace_mask_arg.h"
 #include "votrace.h"
 
 namespace voctl {
@@ -20,7 +20,7 @@ constexpr uint32_t kOpenPrivateLog = 0xFFFFFFFF;
 // parse time).
 int traceMask(Context& ctx, const std::string& maskText, std::optional<int> preset) {
     std::string why;
-    const uint32_t mask = preset ? voTracePresetMask(*preset) : *parseTraceSpec(maskText, &why);
+    const uint32_t mask = preset ? voTracePresetMask(*preset) : *parseTraceMaskArg(maskText, &why);
     auto c = ctx.connect();
     if (!c) return kExitUnreachable;
     u_int arg = mask;
@@ -63,7 +63,7 @@ const CommandRegistrar traceMaskReg(
                 ->check(CLI::Validator(
                     [](std::string& text) {
                         std::string why;
-                        return parseTraceSpec(text, &why) ? std::string() : why;
+                        return parseTraceMaskArg(text, &why) ? std::string() : why;
                     },
                     "MASK|NAMES"));
         CLI::Option* presetOpt =

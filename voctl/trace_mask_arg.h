@@ -1,7 +1,7 @@
 // The argument of voctl trace-mask: a mask word, or module and level names
 // that make one, so that an administrator need not remember the bits.
-#ifndef VOCTL_TRACE_SPEC_H
-#define VOCTL_TRACE_SPEC_H
+#ifndef VOCTL_TRACE_MASK_ARG_H
+#define VOCTL_TRACE_MASK_ARG_H
 
 #include <cstdint>
 #include <optional>
@@ -22,7 +22,7 @@ constexpr uint32_t kDefaultLevels = 0x000000E0u;  // audit, warn, fatal
 // level names (detail ... fatal), in any case; a list that names no module
 // means every module, one that names no level means kDefaultLevels. Returns
 // nothing, with the offending word in *why, when a word is neither.
-inline std::optional<uint32_t> parseTraceSpec(const std::string& text, std::string* why) {
+inline std::optional<uint32_t> parseTraceMaskArg(const std::string& text, std::string* why) {
     if (auto n = parseU32(text)) return n;
     uint32_t modules = 0, levels = 0;
     size_t start = 0;
@@ -44,4 +44,4 @@ inline std::optional<uint32_t> parseTraceSpec(const std::string& text, std::stri
 
 }  // namespace voctl
 
-#endif  // VOCTL_TRACE_SPEC_H
+#endif  // VOCTL_TRACE_MASK_ARG_H

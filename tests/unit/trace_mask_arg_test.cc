@@ -1,4 +1,4 @@
-#include "voctl/trace_spec.h"
+#include "voctl/trace_mask_arg.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST(TraceSpec, MasksNamesAndRefusals) {
+TEST(TraceMaskArg, MasksNamesAndRefusals) {
     const struct {
         const char* text;
         bool ok;
@@ -33,7 +33,7 @@ TEST(TraceSpec, MasksNamesAndRefusals) {
     };
     for (const auto& r : rows) {
         std::string why;
-        const auto mask = voctl::parseTraceSpec(r.text, &why);
+        const auto mask = voctl::parseTraceMaskArg(r.text, &why);
         ASSERT_EQ(mask.has_value(), r.ok) << r.text;
         if (r.ok) {
             EXPECT_EQ(*mask, r.mask) << r.text;
