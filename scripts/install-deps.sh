@@ -14,6 +14,9 @@ PACKAGES=(
   # /etc/protocols: without it rpcbind does not answer and no RPC client can
   # be made (a minimal Debian 12 lacks it)
   netbase
+  # packages, man pages and their checks (scripts/package-test.sh); tmux for
+  # watching voctl top as a person would
+  scdoc groff-base man-db lintian debootstrap zsh tmux
 )
 
 missing=()

@@ -13,6 +13,7 @@
 #include "vldb_server.h"
 #include "voctl/admin_common.h"
 #include "voctl/command.h"
+#include "voctl/lp_names.h"
 #include "voctl/lpid.h"
 #include "voctl/mirror_report.h"
 #include "voctl/number.h"
@@ -25,53 +26,6 @@ namespace {
 
 // The VODB answers this for an empty table.
 constexpr int kVodbEmpty = 135;
-
-// ---- LP names ---------------------------------------------------------------
-
-// The LPs' names as their D-blades list them: the node's DLDB gives each
-// D-blade's host, and each D-blade lists its own LPs. A D-blade that cannot
-// be asked leaves its LPs unnamed, and *why says so.
-std::map<LpId, std::string> lpNames(const std::string& host, unsigned timeoutSec,
-                                    std::string* why) {
-    std::map<LpId, std::string> names;
-    std::string err;
-    ServiceClient dldb = connectService(host, DLDB_PROG, DLDB_VERS, timeoutSec, &err);
-    if (!dldb) {
-        *why = "DLDB: " + trimTrailing(err);
-        return names;
-    }
-    XdrResult<DldbIterateRes> dblades(xdr_DldbIterateRes);
-    if (iterate_1(nullptr, dblades.get(), dldb.get()) != RPC_SUCCESS) {
-        *why = "DLDB: " + trimTrailing(clnt_sperror(dldb.get(), host.c_str()));
-        return names;
-    }
-    if (dblades->status != DLDB_STATUS_OK) {
-        *why = "DLDB: status " + std::to_string(dblades->status) + " listing the D-blades";
-        return names;
-    }
-    for (u_int i = 0; i < dblades->rec.rec_len; ++i) {
-        const DldbRec& d = dblades->rec.rec_val[i];
-        if (d.host.name == nullptr) continue;
-        const std::string where = "D-blade " + std::to_string(d.did);
-        ServiceClient lpm =
-            connectService(d.host.name, DBLADE_LPM_PROG, DBLADE_LPM_VERS, timeoutSec, &err);
-        XdrResult<LPGetAllOut> lps(xdr_LPGetAllOut);
-        u_int all = 0;
-        if (!lpm) {
-            *why = where + ": " + trimTrailing(err);
-        } else if (lp_list_all_1(&all, lps.get(), lpm.get()) != RPC_SUCCESS) {
-            *why = where + ": " + trimTrailing(clnt_sperror(lpm.get(), d.host.name));
-        } else if (lps->status != 0) {
-            *why = where + ": LP management answered status " + std::to_string(lps->status);
-        } else {
-            for (u_int j = 0; j < lps->entries.entries_len; ++j) {
-                const LPGetAllEntry& e = lps->entries.entries_val[j];
-                if (e.name != nullptr) names[lpIdOf(e.uuid)] = e.name;
-            }
-        }
-    }
-    return names;
-}
 
 // ---- recorded mirrors ---------------------------------------------------------
 

@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "util/tarn_clnt_create.h"
@@ -58,6 +59,9 @@ int main(int argc, char** argv) {
     signal(SIGABRT, sig_handler);
 
     if (isDaemon) {
+        // What administrators filter syslog by: the program's name with its pid, and the
+        // facility of system daemons rather than syslog's default "user".
+        openlog("vod", LOG_PID, LOG_DAEMON);
         if (daemon(1, 0) != 0) {
             VO_TR_RAW(vo_vod, vo_fatal, "daemon(1,0) failed: %s\n", strerror(errno));
             exit(-1);

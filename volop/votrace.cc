@@ -1,5 +1,6 @@
 #include "votrace.h"
 
+#include <strings.h>
 #include <sys/time.h>
 #include <syslog.h>
 
@@ -237,7 +238,13 @@ void VoTrace::setConsoleStream(FILE* f) {
     gConsole = f;
 }
 
-void voApplyTracePreset(int preset) {
+namespace {
+
+struct PresetMasks {
+    unsigned long mod, lvl;
+};
+
+PresetMasks presetMasks(int preset) {
     unsigned long mod = 0xFFFFFFFFul;
     unsigned long lvl = 0xFFFFFFFFul;
     switch (preset) {
@@ -264,6 +271,33 @@ void voApplyTracePreset(int preset) {
         default:  // above 4 and negative: everything
             break;
     }
-    VoTrace::setModMask(mod);
-    VoTrace::setLvlMask(lvl);
+    return {mod, lvl};
 }
+
+constexpr const char* kLevelName[] = {"",      "detail", "debug", "entry", "exit",
+                                      "event", "audit",  "warn",  "fatal"};
+static_assert(sizeof(kLevelName) / sizeof(kLevelName[0]) == kNumLevels, "one name per level");
+
+}  // namespace
+
+void voApplyTracePreset(int preset) {
+    const PresetMasks p = presetMasks(preset);
+    VoTrace::setModMask(p.mod);
+    VoTrace::setLvlMask(p.lvl);
+}
+
+unsigned voTracePresetMask(int preset) {
+    const PresetMasks p = presetMasks(preset);
+    return static_cast<uint32_t>((p.mod & kModBits) | (p.lvl & kLvlBits));
+}
+
+unsigned voTraceBitOfName(const char* name) {
+    if (name == nullptr || *name == '\0') return 0;
+    for (int m = 1; m < kNumModules; ++m)
+        if (strcasecmp(name, kModuleName[m]) == 0) return kModuleBit[m];
+    for (int l = 1; l < kNumLevels; ++l)
+        if (strcasecmp(name, kLevelName[l]) == 0) return kLevelBit[l];
+    return 0;
+}
+
+bool voTraceIsModuleBit(unsigned bit) { return (bit & kModBits) != 0; }

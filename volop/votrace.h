@@ -96,6 +96,15 @@ extern VoTrace* gVoTrace;
 // setModMask and setLvlMask.
 void voApplyTracePreset(int preset);
 
+// The whole mask word that preset n sets: what voApplyTracePreset leaves in force.
+unsigned voTracePresetMask(int preset);
+
+// The mask bit of a module ("VLDB", as traces print it) or a level ("audit", as the
+// Level enumerators read without "vo_") named in any case; 0 for any other name.
+unsigned voTraceBitOfName(const char* name);
+// True when bit (from voTraceBitOfName) is a module bit rather than a level bit.
+bool voTraceIsModuleBit(unsigned bit);
+
 // The one call-site pattern: the mask is tested first, so the arguments are not evaluated
 // when nothing would be written; the message is prefixed with the function name and line.
 #define VO_TR(mod, lvl, fmt, ...)                                                        \

@@ -173,6 +173,10 @@ TEST(VoctlUsage, BadCommandLinesExitWithStatusTwo) {
              {"decode", "0x100000000"},
              {"decode", "-5"},
              {"trace-mask", "1", "2"},
+             {"trace-mask"},
+             {"trace-mask", "vod,warning"},
+             {"trace-mask", "--preset", "6"},
+             {"trace-mask", "0x1080", "--preset", "2"},
              {"--timeout", "0", "ping"},
          }) {
         std::string line;
@@ -279,6 +283,21 @@ TEST_F(VoctlNodeTest, TraceMaskAndDbgDump) {
     r = node.voctl({"trace-mask", "0x1080"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("0x00001080"), std::string::npos) << r.out;
+
+    // A preset and names go out as the mask word they stand for.
+    const struct {
+        std::vector<std::string> args;
+        const char* word;
+    } ways[] = {
+        {{"trace-mask", "--preset", "2"}, "0xFFFDF0E0"},
+        {{"trace-mask", "vod,vldb,warn,fatal"}, "0x000030C0"},
+        {{"trace-mask", "audit"}, "0xFFFFF020"},
+    };
+    for (const auto& w : ways) {
+        r = node.voctl(w.args);
+        EXPECT_EQ(r.status, 0) << w.args.back() << r.err;
+        EXPECT_NE(r.out.find(w.word), std::string::npos) << w.args.back() << ": " << r.out;
+    }
 
     r = node.voctl({"dbgdump"});
     EXPECT_EQ(r.status, 0) << r.err;

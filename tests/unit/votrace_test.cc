@@ -233,7 +233,31 @@ TEST_F(VoTraceTest, PresetsSetModuleAndLevelMasks) {
         VoTrace::setMask(0x00000000);
         voApplyTracePreset(r.preset);
         EXPECT_EQ(VoTrace::getMask(), r.mask) << "preset " << r.preset;
+        // What voctl sends for "trace-mask --preset N" is the word the daemon would set.
+        EXPECT_EQ(voTracePresetMask(r.preset), r.mask) << "preset " << r.preset;
     }
+}
+
+TEST_F(VoTraceTest, NamesReadAsTheirMaskBitsInAnyCase) {
+    const struct {
+        const char* name;
+        unsigned bit;
+        bool module;
+    } rows[] = {
+        {"VOD", 0x1000, true},   {"vldb", 0x2000, true},  {"Vosc", 0x4000, true},
+        {"vosk", 0x8000, true},  {"incp", 0x10000, true}, {"RPC", 0x20000, true},
+        {"detail", 0x01, false}, {"DEBUG", 0x02, false},  {"entry", 0x04, false},
+        {"exit", 0x08, false},   {"event", 0x10, false},  {"audit", 0x20, false},
+        {"warn", 0x40, false},   {"fatal", 0x80, false},  {"", 0, false},
+        {"vo_warn", 0, false},   {"warning", 0, false},   {"all", 0, false},
+    };
+    for (const auto& r : rows) {
+        EXPECT_EQ(voTraceBitOfName(r.name), r.bit) << r.name;
+        if (r.bit != 0) {
+            EXPECT_EQ(voTraceIsModuleBit(r.bit), r.module) << r.name;
+        }
+    }
+    EXPECT_EQ(voTraceBitOfName(nullptr), 0u);
 }
 
 TEST_F(VoTraceTest, OverlongMessageIsReplacedByOverflowNotice) {
