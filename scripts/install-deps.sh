@@ -2,6 +2,9 @@
 # Installs what building and testing vod needs on a fresh Debian 12 machine.
 # Idempotent: when every package is already there it does nothing, quickly,
 # and needs no root.
+#
+# Usage: install-deps.sh [fuzz]   (fuzz: also clang and its libFuzzer runtime,
+# for scripts/fuzz.sh)
 set -euo pipefail
 
 PACKAGES=(
@@ -15,6 +18,10 @@ PACKAGES=(
   # be made (a minimal Debian 12 lacks it)
   netbase
 )
+if [[ "${1:-}" == fuzz ]]; then
+  # clang does not pull in its runtimes without recommends; libFuzzer is one.
+  PACKAGES+=(clang libclang-rt-14-dev)
+fi
 
 missing=()
 for p in "${PACKAGES[@]}"; do
