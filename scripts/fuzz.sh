@@ -26,6 +26,8 @@ cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPI
   -DVOD_WERROR=ON -DVOD_TESTS=OFF -DVOD_FUZZ=ON >/dev/null
 cmake --build "$BUILD" -j2 --target fuzz_targets >/dev/null
 
+# Artifacts and logs are this run's only.
+rm -rf "$BUILD/artifacts" "$BUILD/logs"
 mkdir -p "$BUILD/artifacts" "$BUILD/logs"
 runs=()
 [[ -n ${FUZZ_RUNS:-} ]] && runs=(-runs="$FUZZ_RUNS")
@@ -51,7 +53,9 @@ for src in "$ROOT"/fuzz/*_fuzz.cc; do
   if [[ $rc -ne 0 ]]; then
     crashes=$((crashes + 1))
     echo "$name: $n execs in ${took}s, CRASH (exit $rc; log $log)"
-    grep -E '^(==[0-9]+==ERROR|SUMMARY|.*property failed|artifact_prefix)' "$log" | head -5 >&2 || true
+    # The input too, for a run whose artifacts are gone with its machine.
+    grep -E '^(==[0-9]+==ERROR|SUMMARY|.*property failed|artifact_prefix|Base64)' "$log" |
+      head -6 >&2 || true
   else
     echo "$name: $n execs in ${took}s, no crash"
   fi
