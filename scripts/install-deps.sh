@@ -2,6 +2,9 @@
 # Installs what building and testing vod needs on a fresh Debian 12 machine.
 # Idempotent: when every package is already there it does nothing, quickly,
 # and needs no root.
+#
+# Usage: install-deps.sh [fuzz]   (fuzz: also clang and its libFuzzer runtime,
+# for scripts/fuzz.sh)
 set -euo pipefail
 
 PACKAGES=(
@@ -18,6 +21,10 @@ PACKAGES=(
   # watching voctl top as a person would
   scdoc groff-base man-db lintian debootstrap zsh tmux
 )
+if [[ "${1:-}" == fuzz ]]; then
+  # clang does not pull in its runtimes without recommends; libFuzzer is one.
+  PACKAGES+=(clang libclang-rt-14-dev)
+fi
 
 missing=()
 for p in "${PACKAGES[@]}"; do

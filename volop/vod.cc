@@ -29,7 +29,8 @@ const unsigned short kRpcPort = 908;
 // record mode, so a client that sends half a request and goes silent cannot
 // stall the loop, and garbage record markers cannot make it allocate without
 // bound.  The largest legitimate request is well under 1 KiB plus names.
-const int kMaxRequestRecord = 64 * 1024;
+// The protocol's unbounded names are decoded within the same bound.
+const int kMaxRequestRecord = VO_MAX_REQUEST;
 
 void sig_handler(int sig) {
     if (sig == SIGABRT || sig == SIGKILL) abort();

@@ -743,13 +743,41 @@ TEST(VoWire, ErrorDecodeResult) {
 // ---- decoding what the wire may bring ----
 
 TEST(WireDecode, BoundedNamesRejectOneByteTooMany) {
-    for (size_t n : {0, 128, 129}) {
-        std::string name(n, 'v');
-        Wire lidVname, vname;
-        lidVname.u32(42).lid(0xA0).lid(0xB0).str(name);
-        vname.u32(42).lid(0xA0).str(name);
-        EXPECT_EQ(n <= 128, decodes(xdr_VoLidVnameIn, lidVname.bytes())) << n;
-        EXPECT_EQ(n <= 128, decodes(xdr_VoVnameIn, vname.bytes())) << n;
+    // Volume names have their own bound. The administration names have the
+    // largest request record's: none longer can arrive whole, and a length
+    // word claiming more must not make the decoder allocate it.
+    using Image = std::function<Wire(const std::string&)>;
+    using Decode = std::function<bool(const Bytes&)>;
+    auto decoder = [](auto filter) -> Decode {
+        return [filter](const Bytes& b) { return decodes(filter, b); };
+    };
+    const struct {
+        const char* what;
+        size_t bound;
+        Image image;
+        Decode decode;
+    } cases[] = {
+        {"VoLidVnameIn", 128, [](auto& n) { return Wire().u32(42).lid(0xA0).lid(0xB0).str(n); },
+         decoder(xdr_VoLidVnameIn)},
+        {"VoVnameIn", 128, [](auto& n) { return Wire().u32(42).lid(0xA0).str(n); },
+         decoder(xdr_VoVnameIn)},
+        {"vo_string", VO_MAX_REQUEST, [](auto& n) { return Wire().str(n); },
+         decoder(xdr_vo_string)},
+        {"CreateVfsIn.vfsName", VO_MAX_REQUEST,
+         [](auto& n) { return Wire().str(n).str("lp1a").str("vs1").u32(0); },
+         decoder(xdr_CreateVfsIn)},
+        {"CreateVfsIn.storagePoolName", VO_MAX_REQUEST,
+         [](auto& n) { return Wire().str("v").str(n).str("vs1").u32(0); },
+         decoder(xdr_CreateVfsIn)},
+        {"CreateVfsIn.virtualServerName", VO_MAX_REQUEST,
+         [](auto& n) { return Wire().str("v").str("lp1a").str(n).u32(0); },
+         decoder(xdr_CreateVfsIn)},
+    };
+    for (const auto& c : cases) {
+        for (size_t n : {size_t{0}, c.bound, c.bound + 1}) {
+            EXPECT_EQ(n <= c.bound, c.decode(c.image(std::string(n, 'v')).bytes()))
+                << c.what << " " << n;
+        }
     }
 }
 
