@@ -211,6 +211,9 @@ class VoState {
     // _voStateLock; a failure is fatal. Not recursive.
     void getLock();
     void releaseLock();
+    // Takes _voStateLock only when it is free: false, without waiting, when
+    // another thread holds it. Any other failure is fatal.
+    bool tryLock();
 
     // Set by WorkerThreadPool::queueJob under the operation lock; cleared by
     // the worker when the job is over.

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "fake_vostate.h"
@@ -320,9 +324,107 @@ TEST_F(CheckForCompletedOpsTest, RunningStreamIsLeftRunning) {
     FakeOp* op = add(1);
     op->setRunning(true);
     list.checkForCompletedOps(nullptr, nullptr, nullptr);
-    EXPECT_EQ(op->concludeIncrCalls, 1);
-    EXPECT_FALSE(op->isJobAssignedToThread());
+    ASSERT_TRUE(
+        waitFor([&] { return op->concludeIncrCalls == 1 && !op->isJobAssignedToThread(); }));
     EXPECT_EQ(op->concludeCalls, 0);
+    EXPECT_NE(op->getJobState(), VO_JOB_OP_COMPLETE);
+}
+
+// What one scan does with an operation, by its lock, its worker and its last check.
+struct ScanCase {
+    const char* name;
+    bool lockTaken;  // another thread holds the operation's lock
+    bool assigned;   // a worker holds the operation
+    int checkedAgo;  // seconds since its last check
+    bool checked;    // a worker asks the D-blade about its stream
+    bool stamped;    // its check time becomes now
+};
+
+class ScanTest : public CheckForCompletedOpsTest, public ::testing::WithParamInterface<ScanCase> {};
+
+TEST_P(ScanTest, NeverWaitsAndLeavesTheDbladeToAWorker) {
+    const ScanCase& c = GetParam();
+    FakeOp* op = add(1);
+    op->setRunning(true);
+    op->setStatusCheckedAtTime(fakeNow() - c.checkedAgo);
+    if (c.assigned) op->setJobAssignedToThread();
+    // A default mutex refuses a second taker even on the thread that holds it,
+    // so the scan below would hang here if it waited for the lock.
+    if (c.lockTaken) op->getLock();
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    if (c.lockTaken) op->releaseLock();
+    EXPECT_EQ(op->getStatusCheckedAtTime() == fakeNow(), c.stamped);
+    if (c.checked) {
+        ASSERT_TRUE(
+            waitFor([&] { return op->concludeIncrCalls == 1 && !op->isJobAssignedToThread(); }));
+        EXPECT_NE(op->concludeIncrThread, std::this_thread::get_id());
+    } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_EQ(op->concludeIncrCalls, 0);
+    }
+    if (c.assigned) op->jobIsFree();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Registry, ScanTest,
+    ::testing::Values(
+        ScanCase{"DueAndFreeIsCheckedByAWorker", false, false, 30, true, true},
+        ScanCase{"NotDueIsLeftAlone", false, false, 29, false, false},
+        ScanCase{"DueWithItsLockTakenIsStampedAndSkipped", true, false, 45, false, true},
+        ScanCase{"NotDueWithItsLockTakenIsLeftAlone", true, false, 10, false, false},
+        ScanCase{"DueAndHeldByAWorkerIsStampedAndSkipped", false, true, 30, false, true}),
+    [](const ::testing::TestParamInfo<ScanCase>& i) { return std::string(i.param.name); });
+
+TEST_F(CheckForCompletedOpsTest, SkippedWhileBusyIsCheckedWhenNextDue) {
+    FakeOp* op = add(1);
+    op->setRunning(true);
+    op->setStatusCheckedAtTime(fakeNow() - 30);
+    op->getLock();
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    op->releaseLock();
+    fakeNow() += 29;
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(op->concludeIncrCalls, 0);
+    fakeNow() += 1;
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    EXPECT_TRUE(
+        waitFor([&] { return op->concludeIncrCalls == 1 && !op->isJobAssignedToThread(); }));
+}
+
+TEST_F(CheckForCompletedOpsTest, ADbladeThatAnswersLateHoldsUpNeitherTheScanNorTheRegistry) {
+    ensurePool(2);
+    std::mutex m;
+    std::condition_variable cv;
+    bool answer = false;
+    FakeOp* slow = add(1);
+    FakeOp* quick = add(2, VoRec::VODB_VOLOP_COPY, 101, 1);
+    for (FakeOp* op : {slow, quick}) {
+        op->setRunning(true);
+        op->setStatusCheckedAtTime(fakeNow() - 30);
+    }
+    slow->onConcludeIncr = [&](FakeOp*) {
+        std::unique_lock<std::mutex> lk(m);
+        cv.wait(lk, [&] { return answer; });
+    };
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    // The other operation's check goes through; the slow one's worker waits
+    // with the operation's lock held, as a worker waiting on a D-blade does.
+    ASSERT_TRUE(waitFor([&] { return quick->concludeIncrCalls == 1; }));
+    fakeNow() += 30;
+    auto t0 = std::chrono::steady_clock::now();
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    VoStateRef ref;
+    EXPECT_EQ(list.findVoState(2, ref), quick);
+    list.releaseRef(ref);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
+    {
+        std::lock_guard<std::mutex> g(m);
+        answer = true;
+    }
+    cv.notify_all();
+    EXPECT_TRUE(
+        waitFor([&] { return !slow->isJobAssignedToThread() && !quick->isJobAssignedToThread(); }));
 }
 
 }  // namespace
