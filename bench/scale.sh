@@ -180,6 +180,8 @@ for n in $counts; do
     printf '  %-34s port look-up %s, connect and client %s, call %s, destroy %s ms\n' \
         "  bare, by part (p50)" "$(value "$cost" lookup_p50)" "$(value "$cost" connect_p50)" \
         "$(value "$cost" call_p50)" "$(value "$cost" destroy_p50)"
+    printf '  %-34s poll %s, bare %s ms (one at a time: the tail the node adds)\n' \
+        "  p99 of the same" "$(value "$cost" poll_p99)" "$(value "$cost" bare_p99)"
 
     kill -9 "$vod_pid"
     wait "$vod_pid" 2>/dev/null || true
@@ -188,6 +190,10 @@ for n in $counts; do
     restart=$("$load" wait "$work/keys" 120 "$t0" || true)
     printf '  %-34s %s of %s known after %s ms\n' "restart after SIGKILL" \
         "$(value "$restart" known)" "$n" "$(value "$restart" ms)"
+    if [[ -z $(value "$restart" known) ]]; then
+        echo "  (the new vod never knew them; its last lines:)"
+        tail -n 5 "$work/vod.log" | sed 's/^/    /'
+    fi
     stop_all
 done
 

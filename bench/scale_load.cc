@@ -392,9 +392,10 @@ int cost(const std::string& keysPath, int rounds, unsigned long long skip) {
     double inside = p.p50 - n.p50;
     std::printf(
         "cost rounds=%d poll_p50=%.3f null_p50=%.3f in_vod_p50=%.3f bare_p50=%.3f "
-        "lookup_p50=%.3f connect_p50=%.3f call_p50=%.3f destroy_p50=%.3f ratio=%.2f\n",
+        "lookup_p50=%.3f connect_p50=%.3f call_p50=%.3f destroy_p50=%.3f ratio=%.2f "
+        "poll_p99=%.3f bare_p99=%.3f\n",
         rounds, p.p50, n.p50, inside, b.p50, stats(part[0]).p50, stats(part[1]).p50,
-        stats(part[2]).p50, stats(part[3]).p50, b.p50 > 0 ? inside / b.p50 : 0.0);
+        stats(part[2]).p50, stats(part[3]).p50, b.p50 > 0 ? inside / b.p50 : 0.0, p.p99, b.p99);
     return 0;
 }
 

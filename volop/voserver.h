@@ -58,7 +58,7 @@ class VoServer {
     // Hands a stream completion to a worker (job state 13, job type 2) unless
     // a worker holds the operation or the completion is already known.  The
     // caller holds a registry reference on op.  Any thread that may take the
-    // operation lock (the registry calls it with its list lock held).
+    // operation lock.
     static void runOpComplete(VoState* op);
     // runOpComplete's decision, for a caller holding op's lock: true when the
     // completion is neither known nor being handled (nor, unless byItsWorker,

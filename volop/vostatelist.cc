@@ -210,6 +210,13 @@ unsigned long VoStateList::computeSleepTime() {
         if (t == 0) {
             op->setStatusCheckedAtTime(now);
             remaining = kStatusCheckSec;
+        } else if (t > now) {
+            // Resurrection staggers its stamps one second apart, up to
+            // thousands of seconds ahead: such an operation is not due, and
+            // counting it due would have the loop wake every 10 ms, running
+            // its whole time-out pass, until the clock caught up.
+            unsigned long ahead = t - now;
+            remaining = ahead + kStatusCheckSec;
         } else {
             unsigned elapsed = now - t;
             if (elapsed >= kStatusCheckSec) {
@@ -229,10 +236,10 @@ void VoStateList::checkForCompletedOps(CLIENT*, CLIENT*, CLIENT*) {
     for (VoState* op : _voStates) {
         // The loop never waits for a slow peer, and a worker keeps an
         // operation's lock across its D-blade calls, each of which may take
-        // its whole time-out. So a taken lock counts as the worker's hold of
-        // step 2 below: stamped when due and left, without waiting, until
-        // 30 seconds on, as the worker's own stamp at the end of its job
-        // would leave it anyway.
+        // its whole time-out. So a taken lock counts as a worker's hold (the
+        // isJobAssignedToThread test below): stamped when due and left,
+        // without waiting, until 30 seconds on, as the worker's own stamp at
+        // the end of its job would leave it anyway.
         if (!op->tryLock()) {
             unsigned t = op->getStatusCheckedAtTime();
             unsigned now = VoState::getCurrentTime();

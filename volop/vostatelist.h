@@ -110,7 +110,9 @@ class VoStateList {
 
     // Seconds the loop may sleep: 0 when an operation is due for its
     // 30-second check, else the least time until one is, at most 300; 15
-    // when the clock cannot be read. Stamps never-checked operations now.
+    // when the clock cannot be read. Stamps never-checked operations now. A
+    // stamp ahead of the clock (resurrection's stagger) is due 30 seconds
+    // after it.
     unsigned long computeSleepTime();
 
     // The loop's status check of every operation not looked at for 30

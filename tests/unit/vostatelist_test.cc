@@ -38,9 +38,13 @@ class VoStateListTest : public ::testing::Test {
 
 // ---- Sleep time ----
 
+constexpr int kNever = -100000;
+
 struct SleepCase {
     const char* name;
-    std::vector<int> checkedAgo;  // seconds since each operation's check; -1 = never checked
+    // Seconds since each operation's check (negative: stamped ahead of the
+    // clock, as resurrection staggers them); kNever = never checked.
+    std::vector<int> checkedAgo;
     unsigned long expected;
 };
 
@@ -51,13 +55,13 @@ TEST_P(SleepTimeTest, IsTheLeastTimeUntilAnOperationIsDue) {
     std::vector<FakeOp*> ops;
     for (size_t i = 0; i < c.checkedAgo.size(); i++) {
         FakeOp* op = add(i + 1);
-        if (c.checkedAgo[i] >= 0) op->setStatusCheckedAtTime(fakeNow() - c.checkedAgo[i]);
+        if (c.checkedAgo[i] != kNever) op->setStatusCheckedAtTime(fakeNow() - c.checkedAgo[i]);
         ops.push_back(op);
     }
     EXPECT_EQ(list.computeSleepTime(), c.expected);
     // Never-checked operations are stamped now, so the next answer counts from here.
     for (size_t i = 0; i < ops.size(); i++) {
-        if (c.checkedAgo[i] < 0) {
+        if (c.checkedAgo[i] == kNever) {
             EXPECT_EQ(ops[i]->getStatusCheckedAtTime(), fakeNow());
         }
     }
@@ -66,11 +70,14 @@ TEST_P(SleepTimeTest, IsTheLeastTimeUntilAnOperationIsDue) {
 INSTANTIATE_TEST_SUITE_P(Registry, SleepTimeTest,
                          ::testing::Values(SleepCase{"Empty", {}, 300},
                                            SleepCase{"AllCheckedTenAgo", {10, 10}, 20},
-                                           SleepCase{"NeverChecked", {-1}, 30},
+                                           SleepCase{"NeverChecked", {kNever}, 30},
                                            SleepCase{"CheckedExactlyThirtyAgo", {30}, 0},
                                            SleepCase{"OneOverdueAmongFresh", {1, 45, 2}, 0},
-                                           SleepCase{"LeastRemainingWins", {5, 25, -1}, 5},
-                                           SleepCase{"JustChecked", {0}, 30}),
+                                           SleepCase{"LeastRemainingWins", {5, 25, kNever}, 5},
+                                           SleepCase{"JustChecked", {0}, 30},
+                                           SleepCase{"StampedAheadIsNotDue", {-5}, 35},
+                                           SleepCase{"AheadBesideDue", {-5, 31}, 0},
+                                           SleepCase{"FarAheadSleepsTheLongest", {-4000}, 300}),
                          [](const ::testing::TestParamInfo<SleepCase>& i) {
                              return std::string(i.param.name);
                          });
@@ -299,8 +306,8 @@ TEST_F(CheckForCompletedOpsTest, EndedStreamWhoseCompletionNeverCameIsConcludedB
     op->setRunning(true);
     op->streamEndsWhenConcluded = true;
     list.checkForCompletedOps(nullptr, nullptr, nullptr);
-    // The scan concluded the stream itself and handed the completion to a worker,
-    // which concludes it again (idempotent) and then the operation.
+    // The status check's worker concluded the stream and, in the same turn, the
+    // completion: the stream once more (idempotent), then the operation.
     ASSERT_TRUE(waitFor([&] { return op->concludeCalls == 1 && !op->isJobAssignedToThread(); }));
     EXPECT_EQ(op->concludeIncrCalls, 2);
     EXPECT_EQ(op->getJobState(), VO_JOB_OP_COMPLETE);
