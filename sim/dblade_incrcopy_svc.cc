@@ -23,10 +23,13 @@ constexpr u_int kMaxSinks = 1024;
 // The form of the procedures that name a stream by its id.
 template <typename Fn>
 bool_t serveStream(const char* proc, u_int* status, uint64_t opId, Fn fn) {
-    return simServeStatus(proc, status, [&]() -> unsigned {
-        if (simStreamDblade(opId) != simServingDblade()) return VIC_EOPNOTFOUND;
-        return fn();
-    });
+    return simServeStatus(
+        proc, status,
+        [&]() -> unsigned {
+            if (simStreamDblade(opId) != simServingDblade()) return VIC_EOPNOTFOUND;
+            return fn();
+        },
+        opId);
 }
 
 SimDumpRequest dumpRequest(const TcpVfsDumpIn& in) {

@@ -104,6 +104,7 @@ struct Rule {
   unsigned value;  // status, or delay in ms
   long left;       // calls still to hit, or kAlways
   uint16_t did;    // the one D-blade whose calls it hits; 0: every caller
+  uint64_t opid;   // the one stream whose calls it hits; 0: every call
 };
 
 struct HeldCall {
@@ -125,12 +126,14 @@ std::map<std::string, ProcState> gProcs;
 std::map<std::pair<std::string, uint16_t>, long> gRefuse;
 std::atomic<bool> gTraceCalls{false};
 
-// Takes the first live rule of one of the kinds that hits a call of D-blade did, counting
-// it down; false when none.
-bool takeRule(ProcState& ps, std::initializer_list<Rule::Kind> kinds, uint16_t did, Rule* out) {
+// Takes the first live rule of one of the kinds that hits a call of D-blade did about
+// stream opid, counting it down; false when none.
+bool takeRule(ProcState& ps, std::initializer_list<Rule::Kind> kinds, uint16_t did, uint64_t opid,
+              Rule* out) {
   for (auto it = ps.rules.begin(); it != ps.rules.end(); ++it) {
     if (std::find(kinds.begin(), kinds.end(), it->kind) == kinds.end()) continue;
     if (it->did != 0 && it->did != did) continue;
+    if (it->opid != 0 && it->opid != opid) continue;
     *out = *it;
     if (it->left != kAlways && --it->left == 0) ps.rules.erase(it);
     return true;
@@ -198,6 +201,27 @@ bool takeDbladeOption(std::vector<std::string>* a, uint16_t* did, std::string* w
   return true;
 }
 
+// The procedures that name one stream, which a fault may aim at with --opid.
+bool namesStream(const std::string& proc) {
+  return proc == "incrcopyprogress" || proc == "incrcopypause" || proc == "incrcopyresume" ||
+         proc == "incrcopyconclude" || proc == "incrcopycancel";
+}
+
+// Takes "--opid N" out of the words, wherever it stands; *opid stays 0 without it.
+bool takeOpidOption(std::vector<std::string>* a, uint64_t* opid, std::string* why) {
+  auto it = std::find(a->begin(), a->end(), "--opid");
+  if (it == a->end()) return true;
+  const std::string n = it + 1 == a->end() ? "" : *(it + 1);
+  if (n.empty() || n.size() > 19 || !std::all_of(n.begin(), n.end(), ::isdigit) ||
+      std::stoull(n) == 0) {
+    *why = "--opid takes a stream's operation id";
+    return false;
+  }
+  *opid = std::stoull(n);
+  a->erase(it, it + 2);
+  return true;
+}
+
 const char* kFaultUsage =
     "fault status PROC N [COUNT|always]    answer status N\n"
     "fault drop PROC [COUNT|always]        do nothing, send no reply (the caller times out)\n"
@@ -215,7 +239,9 @@ const char* kFaultUsage =
     "  .vldb, .notify (a final move), volswapvolid.step1, .step2, .step3 (an id swap).\n"
     "COUNT (default 1) is the number of calls or connection attempts hit.  status, drop,\n"
     "lose-reply, delay, hold and refuse of a D-blade's procedure or program take\n"
-    "--dblade ID: only calls to that D-blade's address meet the fault.";
+    "--dblade ID: only calls to that D-blade's address meet the fault.  status, drop,\n"
+    "lose-reply, delay and hold of incrcopyprogress, incrcopypause, incrcopyresume,\n"
+    "incrcopyconclude and incrcopycancel take --opid OPID: only calls about that stream meet it.";
 
 std::string listFaults() {
   std::ostringstream o;
@@ -224,7 +250,9 @@ std::string listFaults() {
       o << name << " " << kindName(r.kind);
       if (r.kind == Rule::Status) o << " " << r.value;
       if (r.kind == Rule::Delay) o << " " << r.value << "ms";
-      o << " " << countText(r.left) << dbladeText(r.did) << "\n";
+      o << " " << countText(r.left) << dbladeText(r.did);
+      if (r.opid) o << " opid " << r.opid;
+      o << "\n";
     }
     if (!ps.held.empty()) o << name << " held " << ps.held.size() << "\n";
   }
@@ -255,6 +283,8 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
   uint16_t did = 0;
   std::string why;
   if (!takeDbladeOption(&a, &did, &why)) return fail(why);
+  uint64_t opid = 0;
+  if (!takeOpidOption(&a, &opid, &why)) return fail(why);
   if (a.empty()) return fail(kFaultUsage);
   const std::string verb = a[0];
   const bool aimable = verb == "status" || verb == "drop" || verb == "lose-reply" ||
@@ -262,6 +292,9 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
   if (did && (!aimable || a.size() < 2 || !ofDblade(a[1])))
     return fail("--dblade goes with status, drop, lose-reply, delay, hold or refuse of a "
                 "D-blade's procedure or program");
+  if (opid && (!aimable || verb == "refuse" || a.size() < 2 || !namesStream(a[1])))
+    return fail("--opid goes with status, drop, lose-reply, delay or hold of a procedure that "
+                "names a stream");
   if (verb == "list") {
     std::lock_guard<std::mutex> g(gMu);
     return listFaults();
@@ -323,7 +356,7 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
     return std::to_string(n) + " released";
   }
 
-  Rule r{Rule::Drop, 0, 1, did};
+  Rule r{Rule::Drop, 0, 1, did, opid};
   size_t countAt = 2;
   unsigned long v = 0;
   if (verb == "status" || verb == "delay") {
@@ -384,7 +417,7 @@ std::string callsCommand(std::vector<std::string> a, bool* ok) {
 
 void simTraceCalls(bool on) { gTraceCalls = on; }
 
-SimFaultVerdict simFault(const char* proc) {
+SimFaultVerdict simFault(const char* proc, uint64_t opid) {
   if (gTraceCalls) std::fprintf(stderr, "vodsim: call %s\n", proc);
   const uint16_t did = simServingDblade();
   std::unique_lock<std::mutex> lk(gMu);
@@ -392,19 +425,19 @@ SimFaultVerdict simFault(const char* proc) {
   ++ps.calls;
   if (did) ++ps.callsByDblade[did];
   Rule r{};
-  if (takeRule(ps, {Rule::Delay}, did, &r)) {
+  if (takeRule(ps, {Rule::Delay}, did, opid, &r)) {
     lk.unlock();
     std::this_thread::sleep_for(std::chrono::milliseconds(r.value));
     lk.lock();
   }
-  if (takeRule(ps, {Rule::Hold}, did, &r)) {
+  if (takeRule(ps, {Rule::Hold}, did, opid, &r)) {
     HeldCall me;
     ps.held.push_back(&me);
     gCv.notify_all();
     gCv.wait(lk, [&] { return me.released; });
     if (me.drop) return {SimFaultKind::Drop, 0};
   }
-  if (takeRule(ps, {Rule::Status, Rule::Drop, Rule::LoseReply}, did, &r)) {
+  if (takeRule(ps, {Rule::Status, Rule::Drop, Rule::LoseReply}, did, opid, &r)) {
     switch (r.kind) {
       case Rule::Status: return {SimFaultKind::Status, r.value};
       case Rule::LoseReply: return {SimFaultKind::LoseReply, 0};

@@ -27,8 +27,9 @@ struct SimFaultVerdict {
 // without holding SimNode::lock()); then the call goes on (None), answers `status` in its
 // first result field with every other field empty (Status), sends no reply (Drop), or is
 // carried out and sends no reply (LoseReply).  Also counts the call, in all and for its
-// D-blade (control command "calls").
-SimFaultVerdict simFault(const char* proc);
+// D-blade (control command "calls").  opid names the stream a call is about (0: none),
+// for the rules aimed at one stream ("--opid N").
+SimFaultVerdict simFault(const char* proc, uint64_t opid = 0);
 
 // A fault point met between the steps of work done under SimNode::lock() (lk holds it):
 // simFault(point) with the lock let go meanwhile, so that a hold or delay there stops only

@@ -64,11 +64,11 @@ SimStepped simCallBody(Fn& fn, std::unique_lock<std::mutex>& lk) {
 
 // The D-blade procedures' form: the body computes the status word, and the rest of the
 // result (if any) is the body's to fill.  Nothing is cleared beyond the status.  A body
-// that takes the lock returns a SimStepped.
+// that takes the lock returns a SimStepped.  opid: the stream the call is about, if any.
 template <typename Fn>
-bool_t simServeStatus(const char* proc, u_int* status, Fn fn) {
+bool_t simServeStatus(const char* proc, u_int* status, Fn fn, uint64_t opid = 0) {
   *status = 0;
-  SimFaultVerdict v = simFault(proc);
+  SimFaultVerdict v = simFault(proc, opid);
   if (v.kind == SimFaultKind::Drop) return FALSE;
   if (v.kind == SimFaultKind::Status) {
     *status = v.status;

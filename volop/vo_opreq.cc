@@ -101,14 +101,20 @@ void VoServer::resetStatusCheckedAtTimes(void*, VoState* each) {
     each->setStatusCheckedAtTime(VoState::getCurrentTime());
 }
 
+bool VoServer::claimOpComplete(VoState* op, VoTraceSite site, bool byItsWorker) {
+    if ((!byItsWorker && op->isJobAssignedToThread()) || op->_opCompleteReceived ||
+        op->getJobState() == VO_JOB_OP_COMPLETE)
+        return false;
+    VO_TR_AT(site, VoTrace::vo_vod, VoTrace::vo_audit,
+             "call opComplete() opid=%lld, delegating to worker thread\n", op->getOpid());
+    op->setJobState(VO_JOB_OP_COMPLETE);
+    op->setStatusCheckedAtTime(VoState::getCurrentTime());
+    return true;
+}
+
 void VoServer::runOpComplete(VoState* op) {
     op->getLock();
-    if (!op->isJobAssignedToThread() && !op->_opCompleteReceived &&
-        op->getJobState() != VO_JOB_OP_COMPLETE) {
-        VO_TR(vo_vod, vo_audit, "call opComplete() opid=%lld, delegating to worker thread\n",
-              op->getOpid());
-        op->setJobState(VO_JOB_OP_COMPLETE);
-        op->setStatusCheckedAtTime(VoState::getCurrentTime());
+    if (claimOpComplete(op, VO_SITE, false)) {
         op->releaseLock();
         WorkerThreadPool::queueJob(op, WorkerThreadPool::JOB_OP_COMPLETE);
         return;

@@ -19,6 +19,9 @@ namespace {
 struct VodbCache {
     pthread_mutex_t vodbCacheLock;
     std::vector<VoRec*> records;
+    // The operation ids of records, rebuilt whenever records change: the
+    // loop asks about every registered operation on each of its time-outs.
+    std::unordered_set<unsigned long long> opids;
     std::atomic<bool> held{false};
     std::atomic<pthread_t> owner{};
 
@@ -37,6 +40,7 @@ struct VodbCache {
         pthread_mutex_lock(&vodbCacheLock);
         for (VoRec* r : records) delete r;
         records.clear();
+        opids.clear();
         pthread_mutex_unlock(&vodbCacheLock);
     }
 };
@@ -79,6 +83,8 @@ bool VodbCacheLock::heldByThisThread() {
 }
 
 const std::vector<VoRec*>& VodbCacheLock::getVodbCache() { return gCache.records; }
+
+bool VodbCacheLock::hasOpid(unsigned long long opid) { return gCache.opids.count(opid) != 0; }
 
 VoErr VodbCacheLock::refreshVodbCache(CLIENT* clntVldb) {
     VoErr err;
@@ -158,7 +164,8 @@ VoErr VodbCacheLock::refreshVodbCache(CLIENT* clntVldb) {
           static_cast<long long>(VoState::_lastDeletedOpid));
 
     for (unsigned i = 0; i < n; i++) {
-        if (recs[i].optype >= VoRec::VODB_VOLOP_NULL && recs[i].optype <= VoRec::VODB_VOLOP_RESTORE &&
+        if (recs[i].optype >= VoRec::VODB_VOLOP_NULL &&
+            recs[i].optype <= VoRec::VODB_VOLOP_RESTORE &&
             recs[i].vfsrole >= VoRec::VODB_ROLE_NULL && recs[i].vfsrole <= VoRec::VODB_ROLE_TEMP)
             continue;
         // Kept in the cache, so that its volumes still count as busy, but no
@@ -200,5 +207,7 @@ VoErr VodbCacheLock::refreshVodbCache(CLIENT* clntVldb) {
         for (size_t i = n; i < have; i++) delete cache[i];
         cache.erase(cache.begin() + static_cast<std::ptrdiff_t>(n), cache.end());
     }
+    gCache.opids.clear();
+    for (const VoRec* r : cache) gCache.opids.insert(r->opid());
     return err;
 }

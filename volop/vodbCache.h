@@ -15,6 +15,7 @@
 
 #include <rpc/rpc.h>
 
+#include <unordered_set>
 #include <vector>
 
 #include "voerrors.h"
@@ -45,6 +46,11 @@ class VodbCacheLock {
     // cache. Read it only while a VodbCacheLock object is alive in this
     // thread, and keep no pointer into it after that object is gone.
     static const std::vector<VoRec*>& getVodbCache();
+
+    // Whether any cached record belongs to operation opid: one look-up, not a
+    // walk of the cache. Only while a VodbCacheLock object is alive in this
+    // thread.
+    static bool hasOpid(unsigned long long opid);
 
     // True when the calling thread holds the lock (for assertions).
     static bool heldByThisThread();

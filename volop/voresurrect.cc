@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <new>
+#include <unordered_set>
 #include <vector>
 
 #include "dblade_incrcopy.h"
@@ -25,6 +26,28 @@
 #include "votrace.h"
 
 namespace {
+
+// What resurrectMissingStates learns from the registry in one walk: the
+// operations it holds, and (recorded: the opids of the cached source
+// records) a registered operation that counts itself retired from the VODB
+// although its records are there is set right, traced from site.
+struct RegistryWalk {
+    const std::unordered_set<unsigned long long>* recorded;
+    VoTraceSite site;
+    std::unordered_set<unsigned long long> known;
+
+    static void visit(void* arg, VoState* op) {
+        auto* w = static_cast<RegistryWalk*>(arg);
+        const unsigned long long opid = op->getOpid();
+        w->known.insert(opid);
+        if (w->recorded->count(opid) == 0 || !op->retiredFromVodb()) return;
+        VO_TR_AT(w->site, VoTrace::vo_vod, VoTrace::vo_warn,
+                 "BUG opid=%lld VODB records are present but "
+                 "pVo->_vodbRecordStored=0, resetting\n",
+                 opid);
+        op->setVodbRecordStored();
+    }
+};
 
 // The class of each VODB operation type this daemon runs: a new operation
 // class adds its case here. *built is false for a type without a class.
@@ -184,24 +207,19 @@ void VoServer::resurrectMissingStates(CLIENT* clnt, unsigned count, LPGetAllEntr
         }
     }
 
+    // One walk of the registry instead of a look-up per record: this pass
+    // runs on every time-out of the loop, and with thousands of operations
+    // a look-up each made it quadratic. Only this thread adds operations, so
+    // what the walk saw stays true through the pass.
+    std::unordered_set<unsigned long long> recorded;
+    for (const VoRec& rec : srcRecs) recorded.insert(rec.opid());
+    RegistryWalk walk{&recorded, VO_SITE, {}};
+    voStateList.iterator(RegistryWalk::visit, &walk);
+
     unsigned n = 0;
     for (const VoRec& rec : srcRecs) {
         const unsigned long long opid = rec.opid();
-        {
-            VoStateRef ref;
-            VoState* known = voStateList.findVoState(opid, ref);
-            if (known != nullptr) {
-                if (known->retiredFromVodb()) {
-                    VO_TR(vo_vod, vo_warn,
-                          "BUG opid=%lld VODB records are present but "
-                          "pVo->_vodbRecordStored=0, resetting\n",
-                          opid);
-                    known->setVodbRecordStored();
-                }
-                voStateList.releaseRef(ref);
-                continue;
-            }
-        }
+        if (walk.known.count(opid) != 0) continue;
         VO_TR(vo_vod, vo_audit, "No VoState in our list knows opid=%lld\n", opid);
 
         bool ours = false;
@@ -242,6 +260,7 @@ void VoServer::resurrectMissingStates(CLIENT* clnt, unsigned count, LPGetAllEntr
         // Its records are in the VODB: recovery must run for it.
         op->setVodbRecordStored();
         voStateList.addNewOp(op, 0);
+        walk.known.insert(opid);
         // Stamped 29, 28, ... seconds in the past, so that the status checks
         // of the resurrected operations come due one second apart.
         n++;
@@ -251,8 +270,7 @@ void VoServer::resurrectMissingStates(CLIENT* clnt, unsigned count, LPGetAllEntr
 
 bool VoServer::isVodbRecordPresent(unsigned long long opid) {
     VodbCacheLock cacheLock;
-    for (const VoRec* rec : VodbCacheLock::getVodbCache())
-        if (rec->opid() == opid) return true;
+    if (VodbCacheLock::hasOpid(opid)) return true;
     VO_TR(vo_vod, vo_audit, "VODB record is missing for opid=%lld\n", opid);
     return false;
 }

@@ -7,6 +7,7 @@
 #include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <new>
@@ -47,6 +48,12 @@ bool reached(const timespec& now, const timespec& deadline) {
 }
 
 }  // namespace
+
+static long long monotonicUs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
 
 void VoServer::svc_run(unsigned int holdOffSec, unsigned int callsToServe, int numOfThreads) {
     if (callsToServe != 0)
@@ -90,6 +97,11 @@ void VoServer::svc_run(unsigned int holdOffSec, unsigned int callsToServe, int n
     timeout.tv_sec = holdOffSec;
     timeout.tv_usec = 1;
     unsigned int passes = 0;
+    // Start of a time-out pass (resurrection look, status checks, retire,
+    // sleep computation), 0 on other passes: its length is traced for the
+    // scale benchmark, as an event rather than at debug level, which would
+    // also dump every operation on each such pass.
+    long long hkStart = 0;
 
     for (;;) {
         fd_set readfds = svc_fdset;
@@ -119,6 +131,7 @@ void VoServer::svc_run(unsigned int holdOffSec, unsigned int callsToServe, int n
                 return;
             }
         } else if (n == 0) {
+            hkStart = monotonicUs();
             populateMissingVoStateFromVodb(lidZero);
         } else {
             if (FD_ISSET(lsd, &readfds)) {
@@ -148,6 +161,10 @@ void VoServer::svc_run(unsigned int holdOffSec, unsigned int callsToServe, int n
         timeout.tv_sec = voStateList.computeSleepTime();
         timeout.tv_usec = 10000;
         VO_TR(vo_vod, vo_audit, "sleepTime = %lu\n", static_cast<unsigned long>(timeout.tv_sec));
+        if (hkStart != 0) {
+            VO_TR(vo_vod, vo_event, "housekeeping pass took %lld us\n", monotonicUs() - hkStart);
+            hkStart = 0;
+        }
 
         if (callsToServe != 0 && ++passes == callsToServe) return;
     }
@@ -155,10 +172,10 @@ void VoServer::svc_run(unsigned int holdOffSec, unsigned int callsToServe, int n
 
 // ---- Dump and restore connections. ----
 
-// Parts 1.1 and 7.2 of the design read the cookie on the loop, blocking;
-// here the loop gathers it as it arrives instead (VoTcpSocket::prefetch), so
-// that a client that connects and says nothing, or sends half a cookie,
-// holds up no other client. It gets the same rejection a failed read gets,
+// The cookie is not read on the loop with a blocking receive: the loop
+// gathers it as it arrives instead (VoTcpSocket::prefetch), so that a client
+// that connects and says nothing, or sends half a cookie, holds up no other
+// client. It gets the same rejection a failed read gets,
 // once COOKIE_WAIT_SEC have passed: ETIMEDOUT under SysRecv.
 void VoServer::acceptConnection(int sd) {
     auto sock = std::unique_ptr<VoTcpSocket>(new (std::nothrow) VoTcpSocket(sd));

@@ -64,8 +64,14 @@ class VoServer {
     // Hands a stream completion to a worker (job state 13, job type 2) unless
     // a worker holds the operation or the completion is already known.  The
     // caller holds a registry reference on op.  Any thread that may take the
-    // operation lock (the registry calls it with its list lock held).
+    // operation lock.
     static void runOpComplete(VoState* op);
+    // runOpComplete's decision, for a caller holding op's lock: true when the
+    // completion is neither known nor being handled (nor, unless byItsWorker,
+    // is a worker holding op); then jobState is 13, op is stamped now and the
+    // hand-over traced from site. byItsWorker: the caller is the worker that
+    // holds op and runs the completion itself.
+    static bool claimOpComplete(VoState* op, VoTraceSite site, bool byItsWorker);
 
     // Registry visitors (VoStateList::iterator; they run under its lock).
     // A finished operation on newOp's source volume, already polled for the

@@ -107,6 +107,14 @@ void VoState::getLock() {
     }
 }
 
+bool VoState::tryLock() {
+    int rc = pthread_mutex_trylock(&_voStateLock);
+    if (rc == 0) return true;
+    if (rc == EBUSY) return false;
+    VO_TR_RAW(vo_vod, vo_fatal, "mutex lock _voStateLock: error = %d, %s\n", rc, strerror(rc));
+    exit(1);
+}
+
 void VoState::releaseLock() {
     int rc = pthread_mutex_unlock(&_voStateLock);
     if (rc != 0) {

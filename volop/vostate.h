@@ -140,8 +140,7 @@ class VoState {
     virtual void resume(CLIENT* clntSrcDbladeIncrCopy, VoOut* out);
     // Concludes the D-blade stream once it no longer runs: sets
     // _incrcopyGotConclude on success (or when the D-blade no longer knows
-    // the stream). A worker calls it under the operation lock; the registry's
-    // scan, which only looks at operations no worker holds, without.
+    // the stream). Called by a worker, under the operation lock.
     virtual void concludeDbladeIncrCopy(CLIENT* clntSrcDbladeIncrCopy);
     // Finishes the operation: volumes, VLDB, then the VODB records.
     virtual unsigned conclude(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol,
@@ -211,6 +210,9 @@ class VoState {
     // _voStateLock; a failure is fatal. Not recursive.
     void getLock();
     void releaseLock();
+    // Takes _voStateLock only when it is free: false, without waiting, when
+    // another thread holds it. Any other failure is fatal.
+    bool tryLock();
 
     // Set by WorkerThreadPool::queueJob under the operation lock; cleared by
     // the worker when the job is over.

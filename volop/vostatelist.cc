@@ -210,6 +210,13 @@ unsigned long VoStateList::computeSleepTime() {
         if (t == 0) {
             op->setStatusCheckedAtTime(now);
             remaining = kStatusCheckSec;
+        } else if (t > now) {
+            // Resurrection staggers its stamps one second apart, up to
+            // thousands of seconds ahead: such an operation is not due, and
+            // counting it due would have the loop wake every 10 ms, running
+            // its whole time-out pass, until the clock caught up.
+            unsigned long ahead = t - now;
+            remaining = ahead + kStatusCheckSec;
         } else {
             unsigned elapsed = now - t;
             if (elapsed >= kStatusCheckSec) {
@@ -224,13 +231,21 @@ unsigned long VoStateList::computeSleepTime() {
     return sleepTime;
 }
 
-void VoStateList::checkForCompletedOps(CLIENT* clntVldb, CLIENT* clntSrcDbladeIncrCopy,
-                                       CLIENT* clntSrcDbladeVol) {
-    (void)clntVldb;
-    (void)clntSrcDbladeVol;
+void VoStateList::checkForCompletedOps(CLIENT*, CLIENT*, CLIENT*) {
     lock(true);
     for (VoState* op : _voStates) {
-        op->getLock();
+        // The loop never waits for a slow peer, and a worker keeps an
+        // operation's lock across its D-blade calls, each of which may take
+        // its whole time-out. So a taken lock counts as a worker's hold (the
+        // isJobAssignedToThread test below): stamped when due and left,
+        // without waiting, until 30 seconds on, as the worker's own stamp at
+        // the end of its job would leave it anyway.
+        if (!op->tryLock()) {
+            unsigned t = op->getStatusCheckedAtTime();
+            unsigned now = VoState::getCurrentTime();
+            if (t == 0 || t + kStatusCheckSec <= now) op->setStatusCheckedAtTime(now);
+            continue;
+        }
         unsigned t = op->getStatusCheckedAtTime();
         unsigned now = VoState::getCurrentTime();
         if (t != 0 && t + kStatusCheckSec > now) {
@@ -256,10 +271,14 @@ void VoStateList::checkForCompletedOps(CLIENT* clntVldb, CLIENT* clntSrcDbladeIn
             }
             continue;
         }
-        // No worker holds the operation and only this thread queues jobs, so
-        // the stream can be concluded here without the operation lock.
-        op->concludeDbladeIncrCopy(clntSrcDbladeIncrCopy);
-        if (!op->getDbladeIncrCopyStatus() && !op->_opCompleteReceived) VoServer::runOpComplete(op);
+        // Concluding the stream asks the D-blade twice (incrcopyprogress,
+        // incrcopyconclude), and a slow D-blade answers after many seconds:
+        // a worker asks instead, so no request waits behind the answer. The
+        // worker runs the completion the D-blade never reported, as
+        // runOpComplete would have had it run.
+        VO_TR(vo_vod, vo_debug, "opid=%lld status check delegated to worker thread\n",
+              op->getOpid());
+        WorkerThreadPool::queueJob(op, WorkerThreadPool::JOB_STATUS_CHECK);
     }
     unlock(true);
 }

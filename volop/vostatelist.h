@@ -12,7 +12,8 @@
 // whoever takes it to zero erases and destroys the operation.
 //
 // Lock order: voStateLock, then an operation's _voStateLock (never the other
-// way); WorkerThreadPool::queueJob may be called with voStateLock held.
+// way); WorkerThreadPool::queueJob may be called with voStateLock held. The
+// loop's housekeeping only tries operation locks, never waits for one.
 // Visitors passed to iterator() run with voStateLock held and must not call
 // back into the registry.
 #ifndef VOLOP_VOSTATELIST_H
@@ -109,13 +110,18 @@ class VoStateList {
 
     // Seconds the loop may sleep: 0 when an operation is due for its
     // 30-second check, else the least time until one is, at most 300; 15
-    // when the clock cannot be read. Stamps never-checked operations now.
+    // when the clock cannot be read. Stamps never-checked operations now. A
+    // stamp ahead of the clock (resurrection's stagger) is due 30 seconds
+    // after it.
     unsigned long computeSleepTime();
 
     // The loop's status check of every operation not looked at for 30
     // seconds and not held by a worker: a concluded stream means a
-    // crash-recovery job (while the VODB record is stored); otherwise the
-    // stream is concluded here and a completion it never reported is handled.
+    // crash-recovery job (while the VODB record is stored); otherwise a
+    // status-check job concludes the stream and handles a completion it
+    // never reported. Never waits for an operation's lock (one taken counts
+    // as held by a worker) and makes no remote call; the clients are not
+    // used.
     void checkForCompletedOps(CLIENT* clntVldb, CLIENT* clntSrcDbladeIncrCopy,
                               CLIENT* clntSrcDbladeVol);
 

@@ -114,6 +114,13 @@ void WorkerThreadPool::runJob(job* j) {
     unsigned rc = maker(clntVldb, clntSrcDbladeIncrCopy, clntSrcDbladeVol);
     if (rc != 0) {
         VO_TR(vo_vod, vo_warn, "cannot make rpc client\n");
+        if (j->jobType == JOB_STATUS_CHECK) {
+            // The loop's own look, not a step of the operation: nothing of it
+            // is recorded, and the next look comes 30 seconds on.
+            op->setStatusCheckedAtTime(VoState::getCurrentTime());
+            op->jobIsFree();
+            return;
+        }
         op->getLock();
         op->setJobState(VO_JOB_CLNT_FAILED);
         op->setStatusCheckedAtTime(VoState::getCurrentTime());
@@ -153,6 +160,17 @@ void WorkerThreadPool::runJob(job* j) {
                 VO_TR(vo_vod, vo_warn, "Worker Thread recoverFromCrash opid=%lld, err=%d\n",
                       op->getOpid(), rc);
             break;
+        case JOB_STATUS_CHECK: {
+            op->getLock();
+            op->concludeDbladeIncrCopy(incr);
+            bool complete =
+                !op->getDbladeIncrCopyStatus() && VoServer::claimOpComplete(op, VO_SITE, true);
+            op->releaseLock();
+            if (!complete) break;
+        }
+            // The stream ended unreported: this worker already holds the
+            // operation, so it concludes it as the completion job would.
+            [[fallthrough]];
         case JOB_OP_COMPLETE:
             op->getLock();
             VO_TR(vo_vod, vo_audit, "call concludeDbladeIncrCopy() for opid=%lld\n", op->getOpid());

@@ -24,6 +24,9 @@ class WorkerThreadPool {
         JOB_START = 0,        // start the operation (concluded at once if that fails)
         JOB_RECOVER = 1,      // crash recovery
         JOB_OP_COMPLETE = 2,  // conclude the D-blade stream, then the operation
+        // The registry's 30-second look at a stream: conclude it once it has
+        // ended and, when its completion never came, go on as JOB_OP_COMPLETE.
+        JOB_STATUS_CHECK = 3,
     };
 
     // Starts numOfThreads detached workers waiting for jobs. Called once by

@@ -282,6 +282,30 @@ TEST_F(DbladeIncrCopyTest, AStreamIsKnownOnlyToItsSourcesDblade) {
     EXPECT_EQ(ctl({"calls", "incrcopyprogress", "--dblade", "2"}), "1\n");
 }
 
+TEST_F(DbladeIncrCopyTest, AFaultAimedAtOneStreamLeavesTheOthersAlone) {
+    makePair(8, 64 * 1024);
+    ASSERT_EQ(create(kLp2b, 300, "sink2"), 0u);
+    ctl({"stream-speed", "16"});
+    ASSERT_EQ(mirror(5, kLp1a, kSrc, {{2, kSink, kLp2a}}), 0u);
+    ASSERT_EQ(mirror(6, kLp1a, kSrc, {{2, 300, kLp2b}}), 0u);
+    ctl({"fault", "status", "incrcopyprogress", "5", "always", "--opid", "5"});
+    ctl({"fault", "status", "incrcopypause", "7", "--opid", "6"});
+    EXPECT_EQ(ctl({"fault", "list"}),
+              "incrcopypause status 7 1x opid 6\nincrcopyprogress status 5 always opid 5\n");
+    EXPECT_EQ(progress(5).rc, 5u);
+    EXPECT_EQ(progress(6).rc, 0u);
+    EXPECT_EQ(pause(5), 0u);
+    EXPECT_EQ(pause(6), 7u);
+    for (auto words :
+         {std::vector<std::string>{"fault", "status", "volcreate", "5", "--opid", "5"},
+          {"fault", "refuse", "dblade_incrcopy", "--opid", "5"},
+          {"fault", "hold", "incrcopyprogress", "--opid", "0"},
+          {"fault", "hold", "incrcopyprogress", "--opid"}})
+        EXPECT_NE(sim->ctl(words).status, 0) << words[2] << " " << words.back();
+    ctl({"fault", "clear"});
+    EXPECT_EQ(progress(5).rc, 0u);
+}
+
 TEST_F(DbladeIncrCopyTest, ARestartedSimulatorHasForgottenItsStreams) {
     makePair(8, 64 * 1024);
     ctl({"stream-speed", "32"});

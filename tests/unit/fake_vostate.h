@@ -64,6 +64,8 @@ class FakeOp : public VoState {
 
     unsigned progress(CLIENT*) override { return 0; }
     void concludeDbladeIncrCopy(CLIENT*) override {
+        concludeIncrThread = std::this_thread::get_id();
+        if (onConcludeIncr) onConcludeIncr(this);
         concludeIncrCalls++;
         if (streamEndsWhenConcluded) {
             _dbladeIncrCopyRunning = false;
@@ -97,6 +99,9 @@ class FakeOp : public VoState {
     unsigned recoverRc = 0;
     bool streamEndsWhenConcluded = false;
     std::function<void(FakeOp*)> onRecover;
+    // Runs first in concludeDbladeIncrCopy: a D-blade that answers late.
+    std::function<void(FakeOp*)> onConcludeIncr;
+    std::thread::id concludeIncrThread;
     std::atomic<int> mkOpSrcSinkCalls{0}, startStreamCalls{0}, concludeIncrCalls{0},
         concludeCalls{0}, recoverCalls{0};
 

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "fake_vostate.h"
@@ -34,9 +38,13 @@ class VoStateListTest : public ::testing::Test {
 
 // ---- Sleep time ----
 
+constexpr int kNever = -100000;
+
 struct SleepCase {
     const char* name;
-    std::vector<int> checkedAgo;  // seconds since each operation's check; -1 = never checked
+    // Seconds since each operation's check (negative: stamped ahead of the
+    // clock, as resurrection staggers them); kNever = never checked.
+    std::vector<int> checkedAgo;
     unsigned long expected;
 };
 
@@ -47,13 +55,13 @@ TEST_P(SleepTimeTest, IsTheLeastTimeUntilAnOperationIsDue) {
     std::vector<FakeOp*> ops;
     for (size_t i = 0; i < c.checkedAgo.size(); i++) {
         FakeOp* op = add(i + 1);
-        if (c.checkedAgo[i] >= 0) op->setStatusCheckedAtTime(fakeNow() - c.checkedAgo[i]);
+        if (c.checkedAgo[i] != kNever) op->setStatusCheckedAtTime(fakeNow() - c.checkedAgo[i]);
         ops.push_back(op);
     }
     EXPECT_EQ(list.computeSleepTime(), c.expected);
     // Never-checked operations are stamped now, so the next answer counts from here.
     for (size_t i = 0; i < ops.size(); i++) {
-        if (c.checkedAgo[i] < 0) {
+        if (c.checkedAgo[i] == kNever) {
             EXPECT_EQ(ops[i]->getStatusCheckedAtTime(), fakeNow());
         }
     }
@@ -62,11 +70,14 @@ TEST_P(SleepTimeTest, IsTheLeastTimeUntilAnOperationIsDue) {
 INSTANTIATE_TEST_SUITE_P(Registry, SleepTimeTest,
                          ::testing::Values(SleepCase{"Empty", {}, 300},
                                            SleepCase{"AllCheckedTenAgo", {10, 10}, 20},
-                                           SleepCase{"NeverChecked", {-1}, 30},
+                                           SleepCase{"NeverChecked", {kNever}, 30},
                                            SleepCase{"CheckedExactlyThirtyAgo", {30}, 0},
                                            SleepCase{"OneOverdueAmongFresh", {1, 45, 2}, 0},
-                                           SleepCase{"LeastRemainingWins", {5, 25, -1}, 5},
-                                           SleepCase{"JustChecked", {0}, 30}),
+                                           SleepCase{"LeastRemainingWins", {5, 25, kNever}, 5},
+                                           SleepCase{"JustChecked", {0}, 30},
+                                           SleepCase{"StampedAheadIsNotDue", {-5}, 35},
+                                           SleepCase{"AheadBesideDue", {-5, 31}, 0},
+                                           SleepCase{"FarAheadSleepsTheLongest", {-4000}, 300}),
                          [](const ::testing::TestParamInfo<SleepCase>& i) {
                              return std::string(i.param.name);
                          });
@@ -295,8 +306,8 @@ TEST_F(CheckForCompletedOpsTest, EndedStreamWhoseCompletionNeverCameIsConcludedB
     op->setRunning(true);
     op->streamEndsWhenConcluded = true;
     list.checkForCompletedOps(nullptr, nullptr, nullptr);
-    // The scan concluded the stream itself and handed the completion to a worker,
-    // which concludes it again (idempotent) and then the operation.
+    // The status check's worker concluded the stream and, in the same turn, the
+    // completion: the stream once more (idempotent), then the operation.
     ASSERT_TRUE(waitFor([&] { return op->concludeCalls == 1 && !op->isJobAssignedToThread(); }));
     EXPECT_EQ(op->concludeIncrCalls, 2);
     EXPECT_EQ(op->getJobState(), VO_JOB_OP_COMPLETE);
@@ -320,9 +331,107 @@ TEST_F(CheckForCompletedOpsTest, RunningStreamIsLeftRunning) {
     FakeOp* op = add(1);
     op->setRunning(true);
     list.checkForCompletedOps(nullptr, nullptr, nullptr);
-    EXPECT_EQ(op->concludeIncrCalls, 1);
-    EXPECT_FALSE(op->isJobAssignedToThread());
+    ASSERT_TRUE(
+        waitFor([&] { return op->concludeIncrCalls == 1 && !op->isJobAssignedToThread(); }));
     EXPECT_EQ(op->concludeCalls, 0);
+    EXPECT_NE(op->getJobState(), VO_JOB_OP_COMPLETE);
+}
+
+// What one scan does with an operation, by its lock, its worker and its last check.
+struct ScanCase {
+    const char* name;
+    bool lockTaken;  // another thread holds the operation's lock
+    bool assigned;   // a worker holds the operation
+    int checkedAgo;  // seconds since its last check
+    bool checked;    // a worker asks the D-blade about its stream
+    bool stamped;    // its check time becomes now
+};
+
+class ScanTest : public CheckForCompletedOpsTest, public ::testing::WithParamInterface<ScanCase> {};
+
+TEST_P(ScanTest, NeverWaitsAndLeavesTheDbladeToAWorker) {
+    const ScanCase& c = GetParam();
+    FakeOp* op = add(1);
+    op->setRunning(true);
+    op->setStatusCheckedAtTime(fakeNow() - c.checkedAgo);
+    if (c.assigned) op->setJobAssignedToThread();
+    // A default mutex refuses a second taker even on the thread that holds it,
+    // so the scan below would hang here if it waited for the lock.
+    if (c.lockTaken) op->getLock();
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    if (c.lockTaken) op->releaseLock();
+    EXPECT_EQ(op->getStatusCheckedAtTime() == fakeNow(), c.stamped);
+    if (c.checked) {
+        ASSERT_TRUE(
+            waitFor([&] { return op->concludeIncrCalls == 1 && !op->isJobAssignedToThread(); }));
+        EXPECT_NE(op->concludeIncrThread, std::this_thread::get_id());
+    } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_EQ(op->concludeIncrCalls, 0);
+    }
+    if (c.assigned) op->jobIsFree();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Registry, ScanTest,
+    ::testing::Values(
+        ScanCase{"DueAndFreeIsCheckedByAWorker", false, false, 30, true, true},
+        ScanCase{"NotDueIsLeftAlone", false, false, 29, false, false},
+        ScanCase{"DueWithItsLockTakenIsStampedAndSkipped", true, false, 45, false, true},
+        ScanCase{"NotDueWithItsLockTakenIsLeftAlone", true, false, 10, false, false},
+        ScanCase{"DueAndHeldByAWorkerIsStampedAndSkipped", false, true, 30, false, true}),
+    [](const ::testing::TestParamInfo<ScanCase>& i) { return std::string(i.param.name); });
+
+TEST_F(CheckForCompletedOpsTest, SkippedWhileBusyIsCheckedWhenNextDue) {
+    FakeOp* op = add(1);
+    op->setRunning(true);
+    op->setStatusCheckedAtTime(fakeNow() - 30);
+    op->getLock();
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    op->releaseLock();
+    fakeNow() += 29;
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(op->concludeIncrCalls, 0);
+    fakeNow() += 1;
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    EXPECT_TRUE(
+        waitFor([&] { return op->concludeIncrCalls == 1 && !op->isJobAssignedToThread(); }));
+}
+
+TEST_F(CheckForCompletedOpsTest, ADbladeThatAnswersLateHoldsUpNeitherTheScanNorTheRegistry) {
+    ensurePool(2);
+    std::mutex m;
+    std::condition_variable cv;
+    bool answer = false;
+    FakeOp* slow = add(1);
+    FakeOp* quick = add(2, VoRec::VODB_VOLOP_COPY, 101, 1);
+    for (FakeOp* op : {slow, quick}) {
+        op->setRunning(true);
+        op->setStatusCheckedAtTime(fakeNow() - 30);
+    }
+    slow->onConcludeIncr = [&](FakeOp*) {
+        std::unique_lock<std::mutex> lk(m);
+        cv.wait(lk, [&] { return answer; });
+    };
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    // The other operation's check goes through; the slow one's worker waits
+    // with the operation's lock held, as a worker waiting on a D-blade does.
+    ASSERT_TRUE(waitFor([&] { return quick->concludeIncrCalls == 1; }));
+    fakeNow() += 30;
+    auto t0 = std::chrono::steady_clock::now();
+    list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    VoStateRef ref;
+    EXPECT_EQ(list.findVoState(2, ref), quick);
+    list.releaseRef(ref);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
+    {
+        std::lock_guard<std::mutex> g(m);
+        answer = true;
+    }
+    cv.notify_all();
+    EXPECT_TRUE(
+        waitFor([&] { return !slow->isJobAssignedToThread() && !quick->isJobAssignedToThread(); }));
 }
 
 }  // namespace

@@ -136,6 +136,58 @@ TEST_F(WorkerPoolTest, CompletionJobConcludesTheOperationOnlyWhenTheStreamConclu
     EXPECT_FALSE(stuck.opCompleteReceived());
 }
 
+// The registry's status check, run by a worker: what it asks of the stream,
+// whether it goes on to conclude the operation, and what it leaves behind.
+struct StatusCheckCase {
+    const char* name;
+    bool streamEnds;        // the D-blade reports the stream over when asked
+    bool completionKnown;   // the completion was handled before
+    unsigned clientRc;      // the worker's client creation
+    int concludeIncrCalls;  // stream conclusions asked
+    int concludeCalls;      // operation conclusions
+    int jobState;
+    voErrFunc errFunc;
+};
+
+class StatusCheckJobTest : public WorkerPoolTest,
+                           public ::testing::WithParamInterface<StatusCheckCase> {};
+
+TEST_P(StatusCheckJobTest, ConcludesOnlyAnUnreportedEnd) {
+    const StatusCheckCase& c = GetParam();
+    ensurePool(1);
+    fakeClientMakerRc() = c.clientRc;
+    FakeOp op(1, VoRec::VODB_VOLOP_COPY, 100, 1);
+    op.setJobState(VO_JOB_STARTED);
+    op.setRunning(true);
+    op.streamEndsWhenConcluded = c.streamEnds;
+    op.setOpComplete(c.completionKnown);
+    WorkerThreadPool::queueJob(&op, WorkerThreadPool::JOB_STATUS_CHECK);
+    ASSERT_TRUE(waitFor([&] { return !op.isJobAssignedToThread(); }));
+    EXPECT_EQ(op.concludeIncrCalls, c.concludeIncrCalls);
+    EXPECT_EQ(op.concludeCalls, c.concludeCalls);
+    EXPECT_EQ(op.getJobState(), c.jobState);
+    voErrFunc func;
+    unsigned funcrc;
+    op.getErr(&func, &funcrc);
+    EXPECT_EQ(func, c.errFunc);
+    // Looked at again 30 seconds on.
+    EXPECT_EQ(op.getStatusCheckedAtTime(), fakeNow());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Pool, StatusCheckJobTest,
+    ::testing::Values(StatusCheckCase{"RunningStreamIsOnlyAsked", false, false, 0, 1, 0,
+                                      VO_JOB_STARTED, voErrFuncSuccess},
+                      // Asked again by the completion's own step, which finds it concluded.
+                      StatusCheckCase{"UnreportedEndIsConcludedInTheSameTurn", true, false, 0, 2, 1,
+                                      VO_JOB_OP_COMPLETE, voErrFuncSuccess},
+                      StatusCheckCase{"EndAlreadyHandledIsLeft", true, true, 0, 1, 0,
+                                      VO_JOB_STARTED, voErrFuncSuccess},
+                      // The loop's own look: a client failure is no error of the operation.
+                      StatusCheckCase{"NoClientsRecordsNothing", false, false, 5004, 0, 0,
+                                      VO_JOB_STARTED, voErrFuncSuccess}),
+    [](const ::testing::TestParamInfo<StatusCheckCase>& i) { return std::string(i.param.name); });
+
 TEST_F(WorkerPoolTest, UnknownJobTypeIsTracedAndTheOperationFreed) {
     ensurePool(1);
     FILE* console = tmpfile();
