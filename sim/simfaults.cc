@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <condition_variable>
+#include <cstring>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -100,10 +101,11 @@ bool ofDblade(const std::string& procOrProgram) {
 constexpr long kAlways = -1;
 
 struct Rule {
-  enum Kind { Delay, Hold, Status, Drop, LoseReply } kind;
-  unsigned value;  // status, or delay in ms
-  long left;       // calls still to hit, or kAlways
-  uint16_t did;    // the one D-blade whose calls it hits; 0: every caller
+  enum Kind { Delay, Hold, Status, Drop, LoseReply, HoldReply } kind;
+  unsigned value;          // status, or delay in ms
+  long left;               // calls still to hit, or kAlways
+  uint16_t did;            // the one D-blade whose calls it hits; 0: every caller
+  unsigned long skip = 0;  // calls it lets by before it hits the first
 };
 
 struct HeldCall {
@@ -118,9 +120,20 @@ struct ProcState {
   std::map<uint16_t, uint64_t> callsByDblade;  // calls that came in at a D-blade's address
 };
 
+// One procedure call as it came in, for "calls --log".
+struct LoggedCall {
+  uint64_t seq;
+  std::string proc;
+  uint16_t did;  // the D-blade whose address it came in at; 0: a node program
+};
+// Far more than any test's operation makes; the oldest go first beyond it.
+constexpr size_t kCallLogMax = 100000;
+
 std::mutex gMu;
 std::condition_variable gCv;  // a call became held or was released
 std::map<std::string, ProcState> gProcs;
+std::deque<LoggedCall> gCallLog;
+uint64_t gCallSeq = 0;
 // (program, D-blade or 0 for all) -> attempts still to refuse, or kAlways
 std::map<std::pair<std::string, uint16_t>, long> gRefuse;
 std::atomic<bool> gTraceCalls{false};
@@ -131,6 +144,10 @@ bool takeRule(ProcState& ps, std::initializer_list<Rule::Kind> kinds, uint16_t d
   for (auto it = ps.rules.begin(); it != ps.rules.end(); ++it) {
     if (std::find(kinds.begin(), kinds.end(), it->kind) == kinds.end()) continue;
     if (it->did != 0 && it->did != did) continue;
+    if (it->skip > 0) {
+      --it->skip;
+      continue;
+    }
     *out = *it;
     if (it->left != kAlways && --it->left == 0) ps.rules.erase(it);
     return true;
@@ -145,6 +162,7 @@ const char* kindName(Rule::Kind k) {
     case Rule::Status: return "status";
     case Rule::Drop: return "drop";
     case Rule::LoseReply: return "lose-reply";
+    case Rule::HoldReply: return "hold-reply";
   }
   return "?";
 }
@@ -198,12 +216,26 @@ bool takeDbladeOption(std::vector<std::string>* a, uint16_t* did, std::string* w
   return true;
 }
 
+// Takes "--skip N" out of the words, wherever it stands; *skip stays 0 without it.
+bool takeSkipOption(std::vector<std::string>* a, unsigned long* skip, std::string* why) {
+  auto it = std::find(a->begin(), a->end(), "--skip");
+  if (it == a->end()) return true;
+  if (it + 1 == a->end() || !parseNumber(*(it + 1), 1000000, skip)) {
+    *why = "--skip takes a number of calls";
+    return false;
+  }
+  a->erase(it, it + 2);
+  return true;
+}
+
 const char* kFaultUsage =
     "fault status PROC N [COUNT|always]    answer status N\n"
     "fault drop PROC [COUNT|always]        do nothing, send no reply (the caller times out)\n"
     "fault lose-reply PROC [COUNT|always]  carry the call out, then send no reply\n"
     "fault delay PROC MS [COUNT|always]    answer MS milliseconds late\n"
     "fault hold PROC [COUNT|always]        block the call until released\n"
+    "fault hold-reply PROC [COUNT|always]  carry the call out, then hold its reply until\n"
+    "                                      released (release ... drop: no reply)\n"
     "fault wait-held PROC [SECONDS]        wait until a call of PROC is held (default 30 s)\n"
     "fault release PROC [all] [drop]       let the oldest (or every) held call go on; with\n"
     "                                      drop it does nothing and sends no reply\n"
@@ -214,8 +246,10 @@ const char* kFaultUsage =
     "PROC may also be a step inside a call or stream: incrcopymove.stop, .stream, .swap,\n"
     "  .vldb, .notify (a final move), volswapvolid.step1, .step2, .step3 (an id swap).\n"
     "COUNT (default 1) is the number of calls or connection attempts hit.  status, drop,\n"
-    "lose-reply, delay, hold and refuse of a D-blade's procedure or program take\n"
-    "--dblade ID: only calls to that D-blade's address meet the fault.";
+    "lose-reply, delay, hold, hold-reply and refuse of a D-blade's procedure or program\n"
+    "take --dblade ID: only calls to that D-blade's address meet the fault.  A fault of a\n"
+    "procedure takes --skip N: it lets the first N calls it would hit go by (the N+1st\n"
+    "call of PROC is held by \"fault hold PROC --skip N\").";
 
 std::string listFaults() {
   std::ostringstream o;
@@ -224,7 +258,9 @@ std::string listFaults() {
       o << name << " " << kindName(r.kind);
       if (r.kind == Rule::Status) o << " " << r.value;
       if (r.kind == Rule::Delay) o << " " << r.value << "ms";
-      o << " " << countText(r.left) << dbladeText(r.did) << "\n";
+      o << " " << countText(r.left) << dbladeText(r.did);
+      if (r.skip) o << " skip " << r.skip;
+      o << "\n";
     }
     if (!ps.held.empty()) o << name << " held " << ps.held.size() << "\n";
   }
@@ -253,15 +289,18 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
   };
   if (a.empty()) return fail(kFaultUsage);
   uint16_t did = 0;
+  unsigned long skip = 0;
   std::string why;
-  if (!takeDbladeOption(&a, &did, &why)) return fail(why);
+  if (!takeDbladeOption(&a, &did, &why) || !takeSkipOption(&a, &skip, &why)) return fail(why);
   if (a.empty()) return fail(kFaultUsage);
   const std::string verb = a[0];
-  const bool aimable = verb == "status" || verb == "drop" || verb == "lose-reply" ||
-                       verb == "delay" || verb == "hold" || verb == "refuse";
+  const bool perCall = verb == "status" || verb == "drop" || verb == "lose-reply" ||
+                       verb == "delay" || verb == "hold" || verb == "hold-reply";
+  const bool aimable = perCall || verb == "refuse";
   if (did && (!aimable || a.size() < 2 || !ofDblade(a[1])))
-    return fail("--dblade goes with status, drop, lose-reply, delay, hold or refuse of a "
-                "D-blade's procedure or program");
+    return fail("--dblade goes with status, drop, lose-reply, delay, hold, hold-reply or "
+                "refuse of a D-blade's procedure or program");
+  if (skip && !perCall) return fail("--skip goes with a fault of a procedure");
   if (verb == "list") {
     std::lock_guard<std::mutex> g(gMu);
     return listFaults();
@@ -323,7 +362,7 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
     return std::to_string(n) + " released";
   }
 
-  Rule r{Rule::Drop, 0, 1, did};
+  Rule r{Rule::Drop, 0, 1, did, skip};
   size_t countAt = 2;
   unsigned long v = 0;
   if (verb == "status" || verb == "delay") {
@@ -337,6 +376,8 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
     r.kind = Rule::LoseReply;
   } else if (verb == "hold") {
     r.kind = Rule::Hold;
+  } else if (verb == "hold-reply") {
+    r.kind = Rule::HoldReply;
   } else {
     return fail(kFaultUsage);
   }
@@ -349,7 +390,10 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
 const char* kCallsUsage =
     "calls [PROC] [--dblade ID]            calls served per procedure since the start (or\n"
     "                                      reset), in all or at one D-blade's address\n"
-    "calls reset                           count from zero again";
+    "calls --log                           every procedure call since the start (or reset)\n"
+    "                                      in the order they came in: SEQ PROC DBLADE (0:\n"
+    "                                      a program of the node, not of a D-blade)\n"
+    "calls reset                           count from zero again, and empty the log";
 
 std::string callsCommand(std::vector<std::string> a, bool* ok) {
   auto fail = [&](const std::string& why) {
@@ -367,7 +411,14 @@ std::string callsCommand(std::vector<std::string> a, bool* ok) {
       ps.calls = 0;
       ps.callsByDblade.clear();
     }
+    gCallLog.clear();
+    gCallSeq = 0;
     return "";
+  }
+  if (a.size() == 1 && a[0] == "--log" && !did) {
+    std::ostringstream o;
+    for (const LoggedCall& c : gCallLog) o << c.seq << " " << c.proc << " " << c.did << "\n";
+    return o.str();
   }
   if (a.size() == 1) {
     if (!knownProc(a[0])) return fail("unknown procedure " + a[0]);
@@ -391,6 +442,11 @@ SimFaultVerdict simFault(const char* proc) {
   ProcState& ps = gProcs[proc];
   ++ps.calls;
   if (did) ++ps.callsByDblade[did];
+  // The steps inside a call or stream ("incrcopymove.swap") are no calls of their own.
+  if (std::strchr(proc, '.') == nullptr) {
+    gCallLog.push_back({++gCallSeq, proc, did});
+    if (gCallLog.size() > kCallLogMax) gCallLog.pop_front();
+  }
   Rule r{};
   if (takeRule(ps, {Rule::Delay}, did, &r)) {
     lk.unlock();
@@ -404,14 +460,29 @@ SimFaultVerdict simFault(const char* proc) {
     gCv.wait(lk, [&] { return me.released; });
     if (me.drop) return {SimFaultKind::Drop, 0};
   }
+  SimFaultVerdict v{SimFaultKind::None, 0};
   if (takeRule(ps, {Rule::Status, Rule::Drop, Rule::LoseReply}, did, &r)) {
     switch (r.kind) {
-      case Rule::Status: return {SimFaultKind::Status, r.value};
-      case Rule::LoseReply: return {SimFaultKind::LoseReply, 0};
-      default: return {SimFaultKind::Drop, 0};
+      case Rule::Status: v = {SimFaultKind::Status, r.value}; break;
+      case Rule::LoseReply: v = {SimFaultKind::LoseReply, 0}; break;
+      default: v = {SimFaultKind::Drop, 0}; break;
     }
   }
-  return {SimFaultKind::None, 0};
+  // Only a call that is carried out and answered has a reply to hold.
+  if (v.kind == SimFaultKind::None && takeRule(ps, {Rule::HoldReply}, did, &r)) v.holdReply = true;
+  return v;
+}
+
+bool simReplyGate(const char* proc, const SimFaultVerdict& v) {
+  if (v.kind == SimFaultKind::LoseReply || v.kind == SimFaultKind::Drop) return false;
+  if (!v.holdReply) return true;
+  std::unique_lock<std::mutex> lk(gMu);
+  ProcState& ps = gProcs[proc];
+  HeldCall me;
+  ps.held.push_back(&me);
+  gCv.notify_all();
+  gCv.wait(lk, [&] { return me.released; });
+  return !me.drop;
 }
 
 SimFaultVerdict simFaultPoint(const char* point, std::unique_lock<std::mutex>& lk) {
