@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <condition_variable>
+#include <cstring>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -100,11 +101,12 @@ bool ofDblade(const std::string& procOrProgram) {
 constexpr long kAlways = -1;
 
 struct Rule {
-  enum Kind { Delay, Hold, Status, Drop, LoseReply } kind;
-  unsigned value;  // status, or delay in ms
-  long left;       // calls still to hit, or kAlways
-  uint16_t did;    // the one D-blade whose calls it hits; 0: every caller
-  uint64_t opid;   // the one stream whose calls it hits; 0: every call
+  enum Kind { Delay, Hold, Status, Drop, LoseReply, HoldReply } kind;
+  unsigned value;          // status, or delay in ms
+  long left;               // calls still to hit, or kAlways
+  uint16_t did;            // the one D-blade whose calls it hits; 0: every caller
+  uint64_t opid;           // the one stream whose calls it hits; 0: every call
+  unsigned long skip = 0;  // calls it lets by before it hits the first
 };
 
 struct HeldCall {
@@ -119,9 +121,20 @@ struct ProcState {
   std::map<uint16_t, uint64_t> callsByDblade;  // calls that came in at a D-blade's address
 };
 
+// One procedure call as it came in, for "calls --log".
+struct LoggedCall {
+  uint64_t seq;
+  std::string proc;
+  uint16_t did;  // the D-blade whose address it came in at; 0: a node program
+};
+// Far more than any test's operation makes; the oldest go first beyond it.
+constexpr size_t kCallLogMax = 100000;
+
 std::mutex gMu;
 std::condition_variable gCv;  // a call became held or was released
 std::map<std::string, ProcState> gProcs;
+std::deque<LoggedCall> gCallLog;
+uint64_t gCallSeq = 0;
 // (program, D-blade or 0 for all) -> attempts still to refuse, or kAlways
 std::map<std::pair<std::string, uint16_t>, long> gRefuse;
 std::atomic<bool> gTraceCalls{false};
@@ -134,6 +147,10 @@ bool takeRule(ProcState& ps, std::initializer_list<Rule::Kind> kinds, uint16_t d
     if (std::find(kinds.begin(), kinds.end(), it->kind) == kinds.end()) continue;
     if (it->did != 0 && it->did != did) continue;
     if (it->opid != 0 && it->opid != opid) continue;
+    if (it->skip > 0) {
+      --it->skip;
+      continue;
+    }
     *out = *it;
     if (it->left != kAlways && --it->left == 0) ps.rules.erase(it);
     return true;
@@ -148,6 +165,7 @@ const char* kindName(Rule::Kind k) {
     case Rule::Status: return "status";
     case Rule::Drop: return "drop";
     case Rule::LoseReply: return "lose-reply";
+    case Rule::HoldReply: return "hold-reply";
   }
   return "?";
 }
@@ -222,12 +240,26 @@ bool takeOpidOption(std::vector<std::string>* a, uint64_t* opid, std::string* wh
   return true;
 }
 
+// Takes "--skip N" out of the words, wherever it stands; *skip stays 0 without it.
+bool takeSkipOption(std::vector<std::string>* a, unsigned long* skip, std::string* why) {
+  auto it = std::find(a->begin(), a->end(), "--skip");
+  if (it == a->end()) return true;
+  if (it + 1 == a->end() || !parseNumber(*(it + 1), 1000000, skip)) {
+    *why = "--skip takes a number of calls";
+    return false;
+  }
+  a->erase(it, it + 2);
+  return true;
+}
+
 const char* kFaultUsage =
     "fault status PROC N [COUNT|always]    answer status N\n"
     "fault drop PROC [COUNT|always]        do nothing, send no reply (the caller times out)\n"
     "fault lose-reply PROC [COUNT|always]  carry the call out, then send no reply\n"
     "fault delay PROC MS [COUNT|always]    answer MS milliseconds late\n"
     "fault hold PROC [COUNT|always]        block the call until released\n"
+    "fault hold-reply PROC [COUNT|always]  carry the call out, then hold its reply until\n"
+    "                                      released (release ... drop: no reply)\n"
     "fault wait-held PROC [SECONDS]        wait until a call of PROC is held (default 30 s)\n"
     "fault release PROC [all] [drop]       let the oldest (or every) held call go on; with\n"
     "                                      drop it does nothing and sends no reply\n"
@@ -238,10 +270,12 @@ const char* kFaultUsage =
     "PROC may also be a step inside a call or stream: incrcopymove.stop, .stream, .swap,\n"
     "  .vldb, .notify (a final move), volswapvolid.step1, .step2, .step3 (an id swap).\n"
     "COUNT (default 1) is the number of calls or connection attempts hit.  status, drop,\n"
-    "lose-reply, delay, hold and refuse of a D-blade's procedure or program take\n"
-    "--dblade ID: only calls to that D-blade's address meet the fault.  status, drop,\n"
+    "lose-reply, delay, hold, hold-reply and refuse of a D-blade's procedure or program\n"
+    "take --dblade ID: only calls to that D-blade's address meet the fault.  status, drop,\n"
     "lose-reply, delay and hold of incrcopyprogress, incrcopypause, incrcopyresume,\n"
-    "incrcopyconclude and incrcopycancel take --opid OPID: only calls about that stream meet it.";
+    "incrcopyconclude and incrcopycancel take --opid OPID: only calls about that stream meet\n"
+    "it.  A fault of a procedure takes --skip N: it lets the first N calls it would hit go by\n"
+    "(the N+1st call of PROC is held by \"fault hold PROC --skip N\").";
 
 std::string listFaults() {
   std::ostringstream o;
@@ -252,6 +286,7 @@ std::string listFaults() {
       if (r.kind == Rule::Delay) o << " " << r.value << "ms";
       o << " " << countText(r.left) << dbladeText(r.did);
       if (r.opid) o << " opid " << r.opid;
+      if (r.skip) o << " skip " << r.skip;
       o << "\n";
     }
     if (!ps.held.empty()) o << name << " held " << ps.held.size() << "\n";
@@ -281,20 +316,23 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
   };
   if (a.empty()) return fail(kFaultUsage);
   uint16_t did = 0;
+  unsigned long skip = 0;
   std::string why;
-  if (!takeDbladeOption(&a, &did, &why)) return fail(why);
+  if (!takeDbladeOption(&a, &did, &why) || !takeSkipOption(&a, &skip, &why)) return fail(why);
   uint64_t opid = 0;
   if (!takeOpidOption(&a, &opid, &why)) return fail(why);
   if (a.empty()) return fail(kFaultUsage);
   const std::string verb = a[0];
-  const bool aimable = verb == "status" || verb == "drop" || verb == "lose-reply" ||
-                       verb == "delay" || verb == "hold" || verb == "refuse";
+  const bool perCall = verb == "status" || verb == "drop" || verb == "lose-reply" ||
+                       verb == "delay" || verb == "hold" || verb == "hold-reply";
+  const bool aimable = perCall || verb == "refuse";
   if (did && (!aimable || a.size() < 2 || !ofDblade(a[1])))
-    return fail("--dblade goes with status, drop, lose-reply, delay, hold or refuse of a "
-                "D-blade's procedure or program");
+    return fail("--dblade goes with status, drop, lose-reply, delay, hold, hold-reply or "
+                "refuse of a D-blade's procedure or program");
   if (opid && (!aimable || verb == "refuse" || a.size() < 2 || !namesStream(a[1])))
     return fail("--opid goes with status, drop, lose-reply, delay or hold of a procedure that "
                 "names a stream");
+  if (skip && !perCall) return fail("--skip goes with a fault of a procedure");
   if (verb == "list") {
     std::lock_guard<std::mutex> g(gMu);
     return listFaults();
@@ -356,7 +394,7 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
     return std::to_string(n) + " released";
   }
 
-  Rule r{Rule::Drop, 0, 1, did, opid};
+  Rule r{Rule::Drop, 0, 1, did, opid, skip};
   size_t countAt = 2;
   unsigned long v = 0;
   if (verb == "status" || verb == "delay") {
@@ -370,6 +408,8 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
     r.kind = Rule::LoseReply;
   } else if (verb == "hold") {
     r.kind = Rule::Hold;
+  } else if (verb == "hold-reply") {
+    r.kind = Rule::HoldReply;
   } else {
     return fail(kFaultUsage);
   }
@@ -382,7 +422,10 @@ std::string faultCommand(std::vector<std::string> a, bool* ok) {
 const char* kCallsUsage =
     "calls [PROC] [--dblade ID]            calls served per procedure since the start (or\n"
     "                                      reset), in all or at one D-blade's address\n"
-    "calls reset                           count from zero again";
+    "calls --log                           every procedure call since the start (or reset)\n"
+    "                                      in the order they came in: SEQ PROC DBLADE (0:\n"
+    "                                      a program of the node, not of a D-blade)\n"
+    "calls reset                           count from zero again, and empty the log";
 
 std::string callsCommand(std::vector<std::string> a, bool* ok) {
   auto fail = [&](const std::string& why) {
@@ -400,7 +443,14 @@ std::string callsCommand(std::vector<std::string> a, bool* ok) {
       ps.calls = 0;
       ps.callsByDblade.clear();
     }
+    gCallLog.clear();
+    gCallSeq = 0;
     return "";
+  }
+  if (a.size() == 1 && a[0] == "--log" && !did) {
+    std::ostringstream o;
+    for (const LoggedCall& c : gCallLog) o << c.seq << " " << c.proc << " " << c.did << "\n";
+    return o.str();
   }
   if (a.size() == 1) {
     if (!knownProc(a[0])) return fail("unknown procedure " + a[0]);
@@ -424,6 +474,11 @@ SimFaultVerdict simFault(const char* proc, uint64_t opid) {
   ProcState& ps = gProcs[proc];
   ++ps.calls;
   if (did) ++ps.callsByDblade[did];
+  // The steps inside a call or stream ("incrcopymove.swap") are no calls of their own.
+  if (std::strchr(proc, '.') == nullptr) {
+    gCallLog.push_back({++gCallSeq, proc, did});
+    if (gCallLog.size() > kCallLogMax) gCallLog.pop_front();
+  }
   Rule r{};
   if (takeRule(ps, {Rule::Delay}, did, opid, &r)) {
     lk.unlock();
@@ -437,14 +492,30 @@ SimFaultVerdict simFault(const char* proc, uint64_t opid) {
     gCv.wait(lk, [&] { return me.released; });
     if (me.drop) return {SimFaultKind::Drop, 0};
   }
+  SimFaultVerdict v{SimFaultKind::None, 0};
   if (takeRule(ps, {Rule::Status, Rule::Drop, Rule::LoseReply}, did, opid, &r)) {
     switch (r.kind) {
-      case Rule::Status: return {SimFaultKind::Status, r.value};
-      case Rule::LoseReply: return {SimFaultKind::LoseReply, 0};
-      default: return {SimFaultKind::Drop, 0};
+      case Rule::Status: v = {SimFaultKind::Status, r.value}; break;
+      case Rule::LoseReply: v = {SimFaultKind::LoseReply, 0}; break;
+      default: v = {SimFaultKind::Drop, 0}; break;
     }
   }
-  return {SimFaultKind::None, 0};
+  // Only a call that is carried out and answered has a reply to hold.
+  if (v.kind == SimFaultKind::None && takeRule(ps, {Rule::HoldReply}, did, opid, &r))
+    v.holdReply = true;
+  return v;
+}
+
+bool simReplyGate(const char* proc, const SimFaultVerdict& v) {
+  if (v.kind == SimFaultKind::LoseReply || v.kind == SimFaultKind::Drop) return false;
+  if (!v.holdReply) return true;
+  std::unique_lock<std::mutex> lk(gMu);
+  ProcState& ps = gProcs[proc];
+  HeldCall me;
+  ps.held.push_back(&me);
+  gCv.notify_all();
+  gCv.wait(lk, [&] { return me.released; });
+  return !me.drop;
 }
 
 SimFaultVerdict simFaultPoint(const char* point, std::unique_lock<std::mutex>& lk) {

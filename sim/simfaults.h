@@ -19,6 +19,7 @@ enum class SimFaultKind { None, Status, Drop, LoseReply };
 struct SimFaultVerdict {
   SimFaultKind kind;
   unsigned status;
+  bool holdReply = false;  // None only: the reply waits in simReplyGate() until released
 };
 
 // proc: the procedure's stub name without version, e.g. "vldb_record_lookup", "volcreate",
@@ -27,9 +28,15 @@ struct SimFaultVerdict {
 // without holding SimNode::lock()); then the call goes on (None), answers `status` in its
 // first result field with every other field empty (Status), sends no reply (Drop), or is
 // carried out and sends no reply (LoseReply).  Also counts the call, in all and for its
-// D-blade (control command "calls").  opid names the stream a call is about (0: none),
-// for the rules aimed at one stream ("--opid N").
+// D-blade, and logs it in order (control command "calls"; steps named "proc.step" are
+// counted, not logged).  opid names the stream a call is about (0: none), for the rules
+// aimed at one stream ("--opid N").
 SimFaultVerdict simFault(const char* proc, uint64_t opid = 0);
+
+// Once the call has been carried out, without SimNode::lock(): whether its reply goes
+// out.  False for Drop and LoseReply; for a reply held by "fault hold-reply" it waits
+// until "fault release" (true) or "fault release ... drop" (false).
+bool simReplyGate(const char* proc, const SimFaultVerdict& v);
 
 // A fault point met between the steps of work done under SimNode::lock() (lk holds it):
 // simFault(point) with the lock let go meanwhile, so that a hold or delay there stops only

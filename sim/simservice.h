@@ -40,9 +40,11 @@ bool_t simServe(const char* proc, Res* res, Status* status, Body body) {
     std::memcpy(static_cast<void*>(status), &raw, sizeof raw);
     return TRUE;
   }
-  std::lock_guard<std::mutex> g(SimNode::get().lock());
-  body();
-  return v.kind == SimFaultKind::LoseReply ? FALSE : TRUE;
+  {
+    std::lock_guard<std::mutex> g(SimNode::get().lock());
+    body();
+  }
+  return simReplyGate(proc, v) ? TRUE : FALSE;
 }
 
 // What a D-blade body that runs in steps answers: its status, and whether a reply goes
@@ -76,8 +78,10 @@ bool_t simServeStatus(const char* proc, u_int* status, Fn fn, uint64_t opid = 0)
   }
   std::unique_lock<std::mutex> lk(SimNode::get().lock());
   SimStepped r = simCallBody(fn, lk);
+  lk.unlock();
   *status = r.status;
-  return v.kind == SimFaultKind::LoseReply || !r.reply ? FALSE : TRUE;
+  if (!r.reply) return FALSE;
+  return simReplyGate(proc, v) ? TRUE : FALSE;
 }
 
 // A D-blade procedure about LPs: a D-blade asked about an LP it does not serve answers

@@ -17,6 +17,7 @@
 #include "vo_dispatch.h"
 #include "vodoptions.h"
 #include "vomovestate.h"
+#include "vorpcclient.h"
 #include "voserver.h"
 #include "votrace.h"
 
@@ -51,6 +52,7 @@ int main(int argc, char** argv) {
         exit(1);
     }
     VoMoveState::setKeepSrc(opts.keepSrc);
+    VoRPCClient::setCallTimeoutCap(static_cast<unsigned>(opts.callTimeoutCap));
     voApplyTracePreset(opts.tracePreset);
 
     signal(SIGHUP, SIG_IGN);

@@ -151,8 +151,7 @@ VoDldb::Record** VoDldb::dldbSync() {
                   __LINE__);
         return nullptr;
     }
-    struct timeval tv = {kDldbTimeoutSec, 0};
-    if (!clnt_control(c, CLSET_TIMEOUT, reinterpret_cast<char*>(&tv))) {
+    if (!VoRPCClient::setCallTimeout(c, kDldbTimeoutSec)) {
         VO_TR_RAW(vo_vldb, vo_warn, "Couldn't set the timeout for dldb handle\n");
         return nullptr;
     }

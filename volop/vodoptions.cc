@@ -38,6 +38,9 @@ void parseVodOptions(int argc, char* const* argv, VodOptions* opts) {
             case 'x':
                 opts->callsToServe = hasNum ? n : 1;
                 break;
+            case 'w':
+                if (hasNum) opts->callTimeoutCap = n;
+                break;
             default:
                 break;  // unknown letters are ignored without a message
         }

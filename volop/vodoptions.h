@@ -9,12 +9,13 @@
 #define VOLOP_VODOPTIONS_H
 
 struct VodOptions {
-    int tracePreset = 1;    // -d[N]: trace preset
-    int isDaemon = 1;       // -d: run in the foreground instead
-    int holdOffSec = 0;     // -h[N]: delay of the first resurrection pass
-    int keepSrc = 0;        // -k[N]: moves keep their source volume
-    int numOfThreads = 10;  // -t[N]: worker threads; must be > 0
-    int callsToServe = 0;   // -x[N]: loop passes before svc_run returns; 0 = for ever
+    int tracePreset = 1;     // -d[N]: trace preset
+    int isDaemon = 1;        // -d: run in the foreground instead
+    int holdOffSec = 0;      // -h[N]: delay of the first resurrection pass
+    int keepSrc = 0;         // -k[N]: moves keep their source volume
+    int numOfThreads = 10;   // -t[N]: worker threads; must be > 0
+    int callsToServe = 0;    // -x[N]: loop passes before svc_run returns; 0 = for ever
+    int callTimeoutCap = 0;  // -wN: no remote call waits longer than N s; 0 = no cap
 };
 
 // Parses argv[1..argc-1] into *opts, which holds the defaults on entry.

@@ -1332,6 +1332,16 @@ unsigned VoMirrorState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDblade
     if (!isExist) {
         VO_TR(vo_vod, vo_audit, "opid=%lld no VLDB reord for op src%d! All done.\n", opid,
               _opSrcRec.vid());
+        // Or vod died between making the op src's clone and registering it:
+        // the clone is left without a record. A finished operation deleted
+        // the clone before its record, so whatever the id holds now is that
+        // orphan (the deletion takes a volume already gone as deleted).
+        VO_TR(vo_vod, vo_audit, "opid=%lld call deleteOpSrc\n", opid);
+        if (unsigned e = deleteOpSrc(clntVldb, clntSrcDbladeVol)) {
+            VO_TR(vo_vod, vo_warn, "opid=%lld deleteOpSrc err=%d\n", opid, e);
+            setErr(voErrVodCrashRecovery, e);
+            return e;
+        }
         VO_TR(vo_vod, vo_audit, "opid=%lld call deleteVodbRec\n", opid);
         err = deleteVodbRec(clntVldb);
         if (err != 0) {

@@ -96,9 +96,8 @@ unsigned VoServer::batchClntCreate(VoRPCClient& vldb, VoRPCClient& incrcopy,
         VO_TR(vo_vod, vo_warn, "cannot make vldb client to %s\n", localhost);
         return VOD_ERR_NO_VLDB_CLIENT;
     }
-    timeval timeout = {70, 0};
     CLIENT* vldbClnt = vldb;
-    if (!clnt_control(vldbClnt, CLSET_TIMEOUT, reinterpret_cast<char*>(&timeout))) {
+    if (!VoRPCClient::setCallTimeout(vldbClnt, 70)) {
         vldb.clntdestroy();
         return VOD_ERR_CANT_SET_TIMEOUT;
     }

@@ -50,8 +50,7 @@ const char* dbladeErrText(unsigned rc) {
 }
 
 bool setTimeout(CLIENT* clnt, unsigned seconds) {
-    struct timeval tv = {static_cast<time_t>(seconds), 0};
-    return clnt_control(clnt, CLSET_TIMEOUT, reinterpret_cast<char*>(&tv));
+    return VoRPCClient::setCallTimeout(clnt, seconds);
 }
 
 // The D-blade family: set the time-out, then call until the D-blade stops

@@ -107,7 +107,19 @@ VoErr VoRPCClient::clnttcp_create(const char* host, unsigned long prog, unsigned
     }
     client = c;
     sockfd = sock;
+    // The stubs' own 25 seconds may exceed the cap.
+    if (callTimeoutCap != 0) setCallTimeout(c, callTimeoutCap);
     return VoErr();
+}
+
+unsigned VoRPCClient::callTimeoutCap = 0;
+
+void VoRPCClient::setCallTimeoutCap(unsigned seconds) { callTimeoutCap = seconds; }
+
+bool VoRPCClient::setCallTimeout(CLIENT* clnt, unsigned seconds) {
+    if (callTimeoutCap != 0 && seconds > callTimeoutCap) seconds = callTimeoutCap;
+    struct timeval tv = {static_cast<time_t>(seconds), 0};
+    return clnt_control(clnt, CLSET_TIMEOUT, reinterpret_cast<char*>(&tv));
 }
 
 void VoRPCClient::clntdestroy() {

@@ -36,8 +36,9 @@ class VoRPCClient {
     //   0         the program is not registered (port 0), or the RPC client
     //             could not be made over the connected socket
     //   errno     socket() or connect() failed
-    // No socket is left open on failure. No call time-out is set: callers
-    // that need one set it with clnt_control(CLSET_TIMEOUT).
+    // No socket is left open on failure. No call time-out is set unless a
+    // cap is (setCallTimeoutCap): callers that need one set it with
+    // setCallTimeout().
     // An object that already holds a client is overwritten without being
     // destroyed (traced); call clntdestroy() first.
     VoErr clnttcp_create(const char* host, unsigned long prog, unsigned long vers);
@@ -49,6 +50,17 @@ class VoRPCClient {
     // The client handle, null when there is none.
     operator CLIENT*() const { return client; }
 
+    // Sets clnt's total call time-out to seconds, or to the cap when that is
+    // lower; false when the client refuses. Every time-out vod sets goes
+    // through here.
+    static bool setCallTimeout(CLIENT* clnt, unsigned seconds);
+    // No call waits longer than seconds for its answer (0: no cap, each call
+    // its own time-out). Set once at start-up (vod -w), before any client is
+    // made; clients made afterwards carry the cap as their time-out until a
+    // caller sets another. A test cluster that drops a call then costs
+    // seconds, not the half hour a clone may be given.
+    static void setCallTimeoutCap(unsigned seconds);
+
     // voRpcClientLock; a mutex failure is fatal.
     static void getVoRpcClientLock();
     static void releaseVoRpcClientLock();
@@ -57,7 +69,8 @@ class VoRPCClient {
     CLIENT* client;
     int sockfd;
     static pthread_mutex_t voRpcClientLock;
-    static int openFd;  // shown in the overwrite warning only
+    static int openFd;               // shown in the overwrite warning only
+    static unsigned callTimeoutCap;  // written before the first thread starts
 };
 
 // Owns a result record filled by a generated client stub: zeroed on

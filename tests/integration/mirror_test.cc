@@ -426,6 +426,10 @@ const MirrorCrashPoint kMirrorPoints[] = {
      false, false},
     {"RefreshAfterTheRecords", true, true, [](MirrorCrash& t) { t.holdThenStart("volclone"); },
      false, false},
+    // The op src's clone is made, its VLDB record not yet: recovery finds no
+    // record and must still take the clone away.
+    {"FirstAfterTheOpSrcCloneBeforeItsRecord", false, false,
+     [](MirrorCrash& t) { t.holdThenStart("vldb_create_record"); }, false, false},
     {"RefreshAfterTheInPlaceClones", true, false,
      [](MirrorCrash& t) { t.holdThenStart("incrcopymirror"); }, false, false},
     {"FirstMidStreamWhileItRunsOn", false, false, [](MirrorCrash& t) { t.midStream(); }, false,

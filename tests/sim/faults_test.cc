@@ -169,6 +169,54 @@ TEST_F(FaultTest, HeldCallReleasedAsDroppedLeavesNoTrace) {
   EXPECT_EQ(ctl({"vodb", "--json"}).find("\"vfsid\":90"), std::string::npos);
 }
 
+// What the crash matrix stops vod with: the n-th call of a procedure held before it is
+// carried out (--skip) or after it, with only its reply held back; and the log that says
+// which calls came in, in order.
+TEST_F(FaultTest, TheNthCallIsHeldBeforeOrAfterItIsCarriedOutAndEveryCallIsLogged) {
+  ctl({"calls", "reset"});
+  struct Case {
+    const char* verb;
+    bool drop;      // released as dropped
+    bool recorded;  // the call's effect is there afterwards
+    int result;     // what the caller sees
+  } cases[] = {
+      {"hold", false, true, 0},
+      {"hold", true, false, -static_cast<int>(RPC_TIMEDOUT)},
+      {"hold-reply", false, true, 0},
+      {"hold-reply", true, true, -static_cast<int>(RPC_TIMEDOUT)},
+  };
+  unsigned vfsid = 100;
+  auto recorded = [&](unsigned v) {
+    return ctl({"vodb", "--json"}).find("\"vfsid\":" + std::to_string(v)) != std::string::npos;
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.verb) + (c.drop ? " drop" : ""));
+    // A connection of its own: the last case's may still wait for its lost reply.
+    CLIENT* held = client(VLDB_PROG, VLDB_VERS, 2);
+    ASSERT_NE(held, nullptr);
+    ctl({"fault", c.verb, "vodb_create2", "--skip", "1"});
+    EXPECT_EQ(createOp(held, vfsid++), 0) << "the first call goes by";
+    const unsigned mine = vfsid++;
+    auto call = std::async(std::launch::async, [&] { return createOp(held, mine); });
+    EXPECT_EQ(ctl({"fault", "wait-held", "vodb_create2", "10"}), "1 held\n");
+    EXPECT_EQ(recorded(mine), std::string(c.verb) == "hold-reply") << "held before or after";
+    std::vector<std::string> release = {"fault", "release", "vodb_create2"};
+    if (c.drop) release.push_back("drop");
+    ctl(release);
+    EXPECT_EQ(call.get(), c.result);
+    EXPECT_EQ(recorded(mine), c.recorded);
+    EXPECT_EQ(ctl({"fault", "list"}), "") << "one call was held";
+  }
+  newVfsid();
+  std::string want;
+  for (int i = 1; i <= 8; ++i) want += std::to_string(i) + " vodb_create2 0\n";
+  EXPECT_EQ(ctl({"calls", "--log"}), want + "9 new_vfsid 0\n");
+  ctl({"calls", "reset"});
+  EXPECT_EQ(ctl({"calls", "--log"}), "");
+  EXPECT_NE(sim->ctl({"fault", "refuse", "vldb", "--skip", "1"}).status, 0);
+  EXPECT_NE(sim->ctl({"fault", "hold", "new_vfsid", "--skip"}).status, 0);
+}
+
 TEST_F(FaultTest, ControlToolRefusesWhatItCannotDo) {
   auto t = Clock::now();
   RunResult r = sim->ctl({"fault", "wait-held", "new_vfsid", "1"});

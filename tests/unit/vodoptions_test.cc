@@ -10,6 +10,7 @@ namespace {
 struct Case {
     std::vector<const char*> args;
     int preset, daemon, holdOff, keep, threads, calls;
+    int timeoutCap = 0;
 };
 
 TEST(VodOptions, DefaultsLettersAloneAndWithDigits) {
@@ -46,6 +47,10 @@ TEST(VodOptions, DefaultsLettersAloneAndWithDigits) {
         // later occurrences win
         {{"-t5", "-t7", "-d2", "-d"}, 4, 0, 0, 0, 7, 0},
         {{"-k", "-k0"},              1, 1, 0, 0, 10, 0},
+        // the call time-out cap takes a number glued to it
+        {{"-w5"},                    1, 1, 0, 0, 10, 0, 5},
+        {{"-w"},                     1, 1, 0, 0, 10, 0, 0},
+        {{"-w-5"},                   1, 1, 0, 0, 10, 0, 0},
     };
     for (const Case& c : cases) {
         std::vector<char*> argv{const_cast<char*>("vod")};
@@ -63,6 +68,7 @@ TEST(VodOptions, DefaultsLettersAloneAndWithDigits) {
         EXPECT_EQ(o.keepSrc, c.keep);
         EXPECT_EQ(o.numOfThreads, c.threads);
         EXPECT_EQ(o.callsToServe, c.calls);
+        EXPECT_EQ(o.callTimeoutCap, c.timeoutCap);
     }
 }
 
