@@ -492,20 +492,24 @@ void VoServer::vfsRestore(RestoreVfsIn* in, RestoreVfsOut* out) {
             return;
         }
     }
-    TcpVfsOpCookie* c = static_cast<TcpVfsOpCookie*>(calloc(1, TCP_RESTORE_COOKIE_LEN));
+    // Made whole, handed out as its first 28 bytes: the restore's part of it.
+    TcpVfsOpCookie whole;
+    memset(&whole, 0, sizeof whole);
+    whole.requestType = TCP_REQ_RESTORE;
+    whole.u.restore.force = in->force;
+    whole.u.restore.toVfsId = in->vfsId;
+    memcpy(whole.u.restore.lpId, lid, sizeof whole.u.restore.lpId);
+    char* c = static_cast<char*>(malloc(TCP_RESTORE_COOKIE_LEN));
     if (c == nullptr) {
         // The dump's code: the two share it.
         out->code = voCompositeCode(VoProcVodVfsDump, VOD_ERR_BASE + VOD_ERR_NO_MEMORY);
         return;
     }
-    c->requestType = TCP_REQ_RESTORE;
-    c->u.restore.force = in->force;
-    c->u.restore.toVfsId = in->vfsId;
-    memcpy(c->u.restore.lpId, lid, sizeof c->u.restore.lpId);
+    memcpy(c, &whole, TCP_RESTORE_COOKIE_LEN);
     out->code = 0;
     out->port = kDumpPortField;
     out->cookie.cookie_len = TCP_RESTORE_COOKIE_LEN;
-    out->cookie.cookie_val = reinterpret_cast<char*>(c);
+    out->cookie.cookie_val = c;
 }
 
 void VoServer::vfsOpCancel(unsigned long long opid, unsigned* code) {
