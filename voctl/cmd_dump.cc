@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -82,10 +83,10 @@ int connectTo(const std::string& host, unsigned port, unsigned idleSec, std::str
 // exactly as vod handed it out.
 int sendCookie(int sd, const char* cookie, u_int len) {
     uint32_t n = htonl(len);
-    std::vector<unsigned char> req(4 + len);
-    memcpy(req.data(), &n, 4);
-    memcpy(req.data() + 4, cookie, len);
-    return sendall(sd, req.data(), static_cast<unsigned>(req.size()));
+    std::string req(reinterpret_cast<const char*>(&n), 4);
+    req.append(cookie, len);
+    return sendall(sd, reinterpret_cast<unsigned char*>(&req[0]),
+                   static_cast<unsigned>(req.size()));
 }
 
 bool writeAll(int fd, const unsigned char* b, size_t len) {
@@ -173,8 +174,9 @@ int dump(Context& ctx, const DumpArgs& a) {
     DumpVfsIn in{};
     in.fromVfsId = vfsid;
     in.skipClone = a.skipClone ? 1 : 0;
-    strncpy(in.dumpName, a.name.c_str(), sizeof in.dumpName);
-    strncpy(in.priorDumpLabel, a.since.c_str(), sizeof in.priorDumpLabel);
+    // Fixed fields: the text, cut to the field, and zeros after it.
+    memcpy(in.dumpName, a.name.data(), std::min(a.name.size(), sizeof in.dumpName));
+    memcpy(in.priorDumpLabel, a.since.data(), std::min(a.since.size(), sizeof in.priorDumpLabel));
     XdrResult<DumpVfsOut> res(xdr_DumpVfsOut);
     if (c->call(dumpvfs_1, &in, res.get()) != RPC_SUCCESS) return ctx.callFailed(*c);
     const std::string what = "dump of vfsid " + std::to_string(vfsid);
