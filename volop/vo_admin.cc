@@ -421,6 +421,15 @@ void VoServer::vfsClone(unsigned vfsId, CloneVfsOut* out) {
 
 // --- dump, restore, cancel --------------------------------------------------
 
+// The LP of the volume vfsId as the local VLDB has it: 0, kNoVldbClient,
+// or the look-up's code.
+static unsigned lpOfVolume(unsigned vfsId, unsigned char* lid) {
+    VoRPCClient vldb;
+    if (!connectLocal(vldb, VLDB_PROG, VLDB_VERS)) return kNoVldbClient;
+    unsigned kind = 0;
+    return VoRpcCalls::findLpByVfsId(vldb, vfsId, lid, kind);
+}
+
 // Clients swap the port's low 16 bits back; the value goes out in host
 // order on purpose, and names 909 whatever port the socket really has.
 static const unsigned kDumpPortField = htons(909);
@@ -430,18 +439,7 @@ void VoServer::vfsDump(DumpVfsIn* in, DumpVfsOut* out) {
     VO_TR(vo_vod, vo_audit, "vfsId=%u\n", in->fromVfsId);
     memset(out, 0, sizeof *out);
     unsigned char lid[16];
-    {
-        VoRPCClient vldb;
-        if (!connectLocal(vldb, VLDB_PROG, VLDB_VERS)) {
-            out->code = kNoVldbClient;
-            return;
-        }
-        unsigned kind = 0;
-        if (unsigned r = VoRpcCalls::findLpByVfsId(vldb, in->fromVfsId, lid, kind)) {
-            out->code = r;
-            return;
-        }
-    }
+    if ((out->code = lpOfVolume(in->fromVfsId, lid)) != 0) return;
     // The field need not be terminated.
     char prior[sizeof in->priorDumpLabel + 1];
     memcpy(prior, in->priorDumpLabel, sizeof in->priorDumpLabel);
@@ -480,18 +478,7 @@ void VoServer::vfsRestore(RestoreVfsIn* in, RestoreVfsOut* out) {
         return;
     }
     unsigned char lid[16];
-    {
-        VoRPCClient vldb;
-        if (!connectLocal(vldb, VLDB_PROG, VLDB_VERS)) {
-            out->code = kNoVldbClient;
-            return;
-        }
-        unsigned kind = 0;
-        if (unsigned r = VoRpcCalls::findLpByVfsId(vldb, in->vfsId, lid, kind)) {
-            out->code = r;
-            return;
-        }
-    }
+    if ((out->code = lpOfVolume(in->vfsId, lid)) != 0) return;
     // Made whole, handed out as its first 28 bytes: the restore's part of it.
     TcpVfsOpCookie whole;
     memset(&whole, 0, sizeof whole);
