@@ -89,7 +89,7 @@ if [[ $bad -gt 0 ]]; then
   for f in "$OUT"/points/*.log; do
     grep -q 'consistent=0' "$f" || continue
     echo "--- $(basename "$f" .log)"
-    sed -n '/^inconsistent at /,/^\[  FAILED  \]/p' "$f" | grep -v '^\[  FAILED  \]' | head -80
+    sed -n '/^inconsistent at /,/^\[  FAILED  \]/p' "$f" | grep -v '^\[  FAILED  \]' | head -80 || true
     grep -q '^inconsistent at ' "$f" || tail -30 "$f"
   done
 fi

@@ -93,7 +93,7 @@ if [[ $bad -gt 0 ]]; then
   for f in "$OUT"/cases/*.log; do
     grep -q 'documented=0' "$f" || continue
     echo "--- $(basename "$f" .log)"
-    sed -n '/^not as documented: /,/^calls:/p' "$f" | head -60
+    sed -n '/^not as documented: /,/^calls:/p' "$f" | head -60 || true
     grep -q '^not as documented: ' "$f" || tail -30 "$f"
   done
 fi

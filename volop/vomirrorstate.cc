@@ -1315,9 +1315,12 @@ unsigned VoMirrorState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDblade
         return over;
     const long long opid = static_cast<long long>(_opid);
 
-    // The version every stream was to reach: the op src's, as the D-blade
-    // holds it, else as its VLDB record says (a local mirror may already
-    // have taken the op src's volume). Neither: the operation had finished.
+    // The version every stream was to reach: the op src's. Its VLDB record
+    // has the source's version as read before the clone, which a writer may
+    // have passed by the time of the clone; the D-blade has the clone's own,
+    // under the op src's id until a local mirror's swap gives the op src the
+    // mirror id and the op src's id the old local mirror. No record at all:
+    // the operation had finished.
     VO_TR(vo_vod, vo_audit, "opid=%lld call getDataVerFromVLDB for op src vfs\n", opid);
     unsigned long long target = 0;
     int isExist = 0;
@@ -1350,9 +1353,16 @@ unsigned VoMirrorState::recoverFromCrash(CLIENT* clntVldb, CLIENT* clntSrcDblade
         }
         return err;
     }
-    unsigned long long onDblade = 0;
-    if (getDataVerFromDblade(clntSrcDbladeVol, _opSrcRec.vid(), _opSrcRec.lid(), &onDblade) == 0)
-        target = onDblade;
+    // None of these volumes is ever ahead of the op src (an old mirror is an
+    // older image of the same source), so the highest version is the op src's.
+    auto raiseTo = [&](unsigned vid) {
+        unsigned long long dv = 0;
+        if (getDataVerFromDblade(clntSrcDbladeVol, vid, _opSrcRec.lid(), &dv) == 0 && dv > target)
+            target = dv;
+    };
+    raiseTo(_opSrcRec.vid());
+    for (auto& p : _opSinkRecs)
+        if (p->getErrCode() == VOD_ERR_LOCAL_MIRROR) raiseTo(_sinkRec.vid());
     VO_TR(vo_vod, vo_audit, "opid=%lld VLDB rec of op src says its dVer=%lld\n", opid,
           static_cast<long long>(target));
     _opSrcRec.setDver(target);

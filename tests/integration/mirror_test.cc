@@ -393,6 +393,12 @@ class MirrorCrash : public MirrorTest, public ::testing::WithParamInterface<Mirr
         expectTriple(mirror(src), 0, 0, 0, "start");
         ASSERT_TRUE(waitHeld(proc, 60)) << "vod never called " << proc;
     }
+    // The same, for the first call of proc that reaches D-blade did.
+    void holdAtThenStart(const char* proc, unsigned did) {
+        fault({"hold", proc, "--dblade", std::to_string(did)});
+        expectTriple(mirror(src), 0, 0, 0, "start");
+        ASSERT_TRUE(waitHeld(proc, 60)) << "vod never called " << proc << " at " << did;
+    }
     void midStream() {
         speed(128);
         expectTriple(mirror(src), 0, 0, 0, "start");
@@ -442,6 +448,11 @@ const MirrorCrashPoint kMirrorPoints[] = {
      [](MirrorCrash& t) { t.holdThenStart("incrcopyconclude"); }, false, true},
     {"FirstAfterTheStreamEnded", false, true,
      [](MirrorCrash& t) { t.holdThenStart("incrcopyconclude"); }, false, true},
+    // The local mirror, concluded last, has the op src under the mirror id
+    // and the old local mirror under the op src's id: the version recovery
+    // aims at is still the op src's.
+    {"RefreshTheLocalMirrorAfterItsSwap", true, true,
+     [](MirrorCrash& t) { t.holdAtThenStart("volsetattr", 1); }, false, true},
     {"RefreshInTheAttributeAdjustment", true, false,
      [](MirrorCrash& t) { t.holdThenStart("vldb_record_modify"); }, false, true},
     {"FirstInTheAttributeAdjustment", false, true,
