@@ -54,7 +54,7 @@ constexpr uint32_t kMirrorBit = 0x40000000;
 constexpr double kSettleSec = 150;
 // A fault may leave records of an operation the registry never knew (the
 // answer to their creation was lost): an idle registry looks every 300 s.
-constexpr double kFaultSettleSec = 330;
+constexpr double kFaultSettleSec = 400;
 // How long vod waits for any answer in the fault matrix (vod -w).
 constexpr unsigned kCallCapSec = 4;
 
