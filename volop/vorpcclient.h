@@ -1,6 +1,12 @@
 // VoRPCClient: one ONC RPC client over TCP to a cluster service, and the
 // socket under it, made and destroyed together.
 //
+// A call that fails in transport (time-out, send or receive failure, an
+// answer that does not decode) closes the connection; the next call on the
+// same handle connects again to the same host and program first, with the
+// time-out last set. A failed reconnection answers that call with
+// RPC_PROGNOTREGISTERED (port 0) or RPC_CANTSEND (re_errno: the cause).
+//
 // The connection is made step by step (host look-up, port query, socket,
 // connect, client) so that each failure is reported precisely. An object is
 // used by one thread: each handler and each job makes its own and destroys
@@ -22,7 +28,7 @@
 
 class VoRPCClient {
   public:
-    // No client; sockfd 0.
+    // No client.
     VoRPCClient();
     // clntdestroy().
     ~VoRPCClient();
@@ -67,7 +73,6 @@ class VoRPCClient {
 
   private:
     CLIENT* client;
-    int sockfd;
     static pthread_mutex_t voRpcClientLock;
     static int openFd;               // shown in the overwrite warning only
     static unsigned callTimeoutCap;  // written before the first thread starts

@@ -51,9 +51,9 @@ class FakeRpcServer {
         Reply,  // encode the result and send it
         // Send nothing: the caller times out. After a time-out the client
         // library skips one reply on that connection (the late one it expects),
-        // so the next call on the same client loses its own answer: use Drop
-        // for a connection's last call only, and model a slow server with a
-        // handler that sleeps before replying.
+        // so the next call on the same bare library client loses its own
+        // answer (a VoRPCClient connects afresh instead): model a slow server
+        // with a handler that sleeps before replying.
         Drop,
         Close,  // close the connection without a reply
     };

@@ -426,7 +426,11 @@ TEST_F(VoRpcCallsTest, DeleteStatuses) {
         {"not on this LP", {st(TARN_ERR_LPMMISMATCH)}, TARN_ERR_LPMMISMATCH, 1, false},
         {"already gone", {st(TARN_ERR_DELETE_DONE)}, 0, 1, false},
         {"try again", {st(TARN_ERR_ENORNUM), st(0)}, 0, 2, false},
-        {"still deleting", {st(TARN_ERR_DELETE_BUSY), st(TARN_ERR_DELETE_BUSY), st(0)}, 0, 3, false},
+        {"still deleting",
+         {st(TARN_ERR_DELETE_BUSY), st(TARN_ERR_DELETE_BUSY), st(0)},
+         0,
+         3,
+         false},
         {"other status", {st(0x1B)}, 0x1B, 1, false},
         {"cut", {kCutStep}, kCut, 1, true},
     };
@@ -560,6 +564,64 @@ TEST(ClientCreationTest, ClientsWorkAndReleaseTheirSocket) {
     EXPECT_EQ(7, callThrough([] { return tarn_clnt_create("127.0.0.1", 0x20000999, 1, "tcp"); },
                              [](CLIENT* c) { clnt_destroy(c); }));
     EXPECT_TRUE(fdsBackTo(before));
+}
+
+// A rollback or retry reuses its job's handle after a call failed in
+// transport. That stream cannot be trusted (the library skips the answer it
+// still expects there), so the next call must go over a fresh connection and
+// get its own answer, and the failed connection must be closed.
+TEST(ClientCreationTest, ACallAfterATransportFailureGetsItsAnswer) {
+    FakeRpcServer srv(0x20000999, 1);
+    FakeRpcServer::Action first = FakeRpcServer::Reply;
+    int calls = 0;
+    srv.onVoid<int>(1, xdr_int, [&](int& r) {
+        r = 7;
+        return calls++ == 0 ? first : FakeRpcServer::Reply;
+    });
+    struct Case {
+        const char* what;
+        FakeRpcServer::Action first;
+        clnt_stat failed;
+    } cases[] = {
+        {"no answer", FakeRpcServer::Drop, RPC_TIMEDOUT},
+        {"connection closed", FakeRpcServer::Close, RPC_CANTRECV},
+    };
+    for (const Case& c : cases) {
+        first = c.first;
+        calls = 0;
+        const int before = openFds();
+        VoRPCClient vo;
+        ASSERT_EQ(0u, vo.clnttcp_create("localhost", 0x20000999, 1)) << c.what;
+        CLIENT* h = vo;
+        ASSERT_TRUE(VoRPCClient::setCallTimeout(h, 1)) << c.what;
+        struct timeval tv = {25, 0};
+        for (int i = 0; i < 3; i++) {
+            int out = 0;
+            clnt_stat st = clnt_call(h, 1, xdrProc(xdr_void), nullptr, xdrProc(xdr_int),
+                                     reinterpret_cast<char*>(&out), tv);
+            EXPECT_EQ(i == 0 ? c.failed : RPC_SUCCESS, st) << c.what << ", call " << i;
+            EXPECT_EQ(i == 0 ? 0 : 7, out) << c.what << ", call " << i;
+            rpc_err err;
+            clnt_geterr(h, &err);
+            EXPECT_EQ(st, err.re_status) << c.what << ", call " << i;
+        }
+        vo.clntdestroy();
+        EXPECT_TRUE(fdsBackTo(before)) << c.what;
+    }
+    // The program gone from the port mapper: the next call says so.
+    VoRPCClient vo;
+    ASSERT_EQ(0u, vo.clnttcp_create("localhost", 0x20000999, 1));
+    CLIENT* h = vo;
+    first = FakeRpcServer::Close;
+    calls = 0;
+    tarn_set_port_lookup(
+        [](unsigned long, unsigned long, unsigned) -> unsigned short { return 0; });
+    struct timeval tv = {5, 0};
+    int out = 0;
+    EXPECT_EQ(RPC_CANTRECV, clnt_call(h, 1, xdrProc(xdr_void), nullptr, xdrProc(xdr_int),
+                                      reinterpret_cast<char*>(&out), tv));
+    EXPECT_EQ(RPC_PROGNOTREGISTERED, clnt_call(h, 1, xdrProc(xdr_void), nullptr, xdrProc(xdr_int),
+                                               reinterpret_cast<char*>(&out), tv));
 }
 
 TEST(ClientCreationTest, EachFailureIsReportedAndLeavesNoSocket) {
