@@ -3,7 +3,7 @@
 // memory and open descriptors of vod and of the simulator after every
 // thousand operations (a copy and a delete count one each).
 //
-//   soak_load OPERATIONS CONCURRENT VOD_PID SIM_PID
+//   soak_load OPERATIONS CONCURRENT VOD_PID SIM_PID CONTROL
 //
 // Each of the CONCURRENT threads owns one source volume on lp1a (made
 // here) and copies it to lp2a under a fresh name, follows the copy to its
@@ -15,10 +15,15 @@
 //
 // At each thousand the threads finish the pair in hand and wait, so that a
 // reading sees vod and the simulator idle, not whatever a live copy holds
-// for the moment. Prints one "reading" line per thousand, "failed" lines as
-// they happen and a last "done" line; exits 1 when an operation failed.
+// for the moment. Before each reading the simulator's call log is emptied
+// (through its control socket, CONTROL): it keeps the last 100,000 calls
+// for the crash matrix, some seven thousand operations' worth, and filling
+// it would read as growth of the simulator. Prints one "reading" line per thousand, "failed" lines
+// as they happen and a last "done" line; exits 1 when an operation failed.
 #include <dirent.h>
 #include <rpc/rpc.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -53,6 +58,9 @@ constexpr auto kPollGap = std::chrono::milliseconds(5);
 
 // A copy that has not ended after this long counts as failed.
 constexpr auto kCopyLimit = std::chrono::seconds(120);
+
+// How long the clients stay idle before a reading.
+constexpr auto kSettle = std::chrono::milliseconds(200);
 
 // The operations between two readings.
 constexpr long kReadingEvery = 1000;
@@ -91,6 +99,22 @@ void readProc(int pid, long* rssKb, long* fds) {
         closedir(d);
         *fds = n;
     }
+}
+
+// Empties the simulator's call log; false when the simulator did not say OK.
+bool resetCallLog(const std::string& control) {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0) return false;
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::snprintf(a.sun_path, sizeof a.sun_path, "%s", control.c_str());
+    const char request[] = "calls\treset\n";
+    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+              write(fd, request, sizeof request - 1) == static_cast<ssize_t>(sizeof request - 1);
+    char reply[64];
+    ok = ok && read(fd, reply, sizeof reply) >= 2 && reply[0] == 'O' && reply[1] == 'K';
+    close(fd);
+    return ok;
 }
 
 // A source volume of one small file, so that a copy is mostly vod's own
@@ -184,10 +208,11 @@ bool deleteOnce(CLIENT* c, unsigned vid, const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 5) {
-        std::fprintf(stderr, "usage: soak_load OPERATIONS CONCURRENT VOD_PID SIM_PID\n");
+    if (argc != 6) {
+        std::fprintf(stderr, "usage: soak_load OPERATIONS CONCURRENT VOD_PID SIM_PID CONTROL\n");
         return 2;
     }
+    const std::string control = argv[5];
     const long total = std::atol(argv[1]);
     const int workers = std::max(1, std::atoi(argv[2]));
     const int vodPid = std::atoi(argv[3]), simPid = std::atoi(argv[4]);
@@ -239,6 +264,10 @@ int main(int argc, char** argv) {
         for (auto& t : threads) t.join();
         pair += pairs;
         done += 2 * pairs;
+        if (!resetCallLog(control)) std::fprintf(stderr, "soak_load: calls reset refused\n");
+        // vod closes a client's connection when it sees the end of it, at
+        // its next turn of the loop.
+        std::this_thread::sleep_for(kSettle);
         long vodRss, vodFds, simRss, simFds;
         readProc(vodPid, &vodRss, &vodFds);
         readProc(simPid, &simRss, &simFds);
