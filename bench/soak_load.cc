@@ -18,8 +18,10 @@
 // for the moment. Before each reading the simulator's call log is emptied
 // (through its control socket, CONTROL): it keeps the last 100,000 calls
 // for the crash matrix, some seven thousand operations' worth, and filling
-// it would read as growth of the simulator. Prints one "reading" line per thousand, "failed" lines
-// as they happen and a last "done" line; exits 1 when an operation failed.
+// it would read as growth of the simulator.
+//
+// Prints one "reading" line per thousand, "failed" lines as they happen and
+// a last "done" line; exits 1 when an operation failed.
 #include <dirent.h>
 #include <rpc/rpc.h>
 #include <sys/socket.h>
