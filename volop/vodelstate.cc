@@ -185,6 +185,21 @@ unsigned VoDelState::del(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol) {
     // later, a volume without its record could not be found again.
     VO_TR(vo_vod, vo_audit, "opid=%lld call dbladeDeleteVfs vfsid=%d\n", opid, vid);
     VoErr err = dbladeDeleteVfs(clntSrcDbladeVol, vid, _srcRec.lid());
+    if (static_cast<unsigned>(err) == kDbladeVolumeGone) {
+        // The client is the local D-blade's, and any other D-blade answers the
+        // same for an LP it does not serve: only the LP's own D-blade can say
+        // the volume is gone. Taken at its word here, a volume on another
+        // D-blade would lose its VLDB record and stay on disk for good.
+        VO_TR(vo_vod, vo_audit, "opid=%lld vfsid=%d not on the D-blade asked; ask its LP's\n", opid,
+              vid);
+        VoRPCClient own;
+        VoErr cerr = openDbladeOf(VO_SITE, clntVldb, _srcRec.lid(), &own, nullptr);
+        if (cerr != 0) {
+            setHiLvlErr(VoErrDblade);
+            return cerr;
+        }
+        err = dbladeDeleteVfs(own, vid, _srcRec.lid());
+    }
     if (err != 0 && static_cast<unsigned>(err) != kDbladeVolumeGone) {
         VO_TR(vo_vod, vo_warn, "opid=%lld dbladeDeleteVfs vfsid=%d err.func=%d err.funcrc=%d\n",
               opid, vid, err.func(), err.funcrc());

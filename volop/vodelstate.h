@@ -83,7 +83,10 @@ class VoDelState : public VoState {
     unsigned prepare(CLIENT* clntVldb, CLIENT* clntSrcDbladeVol);
 
     // Deletes the volume on its D-blade (a volume already gone, status 21,
-    // counts as deleted), then its VLDB record, then the VODB record. Stops
+    // counts as deleted), then its VLDB record, then the VODB record.
+    // clntSrcDbladeVol is tried first; when it answers 21 the LP's own
+    // D-blade, found through the VLDB, is asked again, since any D-blade
+    // answers 21 for an LP it does not serve. Stops
     // at the first failure, which stays in the error triple and is returned;
     // the records left behind let recovery try again. 0 when all is done and
     // the operation is retired from the VODB.

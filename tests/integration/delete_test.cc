@@ -39,6 +39,21 @@ class DeleteTest : public AdminTest {
     }
 };
 
+// vod's own D-blade serves lp1a and lp1b and answers "not here" (21) for
+// lp2a and lp2b, the same as for a volume already gone: a delete that took
+// that answer for the whole truth would drop the VLDB record of a volume on
+// D-blade 2 and leave the volume on its disk.
+TEST_F(DeleteTest, TheVolumeGoesFromTheDbladeOfItsLp) {
+    const char* const lps[] = {"lp1a", "lp1b", "lp2a", "lp2b"};
+    for (const char* lp : lps) {
+        const uint32_t vol = makeVolume(std::string("gone-") + lp, lp, 1, 4096);
+        expectTriple(vodelete(vol, lp), voErrRcSuccess, voErrFuncSuccess, 0, lp);
+        EXPECT_FALSE(hasVolume(vol)) << lp;
+        EXPECT_FALSE(hasVldbRecord(vol)) << lp;
+        EXPECT_EQ(vodbRecords().size(), 0u) << lp;
+    }
+}
+
 TEST_F(DeleteTest, DbladeFailureKeepsEveryRecordUntilRecoveryDeletes) {
     const uint32_t vol = makeVolume("doomed", "lp1a");
     fault({"status", "voldelete", "5"});

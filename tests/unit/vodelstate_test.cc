@@ -11,9 +11,11 @@
 #include <vector>
 
 #include "dblade_vol.h"
+#include "dldb_server.h"
 #include "fake_rpc_server.h"
 #include "vldb_server.h"
 #include "vodbCache.h"
+#include "vodldb.h"
 #include "vorpccalls.h"
 
 namespace {
@@ -25,6 +27,21 @@ class VoDelStateTest : public ::testing::Test {
   protected:
     void SetUp() override {
         VoRpcCalls::setSleepForTest([](unsigned) {});
+        VoDldb::initialize();
+        // Every D-blade is this process's fake, at 127.0.0.1.
+        dldb.onVoid<DldbIterateRes>(ITERATE, xdr_DldbIterateRes, [this](DldbIterateRes& r) {
+            dldbRec.did = 1;
+            dldbRec.host.name = host;
+            r.rec.rec_len = 1;
+            r.rec.rec_val = &dldbRec;
+        });
+        vldb.on<tarn_uuid_t, vldb_lp_convert_result>(
+            VLDB_LP_CONVERT, xdr_tarn_uuid_t, xdr_vldb_lp_convert_result,
+            [this](tarn_uuid_t&, vldb_lp_convert_result& r) {
+                log("vldb_lp_convert");
+                r.result = lpConvertStatus;
+                r.dblade_id = 1;
+            });
         vldb.on<rec_delete_input, int>(VLDB_DELETE_RECORD, xdr_rec_delete_input, xdr_int,
                                        [this](rec_delete_input&, int& st) {
                                            log("vldb_delete_record");
@@ -59,7 +76,7 @@ class VoDelStateTest : public ::testing::Test {
         dblade.on<VolDeleteIn, VolDeleteOut_t>(VOLDELETE, xdr_VolDeleteIn, xdr_VolDeleteOut_t,
                                                [this](VolDeleteIn& in, VolDeleteOut_t& out) {
                                                    log("voldelete " + std::to_string(in.vfsID));
-                                                   out.returnCode = dbladeStatus;
+                                                   out.returnCode = nextDbladeStatus();
                                                });
         vldbClnt = vldb.newClient();
         dbladeClnt = dblade.newClient();
@@ -71,7 +88,18 @@ class VoDelStateTest : public ::testing::Test {
         setVodb({});
         clnt_destroy(vldbClnt);
         clnt_destroy(dbladeClnt);
+        VoDldb::destroy();
         VoRpcCalls::setSleepForTest(nullptr);
+    }
+
+    // The D-blade's answer to this voldelete: the next of dbladeStatuses,
+    // the last one again once they run out, dbladeStatus when none is given.
+    unsigned nextDbladeStatus() {
+        std::lock_guard<std::mutex> g(m);
+        if (dbladeStatuses.empty()) return dbladeStatus;
+        unsigned st = dbladeStatuses.front();
+        if (dbladeStatuses.size() > 1) dbladeStatuses.erase(dbladeStatuses.begin());
+        return st;
     }
 
     void log(const std::string& call) {
@@ -114,13 +142,18 @@ class VoDelStateTest : public ::testing::Test {
     static unsigned long long lastCreate;
     vodbRec created{};
     unsigned dbladeStatus = 0;
+    std::vector<unsigned> dbladeStatuses;
+    int lpConvertStatus = 0;
     int vldbDeleteStatus = 0;
     int vodbDeleteStatus = 0;
     int vodbCreateStatus = 0;
     CLIENT* vldbClnt = nullptr;
     CLIENT* dbladeClnt = nullptr;
+    char host[10] = "127.0.0.1";
+    DldbRec dldbRec{};
     // Last, so that they stop before what their handlers use.
     FakeRpcServer vldb{VLDB_PROG, VLDB_VERS};
+    FakeRpcServer dldb{DLDB_PROG, DLDB_VERS};
     FakeRpcServer dblade{DBLADE_VOL_PROG, DBLADE_VOL_VERS};
 };
 
@@ -157,13 +190,16 @@ TEST_F(VoDelStateTest, PrepareRecordsOneDeleteSourceAndTakesTheVodbsOpid) {
     EXPECT_TRUE(refused.retiredFromVodb());
 }
 
-// Each row: the answers of the D-blade, the VLDB and the VODB, the calls the
-// delete makes, and the error it keeps. The volume goes first, its record
-// second, the operation's record last; a failure stops the steps after it.
+// Each row: the answers of the D-blade (one per voldelete), the VLDB and the
+// VODB, the calls the delete makes, and the error it keeps. The volume goes
+// first, its record second, the operation's record last; a failure stops the
+// steps after it. "Not on this LP" (21) from the D-blade first asked is asked
+// again of the LP's own D-blade, found through the VLDB: only that one's 21
+// means the volume is gone.
 TEST_F(VoDelStateTest, DeleteRunsItsStepsInOrderAndStopsAtTheFirstFailure) {
     struct Case {
-        unsigned dblade;
-        int vldbDelete, vodbDelete;
+        std::vector<unsigned> dblade;
+        int lpConvert, vldbDelete, vodbDelete;
         std::vector<std::string> calls;
         voErrRc rc;
         voErrFunc func;
@@ -172,32 +208,44 @@ TEST_F(VoDelStateTest, DeleteRunsItsStepsInOrderAndStopsAtTheFirstFailure) {
     };
     const std::vector<std::string> all = {"voldelete 1000", "vldb_delete_record",
                                           "vodb_delete_by_opid 77"};
+    const std::vector<std::string> again = {"voldelete 1000", "vldb_lp_convert", "voldelete 1000",
+                                            "vldb_delete_record", "vodb_delete_by_opid 77"};
+    const std::vector<std::string> askedTwice = {"voldelete 1000", "vldb_lp_convert",
+                                                 "voldelete 1000"};
+    const std::vector<std::string> noLp = {"voldelete 1000", "vldb_lp_convert"};
+    const std::vector<std::string> dbladeOnly = {"voldelete 1000"};
+    const std::vector<std::string> toVldb = {"voldelete 1000", "vldb_delete_record"};
+    const voErrRc ok = voErrRcSuccess;
+    const voErrFunc none = voErrFuncSuccess;
+    // clang-format off
     const Case cases[] = {
-        {0, 0, 0, all, voErrRcSuccess, voErrFuncSuccess, 0, true},
-        {21, 0, 0, all, voErrRcSuccess, voErrFuncSuccess, 0, true},   // volume already gone
-        {0, 105, 0, all, voErrRcSuccess, voErrFuncSuccess, 0, true},  // record already gone
-        {280, 0, 0, all, voErrRcSuccess, voErrFuncSuccess, 0, true},  // D-blade: done before
-        {5, 0, 0, {"voldelete 1000"}, VoErrDblade, voErrDbladeVolDelete, 5, false},
-        {16, 0, 0, {"voldelete 1000"}, VoErrDblade, voErrDbladeVolDelete, 16, false},
-        {0,
-         133,
-         0,
-         {"voldelete 1000", "vldb_delete_record"},
-         VoErrVldb,
-         voErrVldbDeleteRecord,
-         133,
-         false},
-        {0, 0, 145, all, voErrRcSuccess, voErrVodbDeleteByOpid, 145, false},
+        {{0}, 0, 0, 0, all, ok, none, 0, true},
+        {{21}, 0, 0, 0, again, ok, none, 0, true},     // gone from its own D-blade too
+        {{21, 0}, 0, 0, 0, again, ok, none, 0, true},  // on another D-blade than the one asked
+        {{21, 5}, 0, 0, 0, askedTwice, VoErrDblade, voErrDbladeVolDelete, 5, false},
+        {{21}, 110, 0, 0, noLp, VoErrDblade, voErrVldbLpConvert, 110, false},
+        {{0}, 0, 105, 0, all, ok, none, 0, true},      // record already gone
+        {{280}, 0, 0, 0, all, ok, none, 0, true},      // D-blade: done before
+        {{5}, 0, 0, 0, dbladeOnly, VoErrDblade, voErrDbladeVolDelete, 5, false},
+        {{16}, 0, 0, 0, dbladeOnly, VoErrDblade, voErrDbladeVolDelete, 16, false},
+        {{0}, 0, 133, 0, toVldb, VoErrVldb, voErrVldbDeleteRecord, 133, false},
+        {{0}, 0, 0, 145, all, ok, voErrVodbDeleteByOpid, 145, false},
     };
+    // clang-format on
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "dblade " << c.dblade << " vldb " << c.vldbDelete
-                                        << " vodb " << c.vodbDelete);
+        SCOPED_TRACE(testing::Message()
+                     << "dblade " << c.dblade.front() << "," << c.dblade.back() << " lp_convert "
+                     << c.lpConvert << " vldb " << c.vldbDelete << " vodb " << c.vodbDelete);
         VoDelState op;
         op.addSrc(kVid, kLid);
         dbladeStatus = 0;
         ASSERT_EQ(op.prepare(vldbClnt, dbladeClnt), 0u);
         takeCalls();
-        dbladeStatus = c.dblade;
+        {
+            std::lock_guard<std::mutex> g(m);
+            dbladeStatuses = c.dblade;
+        }
+        lpConvertStatus = c.lpConvert;
         vldbDeleteStatus = c.vldbDelete;
         vodbDeleteStatus = c.vodbDelete;
         unsigned r = op.del(vldbClnt, dbladeClnt);
