@@ -120,6 +120,7 @@ unsigned VoServer::batchClntCreate(VoRPCClient& vldb, VoRPCClient& incrcopy,
 
 void VoServer::populateMissingVoStateFromVodb(const unsigned char* lid) {
     VoTrace::Depth depth;
+    voStateList.noteLook();
     VoRPCClient vldb, incrcopy, dbladeVol;
     if (batchClntCreate(vldb, incrcopy, dbladeVol) != 0) {
         // _isFirstCall stays set: the loop tries again after its next wake-up.

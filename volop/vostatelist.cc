@@ -192,14 +192,21 @@ void VoStateList::retireCompletedOps() {
     unlock(true);
 }
 
+void VoStateList::noteLook() { _lookedAt = VoState::getCurrentTime(); }
+
 unsigned long VoStateList::computeSleepTime() {
     unsigned long sleepTime = kMaxSleepSec;
+    unsigned now = VoState::getCurrentTime();
+    // A clock set back restarts the count.
+    if (now != 0 && _lookedAt != 0 && now >= _lookedAt) {
+        const unsigned long since = now - _lookedAt;
+        sleepTime = since >= kMaxSleepSec ? 0 : kMaxSleepSec - since;
+    }
     lock(false);
     if (_voStates.empty()) {
         unlock(false);
         return sleepTime;
     }
-    unsigned now = VoState::getCurrentTime();
     if (now == 0) {
         unlock(false);
         return kClockFailedSleepSec;

@@ -112,8 +112,16 @@ class VoStateList {
     // 30-second check, else the least time until one is, at most 300; 15
     // when the clock cannot be read. Stamps never-checked operations now. A
     // stamp ahead of the clock (resurrection's stagger) is due 30 seconds
-    // after it.
+    // after it. Never past 300 seconds after the last look (noteLook).
     unsigned long computeSleepTime();
+
+    // The loop looked for operations the VODB has and the registry lacks.
+    // The loop sleeps only until a time-out, and every request starts its
+    // sleep afresh: counted from each request, a client asking more often
+    // than every 300 seconds would put off that look for good, and with it
+    // the recovery of records whose creation was never answered. Service
+    // thread only, as computeSleepTime.
+    void noteLook();
 
     // The loop's status check of every operation not looked at for 30
     // seconds and not held by a worker: a concluded stream means a
@@ -151,6 +159,7 @@ class VoStateList {
 
     // Guarded by voStateLock; iterators stay valid across erasure of others.
     std::list<VoState*> _voStates;
+    unsigned _lookedAt = 0;  // clock seconds of the last look; 0: none yet
     pthread_mutex_t voStateLock;
 };
 

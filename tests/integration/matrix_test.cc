@@ -970,9 +970,12 @@ class FaultMatrix : public MatrixTest {
     bool namesTheFailure(const FaultCase& c, const Heard& h) {
         for (const AlsoTold& a : kAlsoTold)
             if (c.proc == a.proc && h.funcrc == a.funcrc) return true;
+        // A mirror destination's completion code is the failed call's own
+        // function code, heard here as (0, 0, code).
         if (c.kind == "refuse")
-            return h.func >= 10000 || h.func == voErrVodClntTcpCreate ||
-                   h.funcrc == VOD_ERR_NO_VLDB_CLIENT || h.funcrc == VOD_ERR_NO_DBLADE_CLIENT;
+            return h.func >= 10000 || (h.func == 0 && h.funcrc >= 10000) ||
+                   h.func == voErrVodClntTcpCreate || h.funcrc == VOD_ERR_NO_VLDB_CLIENT ||
+                   h.funcrc == VOD_ERR_NO_DBLADE_CLIENT;
         auto f = kProcFunc.find(c.proc);
         if (f == kProcFunc.end()) return false;
         const bool rpcForm = h.func == f->second + 10000;

@@ -46,6 +46,7 @@ struct SleepCase {
     // clock, as resurrection staggers them); kNever = never checked.
     std::vector<int> checkedAgo;
     unsigned long expected;
+    int lookedAgo = kNever;  // the registry's last look for missing operations
 };
 
 class SleepTimeTest : public VoStateListTest, public ::testing::WithParamInterface<SleepCase> {};
@@ -58,6 +59,11 @@ TEST_P(SleepTimeTest, IsTheLeastTimeUntilAnOperationIsDue) {
         if (c.checkedAgo[i] != kNever) op->setStatusCheckedAtTime(fakeNow() - c.checkedAgo[i]);
         ops.push_back(op);
     }
+    if (c.lookedAgo != kNever) {
+        fakeNow() -= c.lookedAgo;
+        list.noteLook();
+        fakeNow() += c.lookedAgo;
+    }
     EXPECT_EQ(list.computeSleepTime(), c.expected);
     // Never-checked operations are stamped now, so the next answer counts from here.
     for (size_t i = 0; i < ops.size(); i++) {
@@ -67,20 +73,21 @@ TEST_P(SleepTimeTest, IsTheLeastTimeUntilAnOperationIsDue) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Registry, SleepTimeTest,
-                         ::testing::Values(SleepCase{"Empty", {}, 300},
-                                           SleepCase{"AllCheckedTenAgo", {10, 10}, 20},
-                                           SleepCase{"NeverChecked", {kNever}, 30},
-                                           SleepCase{"CheckedExactlyThirtyAgo", {30}, 0},
-                                           SleepCase{"OneOverdueAmongFresh", {1, 45, 2}, 0},
-                                           SleepCase{"LeastRemainingWins", {5, 25, kNever}, 5},
-                                           SleepCase{"JustChecked", {0}, 30},
-                                           SleepCase{"StampedAheadIsNotDue", {-5}, 35},
-                                           SleepCase{"AheadBesideDue", {-5, 31}, 0},
-                                           SleepCase{"FarAheadSleepsTheLongest", {-4000}, 300}),
-                         [](const ::testing::TestParamInfo<SleepCase>& i) {
-                             return std::string(i.param.name);
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Registry, SleepTimeTest,
+    ::testing::Values(
+        SleepCase{"Empty", {}, 300}, SleepCase{"AllCheckedTenAgo", {10, 10}, 20},
+        SleepCase{"NeverChecked", {kNever}, 30}, SleepCase{"CheckedExactlyThirtyAgo", {30}, 0},
+        SleepCase{"OneOverdueAmongFresh", {1, 45, 2}, 0},
+        SleepCase{"LeastRemainingWins", {5, 25, kNever}, 5}, SleepCase{"JustChecked", {0}, 30},
+        SleepCase{"StampedAheadIsNotDue", {-5}, 35}, SleepCase{"AheadBesideDue", {-5, 31}, 0},
+        SleepCase{"FarAheadSleepsTheLongest", {-4000}, 300},
+        // Requests in between do not put the next look off.
+        SleepCase{"EmptyLookedTenAgo", {}, 290, 10}, SleepCase{"EmptyLookOverdue", {}, 0, 400},
+        SleepCase{"FarAheadUntilTheNextLook", {-4000}, 200, 100},
+        SleepCase{"DueBeforeTheNextLook", {10}, 20, 100},
+        SleepCase{"ClockSetBackSinceTheLook", {}, 300, -50}),
+    [](const ::testing::TestParamInfo<SleepCase>& i) { return std::string(i.param.name); });
 
 unsigned brokenClock() { return 0; }
 
