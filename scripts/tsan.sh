@@ -5,9 +5,9 @@
 # runs the test suite under it: by default every test; with --slice (or
 # VOD_TSAN_SLICE=1) the part CI runs, built for its targets only: the unit
 # and simulator tests and the copy suites (copies side by side, pause and
-# resume, vod killed between steps, the loop answering while a worker waits
-# on a D-blade, voctl top following a copy). --build-only stops after the
-# build (CI builds while other tests run).
+# resume, a few points where vod is killed between steps, the loop answering
+# while a worker waits on a D-blade, voctl top following a copy).
+# --build-only stops after the build (CI builds while other tests run).
 #
 # A race in a test binary ends it with exit code 66; a race in vod, vodsim or
 # a tool they start fails the test through its fixture, which reads the
@@ -34,11 +34,14 @@ for arg in "$@"; do
 done
 
 # The slice's binaries (they bring vod, voctl, vodsim and vodsimctl), and its
-# tests: every unit and simulator test (by label) and those of copy_tests (by
-# name: gtest_discover_tests gives a test one label only).
+# tests: every unit and simulator test (by label), and by name (a test has one
+# label only) copy_tests' copies, voctl top and the loop held up by a D-blade,
+# with three of its crash points: recovery of a running stream, a conclusion
+# and a roll-back, each of which waits out the registry's 30-second look.
 SLICE_TARGETS=(unit_tests sim_tests copy_tests)
 SLICE_LABELS='^(unit|sim)$'
-SLICE_NODE_TESTS='^(CopyReport|VoctlCopyUsage|CopyNodeTest|KilledAt/CopyCrash|TopTest|HeldStreamCall/LoopTest)\.'
+SLICE_NODE_TESTS='^(CopyReport|VoctlCopyUsage|CopyNodeTest|TopTest|HeldStreamCall/LoopTest)\.'
+SLICE_NODE_TESTS+='|^KilledAt/CopyCrash\..*/(MidStreamWhileTheStreamRunsOn|AfterTheStreamEndedBeforeConclusion|MidRollBackAfterTheSinkWasDeleted)'
 
 bash "$ROOT/scripts/install-deps.sh"
 cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVOD_WERROR=ON -DVOD_TSAN=ON \
