@@ -28,6 +28,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "coord.h"
@@ -221,21 +222,46 @@ bool listenFor(const Program& p, const std::vector<SimDblade>& dblades, std::str
   return true;
 }
 
-// Serves one connection until the client goes.  The transport closes its socket when the
-// connection dies inside svc_getreq_common(); the socket's inode tells whether the number
-// still belongs to this connection.
+// The library destroys a connection's transport, and closes its socket, inside
+// svc_getreq_common() when the connection dies. From then on the socket's number is free,
+// and another thread (one opening a volume's folder, the accept loop) may be given it at
+// once: the serving thread must learn of the end without touching that number again. So
+// every connection's transport gets the library's own operations with the destroy step
+// wrapped to note the end for the thread that runs it. Set once by the accept loop before
+// the first serving thread starts.
+using XpOps = std::remove_const_t<std::remove_pointer_t<decltype(SVCXPRT::xp_ops)>>;
+const XpOps* gLibConnOps = nullptr;
+XpOps gConnOps;
+thread_local bool tConnectionGone = false;
+
+void destroyConnection(SVCXPRT* xprt) {
+  tConnectionGone = true;
+  gLibConnOps->xp_destroy(xprt);
+}
+
+// False when the transport is not one of the library's connection transports as the
+// first one was (then its end could not be noticed).
+bool noteConnectionEnd(SVCXPRT* xprt) {
+  if (gLibConnOps == nullptr) {
+    gLibConnOps = xprt->xp_ops;
+    gConnOps = *gLibConnOps;
+    gConnOps.xp_destroy = destroyConnection;
+  }
+  if (xprt->xp_ops != gLibConnOps) return false;
+  xprt->xp_ops = &gConnOps;
+  return true;
+}
+
+// Serves one connection until the client goes.
 void serveConnection(int fd, uint16_t did) {
   simSetServingDblade(did);
-  struct stat first {};
-  if (fstat(fd, &first) != 0) return;
   for (;;) {
     pollfd p{fd, POLLIN, 0};
     int n = poll(&p, 1, -1);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return;
     svc_getreq_common(fd);
-    struct stat now {};
-    if (fstat(fd, &now) != 0 || now.st_ino != first.st_ino || now.st_dev != first.st_dev) return;
+    if (tConnectionGone) return;
   }
 }
 
@@ -265,8 +291,14 @@ void acceptLoop() {
         resetConnection(fd);
         continue;
       }
-      if (!svc_fd_create(fd, 0, 0)) {
+      SVCXPRT* xprt = svc_fd_create(fd, 0, 0);
+      if (!xprt) {
         close(fd);
+        continue;
+      }
+      if (!noteConnectionEnd(xprt)) {
+        std::fprintf(stderr, "vodsim: a connection transport of an unknown kind; dropped\n");
+        svc_destroy(xprt);
         continue;
       }
       std::thread(serveConnection, fd, l.did).detach();

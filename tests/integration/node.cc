@@ -22,6 +22,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "coord.h"
@@ -293,6 +294,16 @@ void UniqueFd::reset(int fd) {
     _fd = fd;
 }
 
+void expectNoRaceReport(const std::string& who, const std::string& output) {
+    size_t at = output.find("WARNING: ThreadSanitizer:");
+    if (at == std::string::npos) at = output.find("ThreadSanitizer:");
+    if (at == std::string::npos) return;
+    // The first report is enough to find the race; a long run may have many.
+    size_t end = output.find("SUMMARY: ThreadSanitizer", at);
+    end = end == std::string::npos ? std::min(output.size(), at + 8000) : output.find('\n', end);
+    ADD_FAILURE() << who << " reported a race:\n" << output.substr(at, end - at);
+}
+
 RunResult runProgram(const std::string& path, const std::vector<std::string>& args, double timeoutSec,
                      const std::vector<std::string>& extraEnv) {
     RunResult r;
@@ -354,6 +365,7 @@ RunResult runProgram(const std::string& path, const std::vector<std::string>& ar
     while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
     }
     r.status = timedOut ? -1 : decodeStatus(st);
+    expectNoRaceReport(path, r.err);
     return r;
 }
 
@@ -558,8 +570,16 @@ Node::~Node() {
 
 std::vector<std::string> Node::vodEnv() const { return {withoutLeakCheck()}; }
 
+void Node::retire(std::unique_ptr<ConsoleChild>& child, const char* who) {
+    if (!child) return;
+    child->kill(SIGKILL);
+    child->wait(5);
+    expectNoRaceReport(who, child->output());
+    child.reset();
+}
+
 bool Node::startVod(std::vector<std::string> args, Wait wait) {
-    if (_vod) killVod(SIGKILL);
+    retire(_vod, "vod");
     _vodArgs = args;
     // A killed vod stays registered; only a registration made by this vod counts.
     pmap_unset(VOPROG, VOVERS);
@@ -637,7 +657,7 @@ Node::Result Node::voctl(std::vector<std::string> args, double timeoutSec) {
 }
 
 bool Node::startSim(std::vector<std::string> extraArgs) {
-    if (_sim) killSim();
+    retire(_sim, "vodsim");
     mkdir(simDir().c_str(), 0755);
     _simArgs = {"--dir", simDir() + "/data", "--control", simDir() + "/control.sock"};
     _simArgs.insert(_simArgs.end(), extraArgs.begin(), extraArgs.end());
@@ -701,8 +721,8 @@ Node::Result Node::simctl(std::vector<std::string> args, double timeoutSec) {
 void Node::stop() {
     for (CLIENT* c : _clients) clnt_destroy(c);
     _clients.clear();
-    _vod.reset();
-    _sim.reset();
+    retire(_vod, "vod");
+    retire(_sim, "vodsim");
 }
 
 // ---- NodeTest

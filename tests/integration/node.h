@@ -69,10 +69,18 @@ struct RunResult {
     std::string out, err;
 };
 
+// Adds a test failure, with the report, when output (everything a child
+// wrote) holds a ThreadSanitizer report. A race in vod, the simulator or a
+// tool must fail the test that ran it, not just sit in a log: the racing
+// process goes on running, and often its exit status is never looked at
+// (a vod killed on purpose, a simulator stopped at tear-down).
+void expectNoRaceReport(const std::string& who, const std::string& output);
+
 // Runs a program to completion with standard input from /dev/null and its
 // two output streams captured; kills it after timeoutSec. This is the runner
 // for the node's command-line tools (voctl now, the simulator's control tool
-// later).
+// later). A race report on its error stream fails the test
+// (expectNoRaceReport).
 RunResult runProgram(const std::string& path, const std::vector<std::string>& args,
                      double timeoutSec = 60, const std::vector<std::string>& extraEnv = {});
 
@@ -210,11 +218,16 @@ class Node {
     // Runs vodsimctl against this node's simulator.
     Result simctl(std::vector<std::string> args, double timeoutSec = 60);
 
-    // Destroys the clients and kills every process this node started.
+    // Destroys the clients and kills every process this node started. Each
+    // vod and vodsim this node ran is checked for race reports when it is
+    // replaced (start, restart) and here (expectNoRaceReport).
     void stop();
 
  private:
     std::vector<std::string> vodEnv() const;
+    // Kills the child if it still runs, waits for the last of its output,
+    // checks that for race reports and lets the child go.
+    static void retire(std::unique_ptr<ConsoleChild>& child, const char* who);
 
     std::string _dir;
     std::unique_ptr<ConsoleChild> _vod;

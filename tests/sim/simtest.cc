@@ -165,7 +165,11 @@ void SimTest::SetUp() {
 
 void SimTest::TearDown() {
   dropClients();
-  if (sim) sim->stop();
+  if (sim) {
+    sim->stop();
+    // The log holds every run of this test's simulator, restarts included.
+    vodtest::expectNoRaceReport("vodsim", sim->log());
+  }
   if (!scratch.empty()) {
     if (HasFailure()) {
       std::printf("simulator scratch kept in %s; log tail:\n%s\n", scratch.c_str(),

@@ -84,7 +84,8 @@ struct XdrOut {
 };
 
 // Fixture: a running simulator per test.  Set simArgs in the constructor of a derived
-// fixture to start it with options (e.g. --config).
+// fixture to start it with options (e.g. --config).  A race report in the simulator's
+// log fails the test at tear-down.
 class SimTest : public ::testing::Test {
  protected:
   void SetUp() override;

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -260,6 +261,44 @@ TEST_F(VoStateListTest, NewOperationOnTheSameVolumeReleasesAFinishedOneKeptForIt
 
 // ---- Status checks ----
 
+// Holds an operation's lock on a thread of its own, as a worker does across
+// its remote calls, until it goes out of scope. Held on the test's own
+// thread instead, the lock would come before the registry's, against the
+// registry's lock order (ThreadSanitizer reports the inversion once the
+// scan queues a job for that operation).
+class WorkerHold {
+  public:
+    explicit WorkerHold(VoState* op) {
+        std::unique_lock<std::mutex> lk(_m);
+        _t = std::thread([this, op] {
+            op->getLock();
+            std::unique_lock<std::mutex> inner(_m);
+            _held = true;
+            _cv.notify_all();
+            _cv.wait(inner, [this] { return _release; });
+            op->releaseLock();
+        });
+        _cv.wait(lk, [this] { return _held; });
+    }
+    ~WorkerHold() {
+        {
+            std::lock_guard<std::mutex> lk(_m);
+            _release = true;
+        }
+        _cv.notify_all();
+        _t.join();
+    }
+    WorkerHold(const WorkerHold&) = delete;
+    WorkerHold& operator=(const WorkerHold&) = delete;
+
+  private:
+    std::mutex _m;
+    std::condition_variable _cv;
+    bool _held = false;
+    bool _release = false;
+    std::thread _t;
+};
+
 class CheckForCompletedOpsTest : public VoStateListTest {
   protected:
     void SetUp() override {
@@ -362,11 +401,12 @@ TEST_P(ScanTest, NeverWaitsAndLeavesTheDbladeToAWorker) {
     op->setRunning(true);
     op->setStatusCheckedAtTime(fakeNow() - c.checkedAgo);
     if (c.assigned) op->setJobAssignedToThread();
-    // A default mutex refuses a second taker even on the thread that holds it,
-    // so the scan below would hang here if it waited for the lock.
-    if (c.lockTaken) op->getLock();
-    list.checkForCompletedOps(nullptr, nullptr, nullptr);
-    if (c.lockTaken) op->releaseLock();
+    // The hold ends only after the scan returns, so the scan would hang here
+    // if it waited for the lock.
+    {
+        std::unique_ptr<WorkerHold> hold(c.lockTaken ? new WorkerHold(op) : nullptr);
+        list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    }
     EXPECT_EQ(op->getStatusCheckedAtTime() == fakeNow(), c.stamped);
     if (c.checked) {
         ASSERT_TRUE(
@@ -393,9 +433,10 @@ TEST_F(CheckForCompletedOpsTest, SkippedWhileBusyIsCheckedWhenNextDue) {
     FakeOp* op = add(1);
     op->setRunning(true);
     op->setStatusCheckedAtTime(fakeNow() - 30);
-    op->getLock();
-    list.checkForCompletedOps(nullptr, nullptr, nullptr);
-    op->releaseLock();
+    {
+        WorkerHold hold(op);
+        list.checkForCompletedOps(nullptr, nullptr, nullptr);
+    }
     fakeNow() += 29;
     list.checkForCompletedOps(nullptr, nullptr, nullptr);
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
